@@ -1,0 +1,99 @@
+#pragma once
+
+#include <sched.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace kesto {
+
+/// Spinning reader-writer lock with writer preference, made for one long-lived reader and brief writers.
+///
+/// It waits with sched_yield() only and never sleeps on a kernel object; an uncontended read lock costs one
+/// compare-and-swap, one load and one subtraction. Not recursive for writers; a holder of one role must not
+/// ask for the other. Unlocking a role that is not held corrupts the counts. Neither copied nor moved.
+class ReadWriteLock {
+public:
+  enum Type { Reader = 0, Writer = 1 };
+
+  /// One role of a lock, for std::lock_guard and its kin.
+  template <Type type>
+  class Lock {
+  public:
+    explicit Lock(ReadWriteLock* lock) : owner(lock) {}
+
+    void lock() {
+      if constexpr (type == Reader)
+        owner->lock_as_reader();
+      else
+        owner->lock_as_writer();
+    }
+
+    void unlock() {
+      if constexpr (type == Reader)
+        owner->unlock_as_reader();
+      else
+        owner->unlock_as_writer();
+    }
+
+  private:
+    ReadWriteLock* owner;
+  };
+
+  ReadWriteLock() : reader_role(this), writer_role(this) {
+    writing.store(false);
+    readers.store(0);
+  }
+  ~ReadWriteLock() = default;
+  ReadWriteLock(const ReadWriteLock&) = delete;
+  ReadWriteLock& operator=(const ReadWriteLock&) = delete;
+  ReadWriteLock(ReadWriteLock&&) = delete;
+  ReadWriteLock& operator=(ReadWriteLock&&) = delete;
+
+  Lock<Reader>& reader() { return reader_role; }
+  Lock<Writer>& writer() { return writer_role; }
+
+  /// Waits while a writer holds or has claimed the lock.
+  void lock_as_reader() {
+    for (;;) {
+      std::uint32_t count = readers.load();
+      if (!readers.compare_exchange_weak(count, count + 1)) continue;
+      if (!writing.load()) return;
+      readers.fetch_sub(1);
+      while (writing.load()) sched_yield();
+    }
+  }
+
+  void unlock_as_reader() { readers.fetch_sub(1); }
+
+  /// Claims the lock, which keeps new readers out, then waits for the readers inside to leave.
+  void lock_as_writer() {
+    for (;;) {
+      const bool seen = writing.load();
+      bool expected = seen;
+      if (!writing.compare_exchange_weak(expected, true)) continue;
+      if (!seen) break;
+      sched_yield();
+    }
+    while (readers.load() != 0) sched_yield();
+  }
+
+  void unlock_as_writer() { writing.store(false); }
+
+  /// For a thread that holds the read lock: lets a waiting writer go first and returns with the read lock
+  /// held again. Without a waiting writer it costs one load.
+  void resolve_pending_write() {
+    if (!writing.load()) return;
+    unlock_as_reader();
+    while (writing.load()) sched_yield();
+    lock_as_reader();
+  }
+
+private:
+  std::atomic<bool> writing;
+  std::atomic<std::uint32_t> readers;
+  Lock<Reader> reader_role;
+  Lock<Writer> writer_role;
+};
+
+}  // namespace kesto

@@ -1,0 +1,227 @@
+#include "kesto/udpsocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace kesto::net {
+namespace {
+
+const char* const kAnyAddress = "0.0.0.0";
+
+// Datagrams of this size and beyond count as too long.
+constexpr size_t kSizeLimit = 8192;
+
+sockaddr_in socket_address(in_addr_t address, int port) {
+  sockaddr_in result{};
+  result.sin_family = AF_INET;
+  result.sin_addr.s_addr = address;
+  result.sin_port = htons(static_cast<std::uint16_t>(port));
+  return result;
+}
+
+}  // namespace
+
+HostAddress::HostAddress(std::string text) {
+  in_addr address{};
+  if (inet_pton(AF_INET, text.c_str(), &address) == 1 && from_ipv4(address.s_addr).text() == text) {
+    is_number = true;
+    number = address.s_addr;
+  } else {
+    other_text = std::move(text);
+  }
+}
+
+HostAddress HostAddress::from_ipv4(std::uint32_t number) {
+  HostAddress address;
+  address.is_number = true;
+  address.number = number;
+  return address;
+}
+
+std::string HostAddress::text() const {
+  if (!is_number) return other_text;
+  std::array<char, INET_ADDRSTRLEN> text{};
+  in_addr address{};
+  address.s_addr = number;
+  inet_ntop(AF_INET, &address, text.data(), static_cast<socklen_t>(text.size()));
+  return text.data();
+}
+
+bool HostAddress::ipv4(std::uint32_t& result) const {
+  if (is_number) {
+    result = number;
+    return true;
+  }
+  in_addr address{};
+  if (inet_pton(AF_INET, other_text.c_str(), &address) != 1) return false;
+  result = address.s_addr;
+  return true;
+}
+
+/// Datagrams fetched by one call, in order.
+struct UdpSocket::Batch {
+  // As many as one call may bring. A burst of 16 universes costs one call; the share of the call itself in
+  // the cost of a datagram is small from there on, and more slots only spread over more cache.
+  static constexpr unsigned int kSlots = 64;
+
+  // Any UDP datagram fits whole. Memory is taken only as far as datagrams reach; the odd distance keeps the
+  // beginnings of the slots out of one another's cache sets.
+  static constexpr size_t kSlotSize = 65536 + 576;
+
+  Batch() : bytes(new (std::nothrow) char[kSlots * kSlotSize]) {
+    for (unsigned int i = 0; i < kSlots; ++i) {
+      parts[i].iov_base = bytes.get() + i * kSlotSize;
+      parts[i].iov_len = kSlotSize;
+      messages[i].msg_hdr.msg_iov = &parts[i];
+      messages[i].msg_hdr.msg_iovlen = 1;
+      messages[i].msg_hdr.msg_name = &senders[i];
+      messages[i].msg_hdr.msg_namelen = sizeof senders[i];
+    }
+  }
+
+  const char* data() const { return bytes.get() + first * kSlotSize; }
+  size_t size() const { return messages[first].msg_len; }
+  const sockaddr_in& sender() const { return senders[first]; }
+
+  unsigned int first = 0;  // slot of the datagram at the head
+  unsigned int count = 0;  // slots filled by the last call; the head reaches it when all are read
+  std::unique_ptr<char[]> bytes;
+  std::array<mmsghdr, kSlots> messages{};
+  std::array<iovec, kSlots> parts{};
+  std::array<sockaddr_in, kSlots> senders{};
+};
+
+UdpSocket::UdpSocket() = default;
+
+UdpSocket::~UdpSocket() {
+  if (fd != -1) close(fd);
+}
+
+bool UdpSocket::initialize() {
+  return initialized || create();
+}
+
+bool UdpSocket::create() {
+  // A descriptor left by an initialisation that failed half-way.
+  if (fd != -1) close(fd);
+  fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd == -1) return false;
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags == -1) return false;
+  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) == -1) return false;
+  const int on = 1;
+  if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) return false;
+  batch.reset(new (std::nothrow) Batch);
+  if (batch == nullptr || batch->bytes == nullptr) {
+    errno = ENOMEM;
+    return false;
+  }
+  initialized = true;
+  return true;
+}
+
+bool UdpSocket::bind(const HostAddress& address, int port) {
+  if (!initialize()) return false;
+  if (address != kAnyAddress) return false;
+  const sockaddr_in local = socket_address(htonl(INADDR_ANY), port);
+  return ::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+}
+
+bool UdpSocket::bind(int port) {
+  return bind(kAnyAddress, port);
+}
+
+bool UdpSocket::fetch() const {
+  if (batch->first < batch->count) return true;
+  int received = 0;
+  do {
+    received = recvmmsg(fd, batch->messages.data(), Batch::kSlots, MSG_DONTWAIT, nullptr);
+  } while (received == -1 && errno == EINTR);
+  batch->first = 0;
+  batch->count = received > 0 ? static_cast<unsigned int>(received) : 0;
+  return received > 0;
+}
+
+bool UdpSocket::hasFetchedDatagrams() const {
+  return initialized && batch->first < batch->count;
+}
+
+bool UdpSocket::hasPendingDatagrams() const {
+  if (!initialized) return false;
+  return fetch() || errno == EMSGSIZE;
+}
+
+std::int64_t UdpSocket::pendingDatagramSize() const {
+  if (!initialized) return -1;
+  if (!fetch() || batch->size() >= kSizeLimit) return -1;
+  return static_cast<std::int64_t>(batch->size());
+}
+
+std::int64_t UdpSocket::readDatagram(char* data, unsigned int maxSize, HostAddress* address, int* port) {
+  if (!initialize()) return 0;
+  const bool received = fetch();
+  const sockaddr_in sender = received ? batch->sender() : sockaddr_in{};
+  if (address != nullptr) *address = HostAddress::from_ipv4(sender.sin_addr.s_addr);
+  if (port != nullptr) *port = ntohs(sender.sin_port);
+  if (!received) return -1;
+  const size_t size = std::min<size_t>(batch->size(), maxSize);
+  if (size > 0) memcpy(data, batch->data(), size);
+  ++batch->first;
+  return static_cast<std::int64_t>(size);
+}
+
+std::string_view UdpSocket::takeDatagram(HostAddress& address, int& port) {
+  if (!initialize() || !fetch()) return {};
+  const sockaddr_in& sender = batch->sender();
+  address = HostAddress::from_ipv4(sender.sin_addr.s_addr);
+  port = ntohs(sender.sin_port);
+  const std::string_view datagram(batch->data(), batch->size());
+  ++batch->first;
+  return datagram;
+}
+
+std::int64_t UdpSocket::writeDatagram(const char* data, unsigned int size, const HostAddress& address,
+                                      int port) {
+  if (!initialize()) return -1;
+  std::uint32_t destination = 0;
+  if (!address.ipv4(destination)) {
+    errno = EINVAL;
+    return -1;
+  }
+  const sockaddr_in peer = socket_address(destination, port);
+  return sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+}
+
+int UdpSocket::select_with_tm(int timeout_ms, bool read) const {
+  if (read && hasFetchedDatagrams()) return 1;
+  if (fd < 0 || fd >= FD_SETSIZE) {
+    errno = EBADF;
+    return -1;
+  }
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(fd, &set);
+  timeval timeout{};
+  timeout.tv_sec = timeout_ms / 1000;
+  timeout.tv_usec = static_cast<suseconds_t>(timeout_ms % 1000) * 1000;
+  return select(fd + 1, read ? &set : nullptr, read ? nullptr : &set, nullptr,
+                timeout_ms < 0 ? nullptr : &timeout);
+}
+
+bool UdpSocket::waitForReadyRead(int timeout_ms) {
+  if (!initialize()) return false;
+  return select_with_tm(timeout_ms, true) > 0;
+}
+
+}  // namespace kesto::net

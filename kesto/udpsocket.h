@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kesto::net {
+
+/// IPv4 address as dotted-decimal text, for example 192.168.1.20. Holds any text; only sending needs it to be
+/// an address. An address is kept as its number and gets its text when somebody asks for it.
+class HostAddress {
+public:
+  HostAddress() = default;
+  // Implicit on purpose: an address is its text.
+  HostAddress(std::string text);  // NOLINT(google-explicit-constructor)
+  HostAddress(const char* text)
+      : HostAddress(std::string(text != nullptr ? text : "")) {}  // NOLINT(google-explicit-constructor)
+
+  /// @param number  in network byte order
+  static HostAddress from_ipv4(std::uint32_t number);
+
+  std::string text() const;
+  bool empty() const { return !is_number && other_text.empty(); }
+
+  /// Number of the address in network byte order. @return false when the text is no IPv4 address
+  bool ipv4(std::uint32_t& result) const;
+
+  friend bool operator==(const HostAddress& a, const HostAddress& b) {
+    // A text is held as a number only when it is the text of that number, so the two kinds are never equal.
+    if (a.is_number != b.is_number) return false;
+    return a.is_number ? a.number == b.number : a.other_text == b.other_text;
+  }
+  friend bool operator!=(const HostAddress& a, const HostAddress& b) { return !(a == b); }
+
+private:
+  bool is_number = false;
+  std::uint32_t number = 0;  // network byte order
+  std::string other_text;    // when it is no number
+};
+
+/// Thin non-blocking IPv4 UDP socket with broadcast allowed, created by the first operation that needs it.
+///
+/// Datagrams are fetched from the kernel in batches and kept in order until they are read; to a caller it
+/// looks as if each operation asked the kernel itself.
+///
+/// Every operation reports failure by its result and leaves errno as the failing call set it; nothing throws
+/// or logs. No lock: one thread reads; sends from several threads at once are safe in the kernel.
+class UdpSocket {
+public:
+  UdpSocket();
+  ~UdpSocket();
+  UdpSocket(const UdpSocket&) = delete;
+  UdpSocket& operator=(const UdpSocket&) = delete;
+  UdpSocket(UdpSocket&&) = delete;
+  UdpSocket& operator=(UdpSocket&&) = delete;
+
+  /// Creates the socket unless it exists. @return true when it is ready.
+  bool initialize();
+
+  /// Binds to the wildcard address, the only one accepted: any text but "0.0.0.0" gives false and binds
+  /// nothing.
+  bool bind(const HostAddress& address, int port);
+  bool bind(int port);
+
+  /// True when a datagram waits. Creates no socket.
+  bool hasPendingDatagrams() const;
+
+  /// True when a datagram has been fetched already. Never asks the kernel.
+  bool hasFetchedDatagrams() const;
+
+  /// Size of the datagram at the head of the queue, which stays queued. Creates no socket.
+  /// @return bytes (0..8191), or -1 when nothing waits, the peek fails, or the datagram is 8192 bytes or
+  /// longer.
+  std::int64_t pendingDatagramSize() const;
+
+  /// Takes one datagram from the queue; what is beyond @p maxSize is lost. With @p maxSize 0 it is discarded
+  /// whole.
+  /// @param address, port  sender, written when not null; "0.0.0.0" and 0 when the receive failed.
+  /// @return bytes, or -1; with @p maxSize 0: 0 for success; 0 as well when the socket cannot be created.
+  std::int64_t readDatagram(char* data, unsigned int maxSize, HostAddress* address, int* port);
+
+  /// Takes one datagram from the queue and leaves its bytes where they are.
+  /// @param address, port  sender
+  /// @return its bytes, good until the next operation that receives or waits; data() is null when there is
+  /// none
+  std::string_view takeDatagram(HostAddress& address, int& port);
+
+  /// Sends one datagram, without a retry. @return bytes sent, or -1 (errno EINVAL when @p address is no IPv4
+  /// address).
+  std::int64_t writeDatagram(const char* data, unsigned int size, const HostAddress& address, int port);
+
+  /// Waits until the socket is readable (@p read) or writable. Creates no socket.
+  /// @param timeout_ms  negative: without limit
+  /// @return above 0 ready, 0 time-out, -1 error (also without a descriptor that select() can take).
+  int select_with_tm(int timeout_ms, bool read) const;
+
+  /// True when a datagram can be read within the time-out.
+  bool waitForReadyRead(int timeout_ms);
+
+private:
+  struct Batch;
+
+  /// Makes the socket. @return false when a step of it failed
+  bool create();
+
+  /// Fetches what waits, unless datagrams of the last batch are left. @return false when there is none (see
+  /// errno).
+  bool fetch() const;
+
+  std::int32_t fd = -1;
+  bool initialized = false;
+  std::unique_ptr<Batch> batch;  // made with the socket
+};
+
+}  // namespace kesto::net

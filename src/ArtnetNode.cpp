@@ -1,0 +1,65 @@
+#include "src/ArtnetNode.h"
+
+#include <QDBusMetaType>
+#include <QHash>
+#include <tuple>
+
+bool operator<(const ArtnetNode& a, const ArtnetNode& b) {
+  return std::tie(a.universe, a.ip, a.port, a.short_name, a.long_name) <
+         std::tie(b.universe, b.ip, b.port, b.short_name, b.long_name);
+}
+
+std::size_t ArtnetNodeHash::operator()(const ArtnetNode& node) const {
+  QtPrivate::QHashCombine combine;
+  uint hash = 0;
+  hash = combine(hash, node.universe);
+  hash = combine(hash, node.port);
+  hash = combine(hash, node.ip);
+  hash = combine(hash, node.short_name);
+  return combine(hash, node.long_name);
+}
+
+QDBusArgument& operator<<(QDBusArgument& argument, const ArtnetNode& node) {
+  argument.beginStructure();
+  argument << node.id << node.short_name << node.long_name << node.universe << node.ip << node.port;
+  argument.endStructure();
+  return argument;
+}
+
+const QDBusArgument& operator>>(const QDBusArgument& argument, ArtnetNode& node) {
+  argument.beginStructure();
+  argument >> node.id >> node.short_name >> node.long_name >> node.universe >> node.ip >> node.port;
+  argument.endStructure();
+  return argument;
+}
+
+QDBusArgument& operator<<(QDBusArgument& argument, const std::vector<ArtnetNode>& nodes) {
+  argument.beginArray(qMetaTypeId<ArtnetNode>());
+  for (const ArtnetNode& node : nodes) argument << node;
+  argument.endArray();
+  return argument;
+}
+
+const QDBusArgument& operator>>(const QDBusArgument& argument, std::vector<ArtnetNode>& nodes) {
+  nodes.clear();
+  argument.beginArray();
+  while (!argument.atEnd()) {
+    ArtnetNode node{};
+    argument >> node;
+    nodes.push_back(std::move(node));
+  }
+  argument.endArray();
+  return argument;
+}
+
+void register_node_types() {
+  static const bool registered = [] {
+    qRegisterMetaType<ArtnetNode>("ArtnetNode");
+    // Registers the conversion to a sequential iterable with it.
+    qRegisterMetaType<std::vector<ArtnetNode>>("std::vector<ArtnetNode>");
+    qDBusRegisterMetaType<ArtnetNode>();
+    qDBusRegisterMetaType<std::vector<ArtnetNode>>();
+    return true;
+  }();
+  Q_UNUSED(registered);
+}

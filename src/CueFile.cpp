@@ -1,0 +1,73 @@
+#include "src/CueFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <cstdlib>
+#include <memory>
+#include <ossp/uuid++.hh>
+
+#include "src/ThreadSignals.h"
+
+namespace {
+
+constexpr int kNameTries = 3;
+
+/// Time-based UUID in its 36-character text form; empty when none could be made.
+QString time_based_uuid() {
+  try {
+    uuid id;
+    id.make(UUID_MAKE_V1);
+    const std::unique_ptr<char, decltype(&free)> text(id.string(), &free);
+    return QString::fromLatin1(text.get());
+  } catch (uuid_error_t&) {
+    return {};
+  }
+}
+
+}  // namespace
+
+QString new_cue_path(const QString& destpath) {
+  for (int i = 0; i < kNameTries; ++i) {
+    const QString name = time_based_uuid();
+    QString candidate = destpath + QLatin1Char('/') + name;
+    if (!name.isEmpty() && !QFile::exists(candidate)) return candidate;
+  }
+  return {};
+}
+
+bool open_for_grabbing(QFile& file, const QString& path) {
+  constexpr mode_t kPermissions = 0666;
+  const int fd = open(QFile::encodeName(path).constData(),
+                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kPermissions);
+  if (fd == -1) return false;
+  struct stat status {};
+  const bool is_pipe = fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+  if (!is_pipe && file.open(fd, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle))
+    return true;
+  close(fd);
+  return false;
+}
+
+bool copy_cue(const QString& from, const QString& to) {
+  constexpr qint64 kPortion = 1 << 20;
+  QFile source(from);
+  // Looked at before it is opened: opening a pipe would wait for a writer.
+  if (!QFileInfo(from).isFile() || !source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) return false;
+  QFile copy(to);
+  if (!copy.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)) return false;
+  QByteArray portion(static_cast<int>(kPortion), Qt::Uninitialized);
+  for (;;) {
+    const qint64 size = source.read(portion.data(), portion.size());
+    if (size == 0) break;
+    if (size < 0 || end_requested() || copy.write(portion.constData(), size) != size) {
+      copy.remove();
+      return false;
+    }
+  }
+  copy.setPermissions(source.permissions());
+  return true;
+}

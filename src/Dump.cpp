@@ -1,0 +1,57 @@
+#include "src/Dump.h"
+
+#include "kesto/device_info.h"
+#include "kesto/logger.h"
+
+// Life cycle of the service object and the wiring of its parser.
+
+Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
+  listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
+}
+
+Dump::Dump(qint32 announced, std::nullptr_t)
+    : latest_grab_summary(std::make_shared<const GrabSummary>()), universe_count(announced) {
+  register_node_types();
+  connect(&trigger_signals, &OnArtnetTriggerObject::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
+  connect(this, &Dump::OnArtnetTrigger, this, [this] { --triggers_under_way; });
+  kesto::device::initialize();
+  device_ip_hex = kesto::device::ip_address();
+  device_mac = kesto::device::mac_address();
+  broadcast_ip = kesto::device::broadcast_ip();
+  wire_parser();
+  artpoll_request_done = true;
+}
+
+Dump::~Dump() {
+  running = false;
+  {
+    // Wakes the polling thread, whatever it waits for.
+    const std::lock_guard<std::mutex> guard(artpoll_request_mutex);
+    artpoll_request_done = true;
+  }
+  artpoll_request_cv.notify_all();
+  if (listen_thread.joinable()) listen_thread.join();
+  if (poll_thread.joinable()) poll_thread.join();
+  if (grab_file.isOpen()) grab_buffer.flush(grab_stream);
+}
+
+void Dump::wire_parser() {
+  parser.on_trigger = [this](ArtTrigger& trigger) { process_artnet_trigger(trigger); };
+  parser.on_dmx = [this](ArtDmx& dmx) {
+    if (!parser.from_stale_bytes()) holds_dmx = true;
+    process_artnet_trigger_dmx(dmx);
+  };
+  parser.on_poll = [this](ArtPoll& poll) {
+    // What lies in the buffer from before has been answered: else one byte would bring dozens of answers.
+    if (!parser.from_stale_bytes()) process_art_poll(poll);
+  };
+  parser.on_poll_reply = [this](ArtPollReply& reply) { process_art_poll_reply(reply); };
+  parser.on_unknown = [this](ArtHeader&) {
+    KESTO_LOG(6, "[Dump::ArtNetParser::on_unknown] Failed to parse unknown packet (%d)",
+              static_cast<int>(parser.packet_count));
+  };
+  parser.on_error = [this](const std::error_code ec) {
+    KESTO_LOG(-2, "[Dump::ArtNetParser::on_error] Failed to parse packet (%d, ec:%d)",
+              static_cast<int>(parser.packet_count), ec.value());
+  };
+}

@@ -1,0 +1,233 @@
+#pragma once
+
+#include <QDataStream>
+#include <QFile>
+#include <QObject>
+#include <QString>
+#include <atomic>
+#include <bitset>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <istream>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "kesto/read_write_lock.h"
+#include "kesto/udpsocket.h"
+#include "src/ArtNet.h"
+#include "src/ArtNetParser.h"
+#include "src/ArtnetNode.h"
+#include "src/GrabBuffer.h"
+#include "src/GrabSummary.h"
+#include "src/SignalRelays.h"
+
+/// The service object: recorder, remote triggers, node detection and manual nodes behind one D-Bus interface.
+///
+/// Its public slots are the D-Bus methods and run on the main thread, one at a time; they report a refusal by
+/// their result or only by a log line, never as a D-Bus error. A receive thread owns the UDP socket and does
+/// all datagram work; a polling thread, once started, detects nodes. Every D-Bus message leaves from the main
+/// thread.
+class Dump : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "com.tolvekserver.Kadrel.Dump")
+
+public:
+  /// Starts the receive thread on UDP port @p port.
+  /// @param announced  universes to announce in answer to an ArtPoll
+  explicit Dump(int port, qint32 announced = 1);
+
+  /// Ends the threads within about one second. A recording in progress is closed, not finalised.
+  ~Dump() override;
+
+  Dump(const Dump&) = delete;
+  Dump& operator=(const Dump&) = delete;
+  Dump(Dump&&) = delete;
+  Dump& operator=(Dump&&) = delete;
+
+public slots:
+  // Recorder.
+  void grab(const QString& filename);
+  QString dup_cue(const QString& destpath, const QString& filename);
+  void stop();
+  QString get_status();
+  QString latest_grab();
+
+  // Node detection.
+  bool set_automatic_node_detection(bool enable);
+  bool request_node_detection();
+  bool node_detection_request_pending();
+  bool start_polling_artnet_nodes();
+  QString get_detected_nodes();
+  bool remove_detected_nodes();
+
+  // Manual nodes.
+  bool init_manual_nodes(const std::vector<ArtnetNode>& nodes);
+  bool add_manual_node(const ArtnetNode& node);
+  bool update_manual_node(const ArtnetNode& node);
+  bool remove_manual_node(int id);
+  void remove_all_manual_nodes();
+
+  // Control universe.
+  bool set_ctrl_universe(int universe);
+  bool set_ctrl_action(int key_channel, int value_channel, int step);
+  bool set_ctrl_record(int channel, int threshold);
+
+signals:
+  void OnArtnetTrigger(int key, int subkey);
+  void OnArtnetNodesUpdated(const QString& message);
+
+private:
+  // A test drives single steps without a thread or a network.
+  friend class DumpProbe;
+
+  enum GrabState : qint32 { Off = 0, Armed = 1, StartPending = 2, Running = 3, StopPending = 4 };
+
+  /// ArtPolls of one asker whose replies are not all sent yet.
+  struct PendingReplies {
+    kesto::net::HostAddress address;
+    int port;
+    qint32 next;     // port-address of the next reply
+    qint32 count;    // universes announced to this asker
+    qint32 repeats;  // further ArtPolls that came meanwhile
+  };
+
+  /// Everything but the receive thread.
+  explicit Dump(qint32 announced, std::nullptr_t);
+
+  void wire_parser();
+
+  // Receive thread.
+  void listen_incoming_data(int port);
+  void serve_artpoll_request();
+  bool receive_datagram();
+  void handle_datagram(const kesto::net::HostAddress& this_device_ip);
+  void relay_datagram();
+  bool parse_datagram(std::string_view datagram);
+  void process_datagram(std::string_view datagram);
+  void record_datagram(std::string_view datagram);
+  void process_art_poll(const ArtPoll& poll);
+  void process_art_poll_reply(const ArtPollReply& reply);
+  void process_artnet_trigger(const ArtTrigger& trigger);
+  void process_artnet_trigger_dmx(const ArtDmx& dmx);
+  void trigger_dmx_idle(const ArtDmx& dmx);
+  void trigger_dmx_grab(const ArtDmx& dmx);
+  void emit_trigger(int key, int subkey);
+
+  /// Sends at most @p limit of the replies that are due. @return ms after which to go on: 0 at once, a long
+  /// time when nothing is due
+  int send_poll_replies(int limit);
+
+  // Main thread with state_lock as writer, or receive thread with state_lock as reader.
+  void finalize_grabbing();
+
+  // Any holder of state_lock.
+  bool ctrl_action_enabled() const;
+  bool ctrl_record_enabled() const;
+  static bool ctrl_action_with_step(int key);
+
+  // Receive thread, holding poll_mutex.
+  void take_in_node(const ArtnetNode& node);
+
+  // Polling thread. The two waits return false once the service is ending.
+  void poll_artnet_nodes();
+  bool run_detection_cycle(std::unique_lock<std::mutex>& request_lock, ArtnetNodesUpdatedObject& updates);
+  bool send_artpoll(std::unique_lock<std::mutex>& request_lock);
+  bool pause(std::unique_lock<std::mutex>& request_lock, std::chrono::milliseconds duration);
+  void begin_detection_cycle();
+  void evaluate_detection_cycle(ArtnetNodesUpdatedObject& updates);
+
+  std::vector<ArtnetNode>::iterator find_manual_node(qint32 id);
+
+  // Constant after construction.
+  std::string device_ip_hex;  // own IPv4 address, 8 hexadecimal digits in the order of the dotted form
+  std::string device_mac;     // 12 hexadecimal digits
+  std::string broadcast_ip;   // dotted decimal
+
+  std::atomic<bool> running{true};  // cleared by the destructor
+
+  // Receive thread only.
+  std::unique_ptr<kesto::net::UdpSocket> socket;
+
+  // Guarded by state_lock: D-Bus methods write, the receive thread, while it holds the reader side, reads and
+  // writes.
+  qint32 grab_state = Off;
+  std::shared_ptr<const GrabSummary> latest_grab_summary;
+  QFile grab_file;
+  QString grab_file_name;
+  QDataStream grab_stream;  // raw bytes only, into grab_file
+  GrabBuffer grab_buffer;   // what has not gone into grab_stream yet
+
+  std::thread listen_thread;
+  kesto::ReadWriteLock state_lock;
+  OnArtnetTriggerObject trigger_signals;
+  std::atomic<qint32> triggers_under_way{0};  // emitted by the receive thread, not yet by the main thread
+
+  // Receive thread, or main thread with state_lock as writer.
+  qint64 rx_time = 0;                         // ns on kesto::Clock: current datagram
+  qint64 prev_rx_time = 0;                    // ns on kesto::Clock: last recorded datagram
+  std::unordered_set<qint32> grab_universes;  // 0-based port-addresses
+  std::bitset<65536> grab_universe_noted;     // the same set, for a quick look
+  qint32 grab_max_universe = -1;
+  qint32 current_universe = -1;  // 0-based port-address of the ArtDmx being processed
+  qint32 grab_packet_count = 0;
+  bool record_current = false;
+
+  // Receive thread only.
+  ArtNetParser parser;
+  kesto::net::HostAddress sender_address;
+  qint32 sender_port = 0;
+
+  // Guarded by state_lock: D-Bus methods write, the receive thread reads. -1: not set.
+  qint32 ctrl_universe = -1;          // 1..32768
+  qint32 ctrl_key_channel = -1;       // 1..512
+  qint32 ctrl_value_channel = -1;     // 1..512
+  qint32 ctrl_step = -1;              // 1..255
+  qint32 ctrl_record_channel = -1;    // 1..512
+  qint32 ctrl_record_threshold = -1;  // 1..255
+
+  std::atomic<qint32> universe_count;  // universes announced in answer to an ArtPoll
+
+  // Flags of node detection: set by D-Bus methods, read and cleared by the polling thread.
+  std::atomic<bool> automatic_detection{true};
+  std::atomic<bool> detection_requested{false};
+  std::atomic<bool> detection_in_progress{false};
+
+  // Main thread only.
+  std::thread poll_thread;
+
+  // Lock order: artpoll_request_mutex, poll_mutex, detected_mutex.
+  std::mutex poll_mutex;
+  std::mutex detected_mutex;
+  std::atomic<bool> nodes_changed{false};  // the current cycle met a node that the previous list did not hold
+  std::vector<ArtnetNode> detected_nodes;  // sorted; written with both mutexes held, read with either
+
+  // Guarded by poll_mutex: the current cycle.
+  std::vector<ArtnetNode> poll_seen_nodes;     // in the previous list, answered again
+  std::vector<ArtnetNode> poll_new_nodes;      // not in the previous list
+  std::vector<ArtnetNode> poll_missing_nodes;  // in the previous list, no answer yet; sorted as that list is
+  std::unordered_set<ArtnetNode, ArtnetNodeHash> poll_answered;  // what the first two lists hold
+
+  // Main thread only.
+  std::vector<ArtnetNode> manual_nodes;  // in order of insertion
+
+  // The ArtPoll that the polling thread asks the receive thread to send. Guarded by artpoll_request_mutex,
+  // which the polling thread lets go only while it waits.
+  char artpoll_request_address[16] = {};  // zero-terminated
+  qint32 artpoll_request_port = 0;
+  ArtPoll artpoll_request_packet{};
+  std::atomic<bool> artpoll_request_done{true};  // false while a request waits
+  std::mutex artpoll_request_mutex;
+  std::condition_variable artpoll_request_cv;
+
+  // Receive thread only.
+  std::string_view current_datagram;  // the current one, in the memory of the socket
+  PacketStream packet;                // the same, for the parser
+  std::istream packet_stream{&packet};
+  bool holds_dmx = false;  // the current datagram itself, not only stale bytes behind it, holds an ArtDmx
+  std::deque<PendingReplies> pending_replies;
+};

@@ -1,0 +1,155 @@
+#include <QByteArray>
+#include <algorithm>
+#include <cerrno>
+#include <istream>
+#include <system_error>
+
+#include "kesto/delay.h"
+#include "kesto/device_info.h"
+#include "kesto/logger.h"
+#include "src/ArtNetPackets.h"
+#include "src/Dump.h"
+#include "src/RelayRequest.h"
+#include "src/ThreadSignals.h"
+
+// The receive thread: everything that arrives by UDP, and everything that leaves by it.
+
+namespace {
+
+constexpr int kWaitMs = 1000;
+
+// Due ArtPollReplies sent between two datagrams, and between two looks at an idle socket: an answer of
+// thousands of replies goes out beside a recording without holding it up.
+constexpr int kRepliesPerDatagram = 4;
+constexpr int kRepliesPerWait = 64;
+
+// Pause after a wait that failed at once, so that a socket that cannot be waited for does not take a whole
+// processor.
+constexpr std::chrono::milliseconds kFailedWaitPause(100);
+
+std::string error_text(int error) {
+  return std::generic_category().message(error);
+}
+
+}  // namespace
+
+void Dump::listen_incoming_data(int port) {
+  leave_signals_to_main_thread();
+  KESTO_LOG(3, "[Dump::listen_incoming_data] Starting");
+  socket = std::make_unique<kesto::net::UdpSocket>();
+  if (!socket->bind("0.0.0.0", port)) KESTO_LOG(-2, "Failed to bind grabber socket");
+  const kesto::net::HostAddress this_device_ip = dotted_address(device_ip_hex);
+  KESTO_LOG(3, "[Dump::listen_incoming_data] This device IP is: %s", this_device_ip.text().c_str());
+
+  state_lock.lock_as_reader();
+  bool ready = false;
+  bool waited = false;
+  while (running) {
+    if (!artpoll_request_done) serve_artpoll_request();
+    int wait_ms = kWaitMs;
+    if (!pending_replies.empty()) {
+      wait_ms = std::min(wait_ms, send_poll_replies(ready ? kRepliesPerDatagram : kRepliesPerWait));
+    }
+    // Behind a wait the kernel is asked; afterwards only what it gave, for the next wait asks it anyway.
+    if (ready) ready = waited ? socket->hasPendingDatagrams() : socket->hasFetchedDatagrams();
+    waited = !ready;
+    if (!ready) {
+      state_lock.unlock_as_reader();
+      errno = 0;
+      ready = socket->waitForReadyRead(wait_ms);
+      if (!ready && errno != 0 && errno != EINTR) kesto::sleep_for(kFailedWaitPause);
+      state_lock.lock_as_reader();
+      continue;
+    }
+    ready = receive_datagram();
+    if (!ready) continue;
+    state_lock.resolve_pending_write();
+    handle_datagram(this_device_ip);
+  }
+  state_lock.unlock_as_reader();
+  socket.reset();
+  KESTO_LOG(3, "[Dump::listen_incoming_data] Finished");
+}
+
+void Dump::serve_artpoll_request() {
+  std::string address;
+  qint32 port = 0;
+  ArtPoll poll{};
+  {
+    // The flag is raised under the mutex: raised before, the poller could see it early and keep the mutex for
+    // the rest of its cycle, and this thread would wait for it here.
+    const std::lock_guard<std::mutex> guard(artpoll_request_mutex);
+    address = static_cast<const char*>(artpoll_request_address);
+    port = artpoll_request_port;
+    poll = artpoll_request_packet;
+    artpoll_request_done = true;
+  }
+  artpoll_request_cv.notify_one();
+  if (!is_allowed_destination(address, port)) return;
+  if (socket->writeDatagram(reinterpret_cast<const char*>(&poll), sizeof poll, address, port) == -1) {
+    const int error = errno;
+    KESTO_LOG(-2, "Failed to send artpoll datagram (ip:%s, port:%d) due to %s. errno %d", address.c_str(),
+              port, error_text(error).c_str(), error);
+  }
+}
+
+bool Dump::receive_datagram() {
+  rx_time = kesto::Clock::now().time_since_epoch().count();
+  const std::int64_t size = socket->pendingDatagramSize();
+  if (size == -1) {
+    KESTO_LOG(-2, "Failed to read pending datagram size");
+    // A datagram that is too long would stay at the head of the queue for ever.
+    socket->readDatagram(nullptr, 0, nullptr, nullptr);
+    return false;
+  }
+  current_datagram = socket->takeDatagram(sender_address, sender_port);
+  if (current_datagram.data() == nullptr) {
+    KESTO_LOG(-2, "Failed to read pending datagram");
+    return false;
+  }
+  return true;
+}
+
+void Dump::handle_datagram(const kesto::net::HostAddress& this_device_ip) {
+  static const kesto::net::HostAddress loopback("127.0.0.1");
+  if (sender_address == loopback) {
+    relay_datagram();
+    return;
+  }
+  if (sender_address == this_device_ip) return;
+  process_datagram(current_datagram);
+  if (grab_state == StopPending) finalize_grabbing();
+}
+
+void Dump::relay_datagram() {
+  const auto request =
+      read_relay_request(current_datagram.data(), current_datagram.size(), kesto::device::manufacturer_id());
+  if (!request || !is_allowed_destination(request->address, request->port)) return;
+  if (socket->writeDatagram(request->payload, static_cast<unsigned int>(request->size), request->address,
+                            request->port) == -1) {
+    const int error = errno;
+    KESTO_LOG(-2, "Failed to send datagram (ip:%s, port:%d) due to %s. errno %d", request->address.c_str(),
+              request->port, error_text(error).c_str(), error);
+  }
+}
+
+bool Dump::parse_datagram(std::string_view datagram) {
+  packet.refer(datagram);
+  packet_stream.clear();
+  std::error_code ec;
+  parser.parse(packet_stream, ec);
+  return !ec;
+}
+
+void Dump::process_datagram(std::string_view datagram) {
+  // Only an ArtDmx of this very datagram may mark it for recording.
+  record_current = false;
+  holds_dmx = false;
+  if (!parse_datagram(datagram)) {
+    KESTO_LOG(
+        3, "[Dump::process_datagram] Failed to parse datagram (data:%s)",
+        QByteArray::fromRawData(datagram.data(), static_cast<int>(datagram.size())).toBase64().constData());
+    return;
+  }
+  if (holds_dmx) record_datagram(datagram);
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+/// Datagram that a local process hands the service over 127.0.0.1, to be sent on from the Art-Net port.
+struct RelayRequest {
+  std::string address;  // as it stands in the datagram, at most 15 characters
+  std::int32_t port = 0;
+  const char* payload = nullptr;  // inside the datagram
+  std::size_t size = 0;           // bytes, at least 1
+};
+
+/// Request held by a datagram: manufacturer id (32 bits), address text (16 bytes), port (32 bits), payload,
+/// all in host order. @return nothing when it is shorter than 25 bytes or carries another manufacturer id.
+std::optional<RelayRequest> read_relay_request(const char* datagram, std::size_t size,
+                                               std::uint16_t manufacturer_id);
+
+/// Whether the service sends there: not to nowhere, not to itself, not to a system port (1024..65535 are
+/// allowed).
+bool is_allowed_destination(const std::string& address, std::int32_t port);

@@ -1,0 +1,177 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusError>
+#include <QDebug>
+#include <QLoggingCategory>
+#include <QSocketNotifier>
+#include <QTextCodec>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+#include "kesto/logger.h"
+#include "src/Dump.h"
+#include "src/Settings.h"
+#include "src/ThreadSignals.h"
+
+namespace {
+
+const char* const kVersion = "1.5.2";
+
+// Self-pipe: signals go in at [1], the event loop reads [0].
+int signal_pipe[2] = {-1, -1};
+
+// Set until the event loop runs. Read by signal handlers, which may run on a thread of the framework.
+std::atomic<bool> starting{true};
+
+// A start that a signal ends has this long to reach the event loop: a bus that accepts the connection and
+// never answers would hold it for ever.
+constexpr unsigned int kStartSeconds = 2;
+
+void on_end_signal(int /*signal*/) {
+  const int saved_errno = errno;
+  request_end();
+  const char byte = 0;
+  // A full pipe holds a signal already.
+  [[maybe_unused]] const ssize_t written = write(signal_pipe[1], &byte, sizeof byte);
+  if (starting.load()) alarm(kStartSeconds);
+  errno = saved_errno;
+}
+
+void on_alarm(int /*signal*/) {
+  if (starting.load()) _exit(0);
+}
+
+void handle_signal(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+}
+
+bool install_signal_handlers() {
+  if (pipe2(signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+  handle_signal(SIGALRM, on_alarm);
+  handle_signal(SIGTERM, on_end_signal);
+  handle_signal(SIGINT, on_end_signal);
+  // A terminal that is closed ends the service as well, unless whoever started it said otherwise (nohup).
+  struct sigaction hang_up {};
+  sigaction(SIGHUP, nullptr, &hang_up);
+  if (hang_up.sa_handler == SIG_DFL) handle_signal(SIGHUP, on_end_signal);
+  // The starter's mask is inherited.
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&ending, signal);
+  pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
+  // A closed terminal or a file size limit makes a write fail; neither may end a recording.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  return true;
+}
+
+/// Puts /dev/null where standard input, output or error is closed, so that no file or socket of the service
+/// gets their numbers and with them what is written to the terminal.
+void occupy_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) [[maybe_unused]]
+      const int opened = open("/dev/null", O_RDWR);
+  }
+}
+
+void print_usage() {
+  // Straight to standard error: by default the framework chooses the journal when there is no terminal.
+  qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+    fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
+  });
+  QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+  qDebug("Usage: ./kadrel port ");
+  qDebug("  ,where        port - dump on port ");
+}
+
+void configure_logger() {
+  const QByteArray level_text = qgetenv("KADREL_LOG_LEVEL");
+  const QByteArray output_text = qgetenv("KADREL_LOG_OUTPUT");
+  const auto level = parse_log_level(level_text.constData());
+  const auto output = parse_log_output(output_text.constData());
+  kesto::Logger* const logger = kesto::Logger::instance();
+  logger->setLevel(level.value_or(3));
+  logger->setOutput(output.value_or(kesto::Logger::Syslog));
+  if (!level && !level_text.isNull()) {
+    KESTO_LOG(-1, "KADREL_LOG_LEVEL is not an integer, using 3 (value:%s)", level_text.constData());
+  }
+  if (!output && !output_text.isNull()) {
+    KESTO_LOG(-1, "KADREL_LOG_OUTPUT is not syslog, console or none, using syslog (value:%s)",
+              output_text.constData());
+  }
+}
+
+qint32 announced_universes() {
+  const QByteArray text = qgetenv("KADREL_UNIVERSE_COUNT");
+  if (text.isNull()) return 1;
+  const auto count = parse_universe_count(text.constData());
+  if (!count) {
+    KESTO_LOG(-1, "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:%s)",
+              text.constData());
+  }
+  return count.value_or(1);
+}
+
+/// Runs the service until a signal ends it. @return exit code of the process
+int serve(int port) {
+  Dump dump(port, announced_universes());
+  QDBusConnection bus = QDBusConnection::sessionBus();
+  if (!bus.isConnected()) {
+    KESTO_LOG(-2,
+              "Cannot connect to the D-Bus session bus.\n"
+              "To start it, run:\n"
+              "\teval `dbus-launch --auto-syntax`\n");
+    return 1;
+  }
+  if (!bus.registerService(QStringLiteral("%1.Kadrel").arg(QStringLiteral("com.tolvekserver")))) {
+    KESTO_LOG(-2, "%s\n", bus.lastError().message().toLocal8Bit().constData());
+    return 1;
+  }
+  if (!bus.registerObject(QStringLiteral("/"), &dump,
+                          QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals)) {
+    KESTO_LOG(-2, "%s\n", bus.lastError().message().toLocal8Bit().constData());
+    return 1;
+  }
+  starting.store(false);
+  return QCoreApplication::exec();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  occupy_standard_descriptors();
+  if (argc < 2) {
+    print_usage();
+    return 1;
+  }
+  // The framework takes arguments of its own out of the list.
+  const char* const port_text = argv[1];
+  if (!install_signal_handlers()) return 1;
+  QCoreApplication app(argc, argv);
+  // Paths and names on the bus are UTF-8 whatever the locale says.
+  QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+  QSocketNotifier end_notifier(signal_pipe[0], QSocketNotifier::Read);
+  QObject::connect(&end_notifier, &QSocketNotifier::activated, &app, [&end_notifier] {
+    end_notifier.setEnabled(false);
+    QCoreApplication::exit(0);
+  });
+  configure_logger();
+  KESTO_LOG(1, "Kadrel Version: %s", kVersion);
+  try {
+    return serve(static_cast<int>(strtol(port_text, nullptr, 10)));
+  } catch (const std::system_error& error) {
+    KESTO_LOG(-2, "Cannot start the service: %s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,162 @@
+#!/usr/bin/env python3
+"""Writes the seed inputs of the fuzz targets: make_seeds.py DIRECTORY [CAPTURE...].
+
+A CAPTURE is a file of datagrams, each behind its size (16 bits, low byte first), in the order in which a console sent
+them. Every seed is named after what it holds.
+"""
+
+import json
+import struct
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "service"))
+
+from harness.artnet import (  # noqa: E402  found through the path above
+    art_dmx,
+    art_poll,
+    art_poll_reply,
+    art_trigger,
+    header,
+    oem_vfps,
+    oem_vfps_ns,
+    relay,
+    slots,
+)
+
+NODE = {
+    "ip": "10.77.0.9",
+    "port": 6454,
+    "oem": 0x1234,
+    "esta_man": 0x7FF0,
+    "short_name": b"Dimmer \xe4 %3",
+    "long_name": b'Dimmer "4" with four ports, unterminated'.ljust(64, b"."),
+    "num_ports": 4,
+    "port_types": bytes([0x80, 0x85, 0xC5, 0x40]),
+    "sw_out": bytes([0, 1, 2, 3]),
+    "net_switch": 1,
+    "sub_switch": 2,
+}
+REPLY = art_poll_reply(**NODE)
+DMX = art_dmx(0, slots({1: 1, 2: 0x37, 5: 255}))
+SHORT_DMX = art_dmx(3, b"\x01\x37\x00\x00\xff")
+TRIGGER = art_trigger(7, 3)
+
+# Name -> datagrams in a row.
+STREAMS = {
+    "poll": [art_poll()],
+    "reply": [REPLY],
+    "reply_cut": [REPLY[:20], REPLY[:10], REPLY[:9], REPLY[:238]],
+    "dmx": [DMX, SHORT_DMX, art_dmx(0x8005, bytes(2)), art_dmx(1, b"")],
+    "dmx_lengths": [art_dmx(0, bytes(n), length=length) for n, length in
+                    [(0, 1), (511, 511), (512, 512), (513, 513), (50, 100), (0, 65535), (1, 1), (600, 512)]],
+    "trigger": [TRIGGER, art_trigger(255, 255, payload=b"")],
+    "oem": [oem_vfps(), oem_vfps_ns(-1), oem_vfps_ns(1) + DMX],
+    "unknown": [header(0x6000) + bytes(20), header(0x6000) + SHORT_DMX],
+    "all_in_one": [art_poll() + SHORT_DMX + REPLY + TRIGGER + oem_vfps() + oem_vfps_ns(5) + DMX],
+    "garbage_in_front": [b"x" * n + SHORT_DMX for n in (1, 7, 500, 511, 1000)],
+    "no_back_off": [b"A" + SHORT_DMX, b"Art-Net" + SHORT_DMX],
+    "cut_identifiers": [b"Art-Net\0"[:n] for n in range(9)],
+    "over_the_refill": [bytes(512 - n) + SHORT_DMX for n in (1, 7, 8, 9, 10, 11, 17, 18, 19, 22, 23)],
+    "stale_behind": [SHORT_DMX + SHORT_DMX + SHORT_DMX, b"short", SHORT_DMX, b"\0"],
+    "stale_at_the_end": [bytes(490) + header(0x5000), art_poll(), b"x"],
+    "stale_split": [b"12345-Net\0\x00\x50" + bytes(100), b"12Art", b"xx"],
+    "recording": [SHORT_DMX + oem_vfps_ns(1000) + SHORT_DMX + oem_vfps_ns(2000) + DMX],
+    "empty": [b"", b"\0", b"x" * 8191],
+}
+
+
+def parser_input(datagrams, callbacks=0):
+    return bytes([callbacks]) + b"".join(struct.pack("<HB", len(each), 0) + each for each in datagrams)
+
+
+# Steps of the service object, as its target reads them.
+def number(value):
+    return b"\x00" if value == -1 else b"\x20" + bytes([value]) if value < 256 else b"\x80" + struct.pack("<H", value)
+
+
+def raw(datagram, who=0):
+    return b"\x00" + struct.pack("<H", len(datagram)) + datagram + bytes([who])
+
+
+GRAB, STOP, ASK = b"\x0b\x00", b"\x0d", b"\x0e"
+CONTROL = b"\x0f" + number(1)
+ACTION = b"\x10" + number(1) + number(2) + number(10)
+RECORD = b"\x11" + number(5) + number(128)
+ON, OFF = raw(art_dmx(0, slots({5: 128}, 5))), raw(art_dmx(0, slots({5: 127}, 5)))
+CLOCK = b"\x14\xff\xff\xff\xff"
+
+
+def node(key, text=b"n"):
+    piece = bytes([len(text)]) + text
+    return number(key) + piece + piece + number(5) + b"\x0810.0.0.9" + number(6454)
+
+
+SERVICE = {
+    "recording": GRAB + raw(SHORT_DMX) + CLOCK + raw(DMX) + raw(b"noise") + raw(DMX) + STOP + ASK,
+    "armed": CONTROL + RECORD + GRAB + OFF + ON + raw(SHORT_DMX) + CLOCK + raw(DMX) + ON + OFF + ASK,
+    "armed_twice": (CONTROL + RECORD + GRAB + ON + raw(SHORT_DMX) + OFF) * 2 + ASK,
+    "last_packet_decides": CONTROL + RECORD + GRAB + ON + raw(SHORT_DMX + art_dmx(0, slots({5: 1}, 5)) + SHORT_DMX) + ASK,
+    "stale_dmx": GRAB + raw(SHORT_DMX * 3) + raw(b"short") + raw(art_poll()) + raw(SHORT_DMX) + STOP + ASK,
+    "triggers": CONTROL + ACTION + raw(DMX) + raw(TRIGGER) + GRAB + raw(DMX) + raw(TRIGGER) + STOP,
+    "full_disk": b"\x0b\x06" + raw(DMX) * 3 + STOP + ASK + GRAB + raw(DMX) + STOP + ASK,
+    "bad_files": b"\x0b\x03\x0b\x04\x0b\x05\x0b\x02" + raw(DMX) + STOP + ASK,
+    "settings": b"".join(b"\x0f" + bytes([n]) + b"\x10" + bytes([n] * 3) + b"\x11" + bytes([n] * 2) for n in range(14)),
+    "polls": raw(art_poll()) + b"\x15\x01\x04" + raw(art_poll(), 1) + b"\x15\x00\xff" * 9 + raw(art_poll() * 3),
+    "detection": b"\x13\x00" + raw(REPLY) + raw(REPLY) + b"\x13\x02\x13\x00" + raw(REPLY) + b"\x13\x02\x13\x07"
+                 + b"\x13\x00\x13\x02\x13\x04\x00\x13\x05\x13\x00" + raw(REPLY) + b"\x13\x02\x13\x06",
+    "manual": b"\x12\x00" + node(1) + b"\x12\x00" + node(1) + b"\x12\x03" + node(1, b"%1;%3") + b"\x12\x04" + number(1)
+              + b"\x12\x07\x02" + node(7) + node(7) + b"\x12\x06",
+    "relay": raw(relay(b"payload", "10.0.0.7", 6454), 244) + raw(relay(b"", "10.0.0.7", 6454), 244)
+             + raw(relay(b"x", b"255.255.255.255x", 1024), 244),
+    "own_datagram": GRAB + raw(DMX, 243) + raw(DMX) + STOP,
+}
+
+BRANDS = {
+    "full": json.dumps({"short_name": "Rec", "long_name": "Recorder of the house", "manufacturer": "T", "model": "K",
+                        "oem_id": 8465, "manufacturer_id": "32752", "modules": ["recorder", 5, "player"]}),
+    "odd": '{"short_name": 1e999, "long_name": null, "oem_id": "0x21", "manufacturer_id": -1, "modules": {}}',
+    "half_numbers": '{"oem_id": 8465.9, "manufacturer_id": 2147483648, "modules": [[], "a", "", "b"]}',
+    "array": '["short_name"]',
+    "broken": '{"short_name": "',
+    "unicode": '{"short_name": "\\ud83d\\ude00 \u00fc", "long_name": "a\\u0000b", "oem_id": "65537"}',
+}
+
+RELAYS = {
+    "plain": (0x7FF0, relay(b"payload", "10.0.0.7", 6454, 0x7FF0)),
+    "shortest": (0, relay(b"x", "255.255.255.255", 65535)),
+    "no_payload": (0, relay(b"", "10.0.0.7", 6454)),
+    "unterminated": (0, relay(b"x", b"1" * 16, 1023)),
+    "loopback": (0, relay(b"x", "127.0.0.1", 1024)),
+    "other_maker": (1, relay(b"x", "10.0.0.7", -1)),
+    "empty": (0, b""),
+}
+
+
+def captured(path):
+    content, datagrams = path.read_bytes(), []
+    while content:
+        (size,) = struct.unpack_from("<H", content)
+        datagrams.append(content[2 : 2 + size])
+        content = content[2 + size :]
+    return datagrams
+
+
+def main():
+    top = Path(sys.argv[1])
+    captures = {Path(name).stem: captured(Path(name)) for name in sys.argv[2:]}
+    inputs = {
+        "parser": {name: parser_input(each) for name, each in {**STREAMS, **captures}.items()},
+        "receive": {name: b"\x01" + steps for name, steps in SERVICE.items()},
+        "brand": {name: text.encode() for name, text in BRANDS.items()},
+        "relay": {name: struct.pack("<H", maker) + datagram for name, (maker, datagram) in RELAYS.items()},
+    }
+    for name, datagrams in captures.items():
+        inputs["receive"][name] = b"\x00" + GRAB + b"".join(raw(each) + CLOCK for each in datagrams) + STOP + ASK
+    for target, seeds in inputs.items():
+        (top / target).mkdir(parents=True, exist_ok=True)
+        for name, content in seeds.items():
+            (top / target / name).write_bytes(content)
+
+
+main()

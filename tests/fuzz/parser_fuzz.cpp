@@ -1,0 +1,131 @@
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <istream>
+
+#include "src/ArtNetParser.h"
+#include "tests/fuzz/datagram_model.h"
+#include "tests/fuzz/script.h"
+
+// Several datagrams in a row through one parser, whose buffer carries bytes from one to the next. Every
+// callback, every byte of its record and every result is compared with the model.
+//
+// Input: one byte that says which callbacks are set, then per datagram its size (16 bits), the callback in
+// which the parser is stopped, and its bytes.
+
+namespace {
+
+struct Called {
+  DatagramModel::Kind kind;
+  std::uint32_t packet_count;
+  bool stale;
+  std::vector<std::uint8_t> record;
+
+  friend bool operator==(const Called& a, const Called& b) {
+    return a.kind == b.kind && a.packet_count == b.packet_count && a.stale == b.stale && a.record == b.record;
+  }
+};
+
+template <typename Record>
+std::vector<std::uint8_t> bytes_of(const Record& record) {
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
+  return {bytes, bytes + sizeof record};
+}
+
+/// The record that the callback of an event is to get.
+std::vector<std::uint8_t> record_of(const DatagramModel::Event& event) {
+  std::vector<std::uint8_t> record = event.bytes;
+  const auto to_host_order = [&record](std::size_t offset) { std::swap(record[offset], record[offset + 1]); };
+  switch (event.kind) {
+    case DatagramModel::PollReply:
+      record.resize(239);
+      for (const std::size_t offset : {16U, 20U, 172U}) to_host_order(offset);
+      for (const std::size_t last : {43U, 107U, 171U}) record[last] = 0;
+      break;
+    case DatagramModel::Dmx:
+      record.resize(530);
+      to_host_order(16);
+      break;
+    case DatagramModel::Trigger:
+      record.resize(530);
+      for (const std::size_t offset : {10U, 14U}) to_host_order(offset);
+      break;
+    case DatagramModel::Oversized:
+      record.clear();
+      break;
+    default:
+      break;
+  }
+  return record;
+}
+
+class Comparison {
+public:
+  explicit Comparison(unsigned callbacks) {
+    model.takes_poll = (callbacks & 1U) == 0;
+    model.takes_poll_reply = (callbacks & 2U) == 0;
+    if (model.takes_poll) parser.on_poll = [this](ArtPoll& record) { called(DatagramModel::Poll, record); };
+    if (model.takes_poll_reply)
+      parser.on_poll_reply = [this](ArtPollReply& record) { called(DatagramModel::PollReply, record); };
+    parser.on_dmx = [this](ArtDmx& record) { called(DatagramModel::Dmx, record); };
+    parser.on_oem_vfps = [this](ArtOemVfps& record) { called(DatagramModel::OemVfps, record); };
+    parser.on_oem_vfps_ns = [this](ArtOemVfpsNs& record) { called(DatagramModel::OemVfpsNs, record); };
+    parser.on_trigger = [this](ArtTrigger& record) { called(DatagramModel::Trigger, record); };
+    parser.on_unknown = [this](ArtHeader& record) { called(DatagramModel::Unknown, record); };
+    parser.on_error = [this](const std::error_code ec) {
+      REQUIRE(ec.value() == errc::DataOversized);
+      note({DatagramModel::Oversized, parser.packet_count, parser.from_stale_bytes(), {}});
+    };
+  }
+
+  void parse(const std::vector<char>& datagram, int stop_at) {
+    calls.clear();
+    stop_event = stop_at;
+    PacketStream packet(datagram.data(), datagram.size());
+    std::istream stream(&packet);
+    std::error_code ec;
+    parser.parse(stream, ec);
+
+    const auto* data = reinterpret_cast<const std::uint8_t*>(datagram.data());
+    const DatagramModel::Result expected = model.parse(data, datagram.size(), stop_at);
+    REQUIRE(calls.size() == expected.events.size());
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      const DatagramModel::Event& event = expected.events[i];
+      REQUIRE((calls[i] == Called{event.kind, event.packet_count, event.stale, record_of(event)}));
+    }
+    REQUIRE(ec.value() == expected.error);
+    REQUIRE(!ec || &ec.category() == &errc::artnet_parser_error_category::instance());
+    REQUIRE(parser.packet_count == expected.packet_count);
+    REQUIRE(parser.running == expected.left_running);
+  }
+
+private:
+  template <typename Record>
+  void called(DatagramModel::Kind kind, const Record& record) {
+    note({kind, parser.packet_count, parser.from_stale_bytes(), bytes_of(record)});
+  }
+
+  void note(Called call) {
+    calls.push_back(std::move(call));
+    if (static_cast<int>(calls.size()) - 1 == stop_event) parser.stop();
+  }
+
+  ArtNetParser parser;
+  DatagramModel model;
+  std::vector<Called> calls;
+  int stop_event = -1;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Script script(data, size);
+  Comparison comparison(script.byte());
+  while (!script.at_end()) {
+    const std::size_t length = script.word() % 8192;
+    const int stop_at = script.byte() - 1;
+    comparison.parse(script.bytes(length), stop_at);
+  }
+  return 0;
+}

@@ -1,0 +1,166 @@
+"""The namespaces of one world, seen from the test process."""
+
+import json
+import os
+import socket
+import subprocess
+import sys
+
+AGENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "agent.py")
+PYTHON = "/usr/bin/python3"
+
+
+class AgentError(RuntimeError):
+    pass
+
+
+def own_user_namespace():
+    """The options that give an ordinary user the rights of root in namespaces of his own."""
+    return [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+
+
+class Namespaces:
+    """One mount namespace, and a network namespace called "appliance" to begin with.
+
+    Works as root and, through a user namespace, as an ordinary user. All of it
+    goes away with the test process, however that ends.
+    """
+
+    def __init__(self, directory):
+        self.directory = directory
+        self._networks = {}
+        self._channel, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        with theirs:
+            python = PYTHON if os.path.exists(PYTHON) else sys.executable
+            self._agent = subprocess.Popen(
+                ["unshare", *own_user_namespace(), "--mount", "--net", "--", python, "-I", "-S", AGENT]
+                + [str(theirs.fileno()), directory],
+                pass_fds=[theirs.fileno()],
+                stdin=subprocess.DEVNULL,
+                # Out of the terminal's process group: an interrupt reaches the tests, which then close the world.
+                start_new_session=True,
+            )
+        if not self._channel.recv(100):
+            raise AgentError(f"the agent ended with {self._agent.wait()} before its namespaces stood")
+        _, (self._user, self._mounts) = self._ask("namespaces", descriptors=2)
+        _, (self._networks["appliance"],) = self._ask("known_network", descriptors=1, name="appliance")
+
+    @property
+    def root(self):
+        """The root directory of the mount namespace, as a path that this process can open."""
+        return f"/proc/{self._agent.pid}/root"
+
+    def _ask(self, operation, descriptors=0, **arguments):
+        self._channel.send(json.dumps({"operation": operation, **arguments}).encode())
+        reply, received, _, _ = socket.recv_fds(self._channel, 1 << 20, 4)
+        if not reply:
+            raise AgentError(f"the agent is gone (asked for {operation})")
+        answer = json.loads(reply)
+        if "error" in answer:
+            raise AgentError(f"{operation} {arguments}: {answer['error']}")
+        assert len(received) == descriptors, f"{operation} sent {len(received)} descriptors"
+        return answer, received
+
+    def add_network(self, name):
+        _, (self._networks[name],) = self._ask("network", descriptors=1, name=name)
+
+    def ip(self, network, *commands):
+        """Runs `ip` commands (without the word ip) in a network namespace."""
+        self._ask("ip", network=network, script="\n".join(commands) + "\n")
+
+    def wire(self, network, interface, other_network, other_interface):
+        """Joins two network namespaces by a pair of interfaces, which are down yet."""
+        self._ask(
+            "wire",
+            network=network,
+            interface=interface,
+            other_network=other_network,
+            other_interface=other_interface,
+        )
+
+    def cable(self, network, interface, commands, switch, port, bridge):
+        """Joins an interface of one namespace to a bridge in another and returns when packets pass.
+
+        `commands`: `ip` commands that set the interface up.
+        """
+        self._ask(
+            "cable",
+            network=network,
+            interface=interface,
+            commands=commands,
+            switch=switch,
+            port=port,
+            bridge=bridge,
+        )
+
+    def udp_socket(self, network, address, port, reuse=False):
+        _, (descriptor,) = self._ask(
+            "udp", descriptors=1, network=network, address=address, port=port, reuse=reuse
+        )
+        return socket.socket(fileno=descriptor)
+
+    def log_socket(self, path, queue):
+        """A Unix datagram socket at `path` that queues up to `queue` datagrams."""
+        _, (descriptor,) = self._ask("log_socket", descriptors=1, path=path, queue=queue)
+        return socket.socket(fileno=descriptor)
+
+    def packet_socket(self, network, interface):
+        _, (descriptor,) = self._ask("packet", descriptors=1, network=network, interface=interface)
+        return socket.socket(fileno=descriptor)
+
+    def mount_tmpfs(self, path, size):
+        """A file system of `size` bytes on `path`, seen by the processes of this world; read it below `root`."""
+        self._ask("tmpfs", path=path, size=size)
+
+    def write_zeros(self, path, size):
+        """Writes up to `size` zero bytes into a file of the mount namespace; returns how many fitted."""
+        return self._ask("write", path=path, size=size)[0]["written"]
+
+    def remove_file(self, path):
+        self._ask("remove", path=path)
+
+    def popen(self, command, network="appliance", directory=None, as_user=(), **arguments):
+        """Starts a command inside the world; the returned process is the command itself.
+
+        The command dies with the thread that started it, so start from the main
+        thread. `as_user`: a prefix that changes the user inside (see `olad`).
+        """
+        descriptors = [self._mounts, self._networks[network]]
+        enter = ["nsenter", f"--mount=/proc/self/fd/{self._mounts}", f"--net=/proc/self/fd/{self._networks[network]}"]
+        if os.geteuid() != 0:
+            descriptors.append(self._user)
+            enter += [f"--user=/proc/self/fd/{self._user}", "--preserve-credentials"]
+        full = [*enter, *as_user, "setpriv", "--pdeathsig", "KILL", "env", "-C", directory or self.directory, *command]
+        return subprocess.Popen(
+            full,
+            pass_fds=[*descriptors, *arguments.pop("pass_fds", ())],
+            stdin=arguments.pop("stdin", subprocess.DEVNULL),
+            **arguments,
+        )
+
+    def run(self, command, network="appliance", deadline=20, input=None, **arguments):
+        """Runs a command inside the world to its end; its output as text. `input`: text for its standard input."""
+        process = self.popen(
+            command,
+            network,
+            stdin=subprocess.DEVNULL if input is None else subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            **arguments,
+        )
+        try:
+            output, _ = process.communicate(input, timeout=deadline)
+        finally:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+        if process.returncode != 0:
+            raise AssertionError(f"{command} ended with {process.returncode}:\n{output}")
+        return output
+
+    def close(self):
+        self._channel.close()
+        for descriptor in [self._user, self._mounts, *self._networks.values()]:
+            os.close(descriptor)
+        self._agent.wait()

@@ -1,0 +1,202 @@
+"""What could hold the service up from outside: a hanging log or bus, terminals, long copies, a strange parent, forgeries."""
+
+import contextlib
+import os
+import signal
+import socket
+import subprocess
+import threading
+
+import pytest
+from gi.repository import GLib
+from harness import SERVICE, Recording
+from harness.artnet import art_dmx, art_poll, art_poll_reply
+from harness.service import EXECUTABLE
+from harness.waiting import spin_until
+from texts import BANNER, LISTEN_FINISHED, LISTEN_STARTING, device_ip
+
+MUSIC = [art_dmx(3, bytes([number] * 100)) for number in range(50)]
+
+
+def send_and_wait(world, datagrams):
+    """Sends, then asks with an ArtPoll: its answer comes when all before it has been processed, without a log line."""
+    world.console.send(*datagrams, art_poll())
+    world.console.receive_until(lambda reply: len(reply.data) == 239)
+
+
+PSEUDO_TERMINAL = """
+import fcntl, os, struct, sys
+terminal = os.open("/dev/pts/ptmx", os.O_RDWR)
+fcntl.ioctl(terminal, 0x40045431, struct.pack("i", 0))
+print(struct.unpack("i", fcntl.ioctl(terminal, 0x80045430, bytes(4)))[0], flush=True)
+sys.stdin.read()
+"""
+
+
+def test_a_log_daemon_that_stops_reading_holds_nothing_up(service):
+    world = service.world
+    path = world.path("cue")
+    world.log.stop_reading()
+    for _ in range(20):
+        send_and_wait(world, [b"no packet"] * 100)
+    service.client.grab(path)
+    send_and_wait(world, MUSIC)
+    service.client.stop()
+    assert Recording.read(path).datagrams == MUSIC
+    assert service.client.get_status() == "off"
+    world.log.go_on_reading()
+    lines = world.log.mark()
+    service.client.stop()
+    world.log.wait_for_text("[Dump::stop] Failed to stop grabber, idle", lines)
+    world.log.wait_for(lambda line: line.message.endswith(" lines dropped, the system log took none"))
+
+
+def test_the_end_does_not_wait_for_a_log_daemon_that_stops_reading(service):
+    service.world.log.stop_reading()
+    for _ in range(10):
+        send_and_wait(service.world, [b"no packet"] * 100)
+    assert service.end() == 0
+
+
+def test_a_terminal_that_nobody_reads_holds_nothing_up(service):
+    namespaces, client = service.world.namespaces, service.client
+    namespaces.run(["sh", "-c", "mkdir -p /dev/pts && mount -t devpts devpts /dev/pts -o newinstance,ptmxmode=666"])
+    holder = namespaces.popen(
+        ["/usr/bin/python3", "-c", PSEUDO_TERMINAL], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+    )
+    try:
+        client.grab(f"/dev/pts/{holder.stdout.readline().strip()}")
+        assert client.get_status() == "on"
+        service.feed(MUSIC * 8)
+        assert client.get_status() == "run"
+        client.stop()
+        assert client.get_status() == "off"
+        client.grab(service.world.path("cue"))
+        service.feed(MUSIC)
+        client.stop()
+        assert Recording.read(service.world.path("cue")).datagrams == MUSIC
+    finally:
+        holder.communicate()
+    assert service.end() == 0
+
+
+@pytest.mark.skipif(
+    b"__tsan_init" in EXECUTABLE.read_bytes(),
+    reason="the thread sanitizer keeps signals back while the main thread is in a library it cannot see into",
+)
+def test_a_bus_that_accepts_and_never_answers_does_not_keep_the_process_from_its_end(world):
+    path = world.path("mute-bus")
+    with socket.socket(socket.AF_UNIX) as mute:
+        mute.bind(path)
+        mute.listen(5)
+        process = world.run(6454, environment={"DBUS_SESSION_BUS_ADDRESS": f"unix:path={path}"})
+        connection, _ = mute.accept()
+        process.send_signal(signal.SIGTERM)
+        assert process.wait() == 0
+        connection.close()
+
+
+def test_the_end_does_not_wait_for_a_long_copy(service):
+    world = service.world
+    source, target = world.path("long"), world.path("copies")
+    os.mkdir(target)
+    with open(source, "wb") as file:
+        file.truncate(1 << 40)
+
+    def copy():
+        with contextlib.suppress(GLib.Error):  # the service ends before it answers
+            service.client.dup_cue(target, source)
+
+    call = threading.Thread(target=copy)
+    call.start()
+    spin_until(lambda: os.listdir(target), "the copy to begin")
+    assert service.end() == 0
+    assert os.listdir(target) == []
+    call.join()
+
+
+def wait_until_it_answers(world):
+    world.bus.owners.wait_for(lambda change: change[0] == SERVICE and change[1])
+    assert world.client.get_status() == "off"
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&- 2>&-", "<&- 2>&-", "<&- >&- 2>&-"])
+def test_closed_standard_descriptors_are_not_taken_by_anything_else(world, closed):
+    process = world.run(6454, prefix=("sh", "-c", f'exec "$0" "$@" {closed}'))
+    wait_until_it_answers(world)
+    links = [os.readlink(f"/proc/{process.pid}/fd/{fd}") for fd in range(3)]
+    numbers = [0] * ("<" in closed) + [1] * (closed.count(">") - closed.count("2>")) + [2] * closed.count("2>")
+    assert {links[number] for number in numbers} == {"/dev/null"}
+    assert process.end() == 0
+
+
+def test_console_output_to_a_closed_error_stream_does_not_end_the_service(world):
+    process = world.run(
+        6454, prefix=("sh", "-c", 'exec "$0" "$@" <&- 2>&-'), environment={"KADREL_LOG_OUTPUT": "console"}
+    )
+    wait_until_it_answers(world)
+    assert process.alive
+    assert process.end() == 0
+
+
+def test_an_argument_that_the_framework_takes_for_its_own_is_a_port_text_like_any_other(world):
+    process = world.run("-qmljsdebugger=port:1")
+    world.log.wait_for_text(device_ip("10.77.0.1")[1])
+    wait_until_it_answers(world)
+    process.send_signal(signal.SIGTERM)
+    assert process.wait() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
+def test_signals_that_the_parent_blocked_end_the_service(world, number):
+    blocked = (
+        "/usr/bin/python3",
+        "-c",
+        "import os, signal, sys; signal.signal(signal.SIGHUP, signal.SIG_DFL); "
+        "signal.pthread_sigmask(signal.SIG_BLOCK, range(1, 20)); os.execv(sys.argv[1], sys.argv[1:])",
+    )
+    assert world.start(prefix=blocked).end(number) == 0
+
+
+def test_a_terminal_that_closes_ends_a_recording_whole(world):
+    service = world.start(prefix=("env", "--default-signal=HUP"))
+    path = world.path("cue")
+    service.client.grab(path)
+    service.feed(MUSIC)
+    assert service.end(signal.SIGHUP) == 0
+    assert Recording.read(path).datagrams == MUSIC
+
+
+def test_a_hang_up_that_the_parent_ignores_is_ignored(world):
+    process = world.start(prefix=("nohup",))
+    process.send_signal(signal.SIGHUP)
+    assert process.client.get_status() == "off"
+    process.settle()
+    assert world.log.entries() == [BANNER, LISTEN_STARTING, device_ip("10.77.0.1")]
+    assert process.end() == 0
+    assert world.log.entries()[3:] == [LISTEN_FINISHED]
+
+
+def test_forged_replies_cost_no_frame(service):
+    """More nodes than a cycle takes in; without a polling thread nothing ever clears the intake."""
+    path = service.world.path("cue")
+    forged = [
+        art_poll_reply(
+            ip=f"{10 + number // 62500}.{number // 250 % 250}.{number % 250}.1",
+            short_name=b"forged",
+            long_name=b"forged",
+            num_ports=4,
+            port_types=bytes([0x85] * 4),
+            sw_out=bytes([0, 1, 2, 3]),
+            oem=0x1111,
+            esta_man=0x2222,
+        )
+        for number in range(9000)
+    ]
+    service.client.grab(path)
+    service.feed(forged)
+    service.feed(MUSIC)
+    service.feed(forged[::-1])
+    service.feed(MUSIC)
+    service.client.stop()
+    assert Recording.read(path).datagrams == MUSIC * 2

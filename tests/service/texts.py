@@ -1,0 +1,66 @@
+"""Texts of the service that several tests compare, and small steps that they share."""
+
+import base64
+import re
+
+from harness import ERROR, INFO
+from harness.artnet import art_trigger
+
+BANNER = (INFO, "Kadrel Version: 1.5.2")
+LISTEN_STARTING = (INFO, "[Dump::listen_incoming_data] Starting")
+LISTEN_FINISHED = (INFO, "[Dump::listen_incoming_data] Finished")
+BIND_FAILED = (ERROR, "Failed to bind grabber socket")
+
+GRAB = (INFO, "[Dump::grab] Preparing to grab")
+GRAB_NOT_IDLE = (INFO, "[Dump::grab] Failed to start grabber, not idle")
+GRAB_CANNOT_OPEN = (ERROR, "Can't open file for grabbing")
+GRABBING_STARTED = (INFO, "[Dump::process_datagram] Grabbing started")
+STOP = (INFO, "[Dump::stop] Stopping grabber")
+STOP_IDLE = (INFO, "[Dump::stop] Failed to stop grabber, idle")
+FINALIZED = (INFO, "[Dump::finalize_grabbing] Grabbing finalized")
+
+SIZE_UNREADABLE = (ERROR, "Failed to read pending datagram size")
+OVERSIZED_DMX = (ERROR, "[Dump::ArtNetParser::on_error] Failed to parse packet (0, ec:4)")
+
+NO_GRAB_YET = '{"filename": "", "empty": true, "uniceil": -1, "universes": []}'
+
+
+def device_ip(address):
+    return (INFO, f"[Dump::listen_incoming_data] This device IP is: {address}")
+
+
+def unparsed(datagram):
+    return (INFO, f"[Dump::process_datagram] Failed to parse datagram (data:{base64.b64encode(datagram).decode()})")
+
+
+def grab_text(filename, empty, ceiling, universes):
+    """The report about a recording of at most one universe, whose order is certain."""
+    assert len(universes) < 2
+    listed = ", ".join(map(str, universes))
+    return f'{{"filename": "{filename}", "empty": {str(empty).lower()}, "uniceil": {ceiling}, "universes": [{listed}]}}'
+
+
+def split_grab_text(text):
+    """(filename, empty, ceiling, set of universes) of a report, whose form must be exact."""
+    match = re.fullmatch(
+        r'\{"filename": "(.*)", "empty": (true|false), "uniceil": (-?\d+), "universes": \[((?:\d+(?:, \d+)*)?)\]\}',
+        text,
+        re.DOTALL,
+    )
+    assert match, text
+    universes = [int(universe) for universe in match[4].split(", ")] if match[4] else []
+    assert len(set(universes)) == len(universes), text
+    return match[1], match[2] == "true", int(match[3]), set(universes)
+
+
+def latest_grab_line(text):
+    return (INFO, f"[Dump::latest_grab] Get latest grab ({text})")
+
+
+def emitted(service, datagrams):
+    """(key, subkey) of all trigger signals that these datagrams bring about while the recorder is off."""
+    start = service.client.signals.mark()
+    end = (255, 254)
+    service.feed([*datagrams, art_trigger(*end)])
+    service.client.signals.wait_for(lambda signal: signal.arguments == end, f"the trigger {end}", start)
+    return service.client.triggers(start)[:-1]

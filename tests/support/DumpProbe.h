@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "src/Dump.h"
+
+/// The service object without its threads, and its inside: a test or benchmark plays the receive thread and
+/// the polling thread itself, one step at a time, on the thread of its own.
+///
+/// What the object sends goes through an unbound socket; use it in a private network namespace, or catch
+/// sendto() at link time.
+class DumpProbe {
+public:
+  /// @param own_address  the appliance's address as dotted text: datagrams from there are dropped
+  explicit DumpProbe(qint32 announced = 1, std::string own_address = "0.0.0.0")
+      : dump(new Dump(announced, nullptr)), own(std::move(own_address)) {
+    dump->socket = std::make_unique<kesto::net::UdpSocket>();
+  }
+
+  Dump& service() { return *dump; }
+  Dump* operator->() { return dump.get(); }
+
+  /// Handles one datagram as the receive thread does after reading it.
+  /// @param time  receive time, ns
+  void receive(const char* data, std::size_t size, const std::string& address, int port, qint64 time) {
+    dump->rx_time = time;
+    // Of exactly this size each time: a sanitizer sees a read beyond its end.
+    held = std::vector<char>(data, data + size);
+    held.reserve(1);  // an empty datagram has an address, too
+    dump->current_datagram = std::string_view(held.data(), size);
+    dump->sender_address = address;
+    dump->sender_port = port;
+    dump->handle_datagram(own);
+  }
+  void receive(const std::vector<char>& datagram, const std::string& address, int port, qint64 time) {
+    receive(datagram.data(), datagram.size(), address, port, time);
+  }
+
+  /// Sends at most @p limit of the due ArtPollReplies. @return ms after which to go on
+  int send_poll_replies(int limit) { return dump->send_poll_replies(limit); }
+
+  // Detection cycle, as the polling thread runs it without its pauses.
+  void begin_detection_cycle() { dump->begin_detection_cycle(); }
+  void evaluate_detection_cycle() {
+    ArtnetNodesUpdatedObject updates;
+    QObject::connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, dump.get(),
+                     &Dump::OnArtnetNodesUpdated);
+    dump->evaluate_detection_cycle(updates);
+  }
+  /// The polling thread has seen the request of a client.
+  void mark_detection_in_progress() {
+    if (dump->detection_requested) dump->detection_in_progress = true;
+  }
+
+  // State.
+  int grab_state() const { return dump->grab_state; }
+  int grab_packet_count() const { return dump->grab_packet_count; }
+  int grab_max_universe() const { return dump->grab_max_universe; }
+  int current_universe() const { return dump->current_universe; }
+  bool record_current() const { return dump->record_current; }
+  qint64 prev_rx_time() const { return dump->prev_rx_time; }
+  const std::unordered_set<qint32>& grab_universes() const { return dump->grab_universes; }
+  const GrabSummary& latest_grab_summary() const { return *dump->latest_grab_summary; }
+  bool file_is_open() const { return dump->grab_file.isOpen(); }
+  void flush_file() { dump->grab_buffer.flush(dump->grab_stream); }
+
+  int ctrl_universe() const { return dump->ctrl_universe; }
+  int ctrl_key_channel() const { return dump->ctrl_key_channel; }
+  int ctrl_value_channel() const { return dump->ctrl_value_channel; }
+  int ctrl_step() const { return dump->ctrl_step; }
+  int ctrl_record_channel() const { return dump->ctrl_record_channel; }
+  int ctrl_record_threshold() const { return dump->ctrl_record_threshold; }
+
+  bool automatic_detection() const { return dump->automatic_detection; }
+  bool detection_requested() const { return dump->detection_requested; }
+  bool nodes_changed() const { return dump->nodes_changed; }
+  const std::vector<ArtnetNode>& detected_nodes() const { return dump->detected_nodes; }
+  const std::vector<ArtnetNode>& poll_seen_nodes() const { return dump->poll_seen_nodes; }
+  const std::vector<ArtnetNode>& poll_new_nodes() const { return dump->poll_new_nodes; }
+  const std::vector<ArtnetNode>& poll_missing_nodes() const { return dump->poll_missing_nodes; }
+  const std::vector<ArtnetNode>& manual_nodes() const { return dump->manual_nodes; }
+  std::size_t pending_askers() const { return dump->pending_replies.size(); }
+
+private:
+  std::unique_ptr<Dump> dump;
+  std::string own;
+  std::vector<char> held;  // the datagram that is being handled
+};

@@ -1,0 +1,852 @@
+#include "kesto/udpsocket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "unit/support/child.h"
+#include "unit/support/private_network.h"
+
+using kesto::net::HostAddress;
+using kesto::net::UdpSocket;
+
+namespace {
+
+/// The system as the socket sees it: which calls it made, and which of them a test lets fail.
+struct System {
+  std::vector<std::string> calls;
+  std::map<std::string, std::deque<int>> errors;  // per function, the errno of its next calls; 0: go through
+  std::optional<int> select_result;               // what select() returns without waiting
+  std::atomic<bool> selecting{false};
+};
+
+System& system_calls() {
+  static System system;
+  return system;
+}
+
+/// Notes a call. @return true when it is to fail; errno is set.
+bool fails(const std::string& function, const std::string& arguments = "") {
+  system_calls().calls.push_back(arguments.empty() ? function : function + ' ' + arguments);
+  const auto planned = system_calls().errors.find(function);
+  if (planned == system_calls().errors.end() || planned->second.empty()) return false;
+  const int error = planned->second.front();
+  planned->second.pop_front();
+  if (error != 0) errno = error;
+  return error != 0;
+}
+
+}  // namespace
+
+// The linker sends the calls of the library under test here. The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+int __real_socket(int domain, int type, int protocol);
+int __wrap_socket(int domain, int type, int protocol);
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...);
+int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
+int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
+ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length);
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length);
+int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
+int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
+
+int __wrap_socket(int domain, int type, int protocol) {
+  if (fails("socket", std::to_string(domain) + ' ' + std::to_string(type) + ' ' + std::to_string(protocol)))
+    return -1;
+  return __real_socket(domain, type, protocol);
+}
+
+int __wrap_fcntl(int fd, int command, ...) {
+  va_list args;
+  va_start(args, command);
+  int result = -1;
+  if (command == F_GETFL) {
+    if (!fails("fcntl_get")) result = __real_fcntl(fd, command);
+  } else if (command == F_SETFL) {
+    const int flags = va_arg(args, int);
+    if (!fails("fcntl_set", std::to_string(flags))) result = __real_fcntl(fd, command, flags);
+  } else {
+    // Not the socket but the runtime of a coverage build, which locks its files.
+    result = __real_fcntl(fd, command, va_arg(args, void*));
+  }
+  va_end(args);
+  return result;
+}
+
+int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length) {
+  const std::string text = std::to_string(level) + ' ' + std::to_string(name) + ' ' +
+                           std::to_string(*static_cast<const int*>(value)) + ' ' + std::to_string(length);
+  if (fails("setsockopt", text)) return -1;
+  return __real_setsockopt(fd, level, name, value, length);
+}
+
+int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout) {
+  if (fails("recvmmsg", flags == MSG_DONTWAIT && timeout == nullptr ? "" : "waiting")) return -1;
+  return __real_recvmmsg(fd, messages, count, flags, timeout);
+}
+
+ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length) {
+  if (fails("sendto", std::to_string(size) + ' ' + std::to_string(flags))) return -1;
+  return __real_sendto(fd, data, size, flags, address, length);
+}
+
+int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
+  const std::string sets = std::string(read != nullptr ? "read " : "") + (write != nullptr ? "write " : "") +
+                           (except != nullptr ? "except " : "");
+  const std::string time =
+      timeout == nullptr ? "no time-out"
+                         : std::to_string(timeout->tv_sec) + " s " + std::to_string(timeout->tv_usec) + " us";
+  if (fails("select", sets + time)) return -1;
+  if (system_calls().select_result) return *system_calls().select_result;
+  system_calls().selecting = true;
+  return __real_select(count, read, write, except, timeout);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+int allocations_left =
+    -1;  // of those that report a failure by a null pointer; -1: as many as there is memory for
+
+bool memory_is_short() {
+  if (allocations_left < 0) return false;
+  return allocations_left-- == 0;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return memory_is_short() ? nullptr : ::operator new(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return memory_is_short() ? nullptr : ::operator new[](size);
+}
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+bool network_is_private = false;
+
+/// The tests bind wildcard addresses and send broadcasts, in a network of their own where that is permitted.
+class PrivateNetwork : public testing::Environment {
+public:
+  void SetUp() override { network_is_private = unit::enter_private_network(); }
+};
+
+[[maybe_unused]] testing::Environment* const private_network =
+    testing::AddGlobalTestEnvironment(new PrivateNetwork);  // owned by the framework
+
+sockaddr_in socket_address(const char* ip, int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  inet_pton(AF_INET, ip, &address.sin_addr);
+  return address;
+}
+
+/// A plain socket of another host.
+class Peer {
+public:
+  explicit Peer(const char* ip = "127.0.0.2", int wanted_port = 0)
+      : fd(__real_socket(AF_INET, SOCK_DGRAM, 0)) {
+    const sockaddr_in address = socket_address(ip, wanted_port);
+    bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~Peer() { close(fd); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+  Peer(Peer&&) = delete;
+  Peer& operator=(Peer&&) = delete;
+
+  bool is_bound() const { return bound; }
+
+  int port() const {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+  }
+
+  void send(const std::string& bytes, int port, const char* ip = "127.0.0.1") const {
+    const sockaddr_in address = socket_address(ip, port);
+    ASSERT_EQ(__real_sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                            sizeof address),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  /// The next datagram; on the loopback network it is there as soon as it has been sent.
+  std::optional<std::string> receive() const {
+    std::string bytes(70000, '\0');
+    const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (size < 0) return std::nullopt;
+    bytes.resize(static_cast<size_t>(size));
+    return bytes;
+  }
+
+private:
+  int fd;
+  bool bound = false;
+};
+
+int free_port() {
+  return Peer("0.0.0.0").port();
+}
+
+int open_descriptors() {
+  int count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
+
+class UdpSocketTest : public testing::Test {
+protected:
+  UdpSocketTest() { reset(); }
+  ~UdpSocketTest() override { reset(); }
+
+  static void reset() {
+    system_calls().calls.clear();
+    system_calls().errors.clear();
+    system_calls().select_result.reset();
+  }
+
+  /// Binds the socket to a port that is free.
+  void bind_somewhere() {
+    port = free_port();
+    ASSERT_TRUE(socket.bind(port));
+    system_calls().calls.clear();
+  }
+
+  struct Received {
+    std::int64_t result = 0;
+    std::string bytes;
+    std::string address;
+    int port = -2;
+  };
+
+  Received read(unsigned int size) {
+    Received received;
+    std::string data(size, '#');
+    HostAddress address("untouched");
+    received.result = socket.readDatagram(data.data(), size, &address, &received.port);
+    if (received.result > 0) received.bytes = data.substr(0, static_cast<size_t>(received.result));
+    received.address = address.text();
+    return received;
+  }
+
+  UdpSocket socket;
+  const UdpSocket& const_socket = socket;
+  int port = 0;
+};
+
+static_assert(!std::is_copy_constructible_v<UdpSocket> && !std::is_copy_assignable_v<UdpSocket>);
+static_assert(!std::is_move_constructible_v<UdpSocket> && !std::is_move_assignable_v<UdpSocket>);
+
+TEST(HostAddress, IsItsText) {
+  EXPECT_EQ(HostAddress("192.168.1.20").text(), "192.168.1.20");
+  EXPECT_TRUE(HostAddress("10.0.0.1") == "10.0.0.1");
+  EXPECT_TRUE("10.0.0.1" == HostAddress(std::string("10.0.0.1")));
+  EXPECT_TRUE(HostAddress("10.0.0.1") != "10.0.0.2");
+  EXPECT_FALSE(HostAddress("10.0.0.1") != HostAddress("10.0.0.1"));
+}
+
+TEST(HostAddress, IsEmptyByDefaultAndForANullText) {
+  EXPECT_TRUE(HostAddress().empty());
+  EXPECT_TRUE(HostAddress(static_cast<const char*>(nullptr)).empty());
+  EXPECT_FALSE(HostAddress("0.0.0.0").empty());
+  EXPECT_EQ(HostAddress(), "");
+}
+
+TEST(HostAddress, HasANumberWhenItIsAnAddress) {
+  std::uint32_t number = 0;
+  EXPECT_TRUE(HostAddress("192.168.1.20").ipv4(number));
+  EXPECT_EQ(number, htonl(0xC0A80114));
+  EXPECT_EQ(HostAddress::from_ipv4(htonl(0xC0A80114)), "192.168.1.20");
+  EXPECT_EQ(HostAddress::from_ipv4(0), "0.0.0.0");
+  EXPECT_EQ(HostAddress::from_ipv4(0xFFFFFFFF).text(), "255.255.255.255");
+  for (const char* const text : {"", "localhost", "10.0.0", "256.0.0.1", "10.0.0.1 ", "010.0.0.1"}) {
+    EXPECT_FALSE(HostAddress(text).ipv4(number)) << text;
+    EXPECT_EQ(HostAddress(text).text(), text);
+  }
+  EXPECT_EQ(number, htonl(0xC0A80114));
+}
+
+TEST(HostAddress, IsReadUpToAZeroByteButKeepsWhatFollows) {
+  const std::string text("10.0.0.1\0x", 10);
+  const HostAddress address(text);
+  EXPECT_EQ(address.text(), text);
+  EXPECT_NE(address, "10.0.0.1");
+  std::uint32_t number = 0;
+  EXPECT_TRUE(address.ipv4(number));
+  EXPECT_EQ(number, htonl(0x0A000001));
+}
+
+TEST_F(UdpSocketTest, ConstructionMakesNoSystemCall) {
+  const int before = open_descriptors();
+  { const UdpSocket unused; }
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(system_calls().calls, Calls{});
+}
+
+TEST_F(UdpSocketTest, QueriesBeforeCreationCreateNothing) {
+  const int before = open_descriptors();
+  EXPECT_FALSE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(const_socket.pendingDatagramSize(), -1);
+  EXPECT_EQ(const_socket.select_with_tm(0, true), -1);
+  EXPECT_EQ(const_socket.select_with_tm(-1, false), -1);
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(system_calls().calls, Calls{});
+}
+
+TEST_F(UdpSocketTest, InitializeMakesANonBlockingSocketWithBroadcastAndNothingElse) {
+  EXPECT_TRUE(socket.initialize());
+  EXPECT_EQ(
+      system_calls().calls,
+      (Calls{"socket 2 2 0", "fcntl_get", "fcntl_set " + std::to_string(O_RDWR | O_NONBLOCK),
+             "setsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_BROADCAST) + " 1 4"}));
+}
+
+TEST_F(UdpSocketTest, InitializeDoesItsWorkOnce) {
+  const int before = open_descriptors();
+  EXPECT_TRUE(socket.initialize());
+  system_calls().calls.clear();
+  EXPECT_TRUE(socket.initialize());
+  EXPECT_EQ(system_calls().calls, Calls{});
+  EXPECT_EQ(open_descriptors(), before + 1);
+}
+
+TEST_F(UdpSocketTest, DestructionClosesTheSocket) {
+  const int before = open_descriptors();
+  {
+    UdpSocket other;
+    EXPECT_TRUE(other.initialize());
+    EXPECT_EQ(open_descriptors(), before + 1);
+  }
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(UdpSocketTest, FailedStepOfInitializeIsReportedAndRetriedWithoutALeak) {
+  const std::vector<std::pair<std::string, int>> steps{
+      {"socket", EMFILE}, {"fcntl_get", EIO}, {"fcntl_set", EPERM}, {"setsockopt", ENOMEM}};
+  for (const auto& [function, error] : steps) {
+    const int before = open_descriptors();
+    {
+      UdpSocket other;
+      system_calls().errors[function] = {error, error, error};
+      for (int attempt = 0; attempt < 3; ++attempt) {
+        errno = 0;
+        EXPECT_FALSE(other.initialize()) << function;
+        EXPECT_EQ(errno, error) << function;
+        EXPECT_FALSE(other.hasPendingDatagrams()) << function;
+        EXPECT_EQ(other.pendingDatagramSize(), -1) << function;
+      }
+      EXPECT_TRUE(other.initialize()) << function;
+      EXPECT_EQ(open_descriptors(), before + 1) << function;
+    }
+    EXPECT_EQ(open_descriptors(), before) << function;
+  }
+}
+
+TEST_F(UdpSocketTest, LackOfMemoryIsReportedAndRetriedWithoutALeak) {
+  const int before = open_descriptors();
+  for (int large_enough = 0; large_enough < 2; ++large_enough) {
+    UdpSocket other;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      allocations_left = large_enough;
+      EXPECT_FALSE(other.initialize());
+      EXPECT_EQ(errno, ENOMEM);
+      allocations_left = -1;
+      EXPECT_FALSE(other.hasPendingDatagrams());
+      EXPECT_EQ(open_descriptors(), before + 1);
+    }
+    EXPECT_TRUE(other.initialize());
+    EXPECT_EQ(open_descriptors(), before + 1);
+  }
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(UdpSocketTest, OperationsOfASocketThatCannotBeCreatedFail) {
+  system_calls().errors["socket"] = {EMFILE, EMFILE, EMFILE, EMFILE, EMFILE, EMFILE};
+  EXPECT_FALSE(socket.bind(6454));
+  EXPECT_FALSE(socket.bind("0.0.0.0", 6454));
+  const Received received = read(16);
+  EXPECT_EQ(received.result, 0);
+  EXPECT_EQ(received.address, "untouched");
+  EXPECT_EQ(received.port, -2);
+  EXPECT_EQ(socket.readDatagram(nullptr, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(socket.writeDatagram("x", 1, "127.0.0.1", 6454), -1);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_FALSE(socket.waitForReadyRead(-1));
+  EXPECT_EQ(system_calls().calls, Calls(6, "socket 2 2 0"));
+}
+
+CHILD_SCENARIO(no_descriptor_left) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlim_t normal = limit.rlim_cur;
+  const int next = dup(STDIN_FILENO);
+  close(next);
+  limit.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  UdpSocket socket;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    EXPECT_FALSE(socket.initialize());
+    EXPECT_EQ(errno, EMFILE);
+  }
+  limit.rlim_cur = normal;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_TRUE(socket.initialize());
+  EXPECT_EQ(fcntl(next, F_GETFL), O_RDWR | O_NONBLOCK);
+  EXPECT_EQ(fcntl(next + 1, F_GETFL), -1);
+}
+
+TEST_F(UdpSocketTest, IsCreatedOnceADescriptorIsLeft) {
+  const unit::Outcome child = unit::run_child("no_descriptor_left");
+  EXPECT_EQ(child.status, 0) << child.out;
+}
+
+TEST_F(UdpSocketTest, BindsTheWildcardAddress) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("one", port, "127.0.0.1");
+  peer.send("two", port, "127.0.0.3");
+  EXPECT_EQ(read(16).bytes, "one");
+  EXPECT_EQ(read(16).bytes, "two");
+}
+
+TEST_F(UdpSocketTest, BindsTheArtNetPort) {
+  if (!network_is_private) GTEST_SKIP() << "needs a network of its own";
+  EXPECT_TRUE(socket.bind(6454));
+  EXPECT_FALSE(Peer("0.0.0.0", 6454).is_bound());
+  EXPECT_FALSE(Peer("127.0.0.1", 6454).is_bound());
+  const Peer peer;
+  peer.send("here", 6454);
+  EXPECT_EQ(read(16).bytes, "here");
+}
+
+TEST_F(UdpSocketTest, BindsNoAddressButTheWildcard) {
+  port = free_port();
+  for (const char* const address : {"192.168.0.10", "127.0.0.1", "", "0.0.0.0 ", "00.0.0.0", "0", "any"}) {
+    EXPECT_FALSE(socket.bind(address, port)) << address;
+  }
+  EXPECT_TRUE(Peer("0.0.0.0", port).is_bound());
+  EXPECT_TRUE(socket.bind("0.0.0.0", port));
+}
+
+TEST_F(UdpSocketTest, BindToAnOccupiedPortFails) {
+  const Peer occupant("0.0.0.0");
+  EXPECT_FALSE(socket.bind(occupant.port()));
+  EXPECT_EQ(errno, EADDRINUSE);
+}
+
+TEST_F(UdpSocketTest, SecondBindFails) {
+  bind_somewhere();
+  EXPECT_FALSE(socket.bind(free_port()));
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(UdpSocketTest, NothingIsPendingOnAnEmptyQueue) {
+  bind_somewhere();
+  EXPECT_FALSE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(const_socket.pendingDatagramSize(), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(system_calls().calls, (Calls{"recvmmsg", "recvmmsg"}));
+}
+
+TEST_F(UdpSocketTest, PendingSizeIsThatOfTheFirstDatagramWhichStays) {
+  bind_somewhere();
+  const Peer peer;
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{2}, size_t{530}, size_t{8190}, size_t{8191}}) {
+    peer.send(std::string(size, 'x'), port);
+    peer.send("second", port);
+    EXPECT_TRUE(const_socket.hasPendingDatagrams()) << size;
+    EXPECT_EQ(const_socket.pendingDatagramSize(), static_cast<std::int64_t>(size));
+    EXPECT_EQ(const_socket.pendingDatagramSize(), static_cast<std::int64_t>(size));
+    EXPECT_TRUE(const_socket.hasPendingDatagrams()) << size;
+    const Received received = read(8192);
+    EXPECT_EQ(received.result, static_cast<std::int64_t>(size));
+    EXPECT_EQ(received.bytes, std::string(size, 'x'));
+    EXPECT_EQ(read(8192).bytes, "second");
+  }
+}
+
+TEST_F(UdpSocketTest, DatagramOf8192BytesOrMoreHasNoPendingSizeAndCanBeDiscarded) {
+  bind_somewhere();
+  const Peer peer;
+  for (const size_t size : {size_t{8192}, size_t{8193}, size_t{65507}}) {
+    peer.send(std::string(size, 'x'), port);
+    EXPECT_TRUE(const_socket.hasPendingDatagrams()) << size;
+    EXPECT_EQ(const_socket.pendingDatagramSize(), -1) << size;
+    EXPECT_EQ(socket.readDatagram(nullptr, 0, nullptr, nullptr), 0) << size;
+    EXPECT_FALSE(const_socket.hasPendingDatagrams()) << size;
+  }
+}
+
+TEST_F(UdpSocketTest, ReadReportsTheSender) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abc", port);
+  const Received received = read(16);
+  EXPECT_EQ(received.result, 3);
+  EXPECT_EQ(received.bytes, "abc");
+  EXPECT_EQ(received.address, "127.0.0.2");
+  EXPECT_EQ(received.port, peer.port());
+  EXPECT_EQ(system_calls().calls, (Calls{"recvmmsg"}));
+}
+
+TEST_F(UdpSocketTest, ReadWithoutSenderIsPermitted) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abc", port);
+  peer.send("def", port);
+  peer.send("ghi", port);
+  std::array<char, 3> data{};
+  EXPECT_EQ(socket.readDatagram(data.data(), 3, nullptr, nullptr), 3);
+  HostAddress address;
+  EXPECT_EQ(socket.readDatagram(data.data(), 3, &address, nullptr), 3);
+  EXPECT_EQ(address, "127.0.0.2");
+  int sender_port = 0;
+  EXPECT_EQ(socket.readDatagram(data.data(), 3, nullptr, &sender_port), 3);
+  EXPECT_EQ(sender_port, peer.port());
+  EXPECT_EQ(std::string(data.data(), data.size()), "ghi");
+}
+
+TEST_F(UdpSocketTest, ReadCutsALongerDatagram) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abcdefgh", port);
+  peer.send("next", port);
+  EXPECT_EQ(read(4).bytes, "abcd");
+  EXPECT_EQ(read(4).bytes, "next");
+}
+
+TEST_F(UdpSocketTest, ReadOfSizeZeroDiscardsOneDatagram) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abcdefgh", port);
+  peer.send("", port);
+  peer.send("next", port);
+  for (int i = 0; i < 2; ++i) {
+    const Received received = read(0);
+    EXPECT_EQ(received.result, 0);
+    EXPECT_EQ(received.address, "127.0.0.2");
+    EXPECT_EQ(received.port, peer.port());
+  }
+  EXPECT_EQ(read(16).bytes, "next");
+  EXPECT_EQ(system_calls().calls, (Calls{"recvmmsg"}));
+}
+
+TEST_F(UdpSocketTest, ReadFromAnEmptyQueueFailsWithoutASender) {
+  bind_somewhere();
+  for (const unsigned int size : {16U, 0U}) {
+    const Received received = read(size);
+    EXPECT_EQ(received.result, -1) << size;
+    EXPECT_EQ(errno, EAGAIN) << size;
+    EXPECT_EQ(received.address, "0.0.0.0") << size;
+    EXPECT_EQ(received.port, 0) << size;
+  }
+}
+
+TEST_F(UdpSocketTest, ReadCreatesTheSocket) {
+  EXPECT_EQ(read(16).result, -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(system_calls().calls.front(), "socket 2 2 0");
+}
+
+TEST_F(UdpSocketTest, ReceivingIsRepeatedWhenASignalInterrupts) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abc", port);
+  system_calls().errors["recvmmsg"] = {EINTR, EINTR};
+  EXPECT_TRUE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(read(16).bytes, "abc");
+  peer.send("defg", port);
+  system_calls().errors["recvmmsg"] = {EINTR, EINTR};
+  EXPECT_EQ(const_socket.pendingDatagramSize(), 4);
+  EXPECT_EQ(read(16).bytes, "defg");
+  peer.send("hi", port);
+  system_calls().errors["recvmmsg"] = {EINTR, EINTR, EINTR};
+  EXPECT_EQ(read(16).bytes, "hi");
+  EXPECT_EQ(system_calls().calls, Calls(3 + 3 + 4, "recvmmsg"));
+}
+
+TEST_F(UdpSocketTest, ErrorsOfReceivingAreReported) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abc", port);
+  system_calls().errors["recvmmsg"] = {ENOMEM, EMSGSIZE, ENOMEM, ENOMEM, ENOMEM};
+  EXPECT_EQ(const_socket.pendingDatagramSize(), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_TRUE(const_socket.hasPendingDatagrams());
+  EXPECT_FALSE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(read(16).result, -1);
+  EXPECT_EQ(read(0).result, -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(read(16).bytes, "abc");
+}
+
+TEST_F(UdpSocketTest, DatagramsAreFetchedInBatchesAndReadInOrderWithTheirSenders) {
+  bind_somewhere();
+  const Peer first;
+  const Peer second("127.0.0.3");
+  constexpr int kCount = 150;
+  for (int i = 0; i < kCount; ++i) (i % 2 == 0 ? first : second).send(std::to_string(i), port);
+  for (int i = 0; i < kCount; ++i) {
+    const Received received = read(16);
+    EXPECT_EQ(received.bytes, std::to_string(i));
+    EXPECT_EQ(received.address, i % 2 == 0 ? "127.0.0.2" : "127.0.0.3");
+    EXPECT_EQ(received.port, (i % 2 == 0 ? first : second).port());
+  }
+  EXPECT_EQ(system_calls().calls, (Calls{"recvmmsg", "recvmmsg", "recvmmsg"}));
+  EXPECT_FALSE(const_socket.hasPendingDatagrams());
+}
+
+TEST_F(UdpSocketTest, FetchedDatagramsAreReadyWithoutAWait) {
+  bind_somewhere();
+  const Peer peer;
+  EXPECT_FALSE(const_socket.hasFetchedDatagrams());
+  peer.send("a", port);
+  peer.send("b", port);
+  EXPECT_FALSE(const_socket.hasFetchedDatagrams());
+  EXPECT_TRUE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(read(16).bytes, "a");
+  EXPECT_TRUE(const_socket.hasFetchedDatagrams());
+  EXPECT_EQ(const_socket.select_with_tm(-1, true), 1);
+  EXPECT_TRUE(socket.waitForReadyRead(-1));
+  EXPECT_EQ(read(16).bytes, "b");
+  EXPECT_FALSE(const_socket.hasFetchedDatagrams());
+  EXPECT_EQ(system_calls().calls, (Calls{"recvmmsg"}));
+}
+
+TEST_F(UdpSocketTest, TakenDatagramKeepsItsBytesAndSender) {
+  bind_somewhere();
+  const Peer peer;
+  HostAddress address;
+  int sender_port = -1;
+  EXPECT_EQ(socket.takeDatagram(address, sender_port).data(), nullptr);
+  EXPECT_EQ(errno, EAGAIN);
+  peer.send(std::string(65507, 'x'), port);
+  peer.send("", port);
+  EXPECT_EQ(socket.takeDatagram(address, sender_port), std::string(65507, 'x'));
+  EXPECT_EQ(address, "127.0.0.2");
+  EXPECT_EQ(sender_port, peer.port());
+  const std::string_view empty = socket.takeDatagram(address, sender_port);
+  EXPECT_NE(empty.data(), nullptr);
+  EXPECT_EQ(empty.size(), 0U);
+}
+
+TEST_F(UdpSocketTest, WriteSendsToTheAddressAndPort) {
+  const Peer peer;
+  const Peer other("127.0.0.3", peer.port());
+  ASSERT_TRUE(other.is_bound());
+  EXPECT_EQ(socket.writeDatagram("abcdef", 3, "127.0.0.2", peer.port()), 3);
+  EXPECT_EQ(socket.writeDatagram("xyz", 3, HostAddress(std::string("127.0.0.3")), peer.port()), 3);
+  EXPECT_EQ(peer.receive(), "abc");
+  EXPECT_EQ(peer.receive(), std::nullopt);
+  EXPECT_EQ(other.receive(), "xyz");
+}
+
+TEST_F(UdpSocketTest, WriteLeavesFromTheBoundPort) {
+  bind_somewhere();
+  UdpSocket receiver;
+  const int receiver_port = free_port();
+  ASSERT_TRUE(receiver.bind(receiver_port));
+  EXPECT_EQ(socket.writeDatagram("abc", 3, "127.0.0.1", receiver_port), 3);
+  HostAddress address;
+  int sender_port = 0;
+  std::array<char, 8> data{};
+  EXPECT_EQ(receiver.readDatagram(data.data(), 8, &address, &sender_port), 3);
+  EXPECT_EQ(address, "127.0.0.1");
+  EXPECT_EQ(sender_port, port);
+}
+
+TEST_F(UdpSocketTest, WriteSendsEmptyAndLargestDatagrams) {
+  const Peer peer;
+  EXPECT_EQ(socket.writeDatagram("", 0, "127.0.0.2", peer.port()), 0);
+  EXPECT_EQ(peer.receive(), "");
+  const std::string largest(65507, 'x');
+  EXPECT_EQ(socket.writeDatagram(largest.data(), 65507, "127.0.0.2", peer.port()), 65507);
+  EXPECT_EQ(peer.receive(), largest);
+}
+
+TEST_F(UdpSocketTest, WriteOfMoreThanADatagramHoldsFails) {
+  const Peer peer;
+  const std::string bytes(65508, 'x');
+  EXPECT_EQ(socket.writeDatagram(bytes.data(), 65508, "127.0.0.2", peer.port()), -1);
+  EXPECT_EQ(errno, EMSGSIZE);
+  EXPECT_EQ(peer.receive(), std::nullopt);
+}
+
+TEST_F(UdpSocketTest, WriteToATextThatIsNoAddressSendsNothing) {
+  EXPECT_TRUE(socket.initialize());
+  system_calls().calls.clear();
+  for (const char* const text : {"", "localhost", "10.0.0", "::1", "1.2.3.4.5", "256.0.0.1", " 127.0.0.1",
+                                 "127.0.0.1 ", "0x7f.0.0.1", "127.0.0.1:6454"}) {
+    errno = 0;
+    EXPECT_EQ(socket.writeDatagram("abc", 3, text, 6454), -1) << text;
+    EXPECT_EQ(errno, EINVAL) << text;
+  }
+  EXPECT_EQ(socket.writeDatagram("abc", 3, HostAddress(), 6454), -1);
+  EXPECT_EQ(system_calls().calls, Calls{});
+}
+
+TEST_F(UdpSocketTest, WriteIsNotRepeated) {
+  EXPECT_TRUE(socket.initialize());
+  system_calls().calls.clear();
+  for (const int error : {EINTR, EAGAIN, ENETUNREACH}) {
+    system_calls().errors["sendto"] = {error};
+    EXPECT_EQ(socket.writeDatagram("abc", 3, "127.0.0.1", 6454), -1);
+    EXPECT_EQ(errno, error);
+  }
+  EXPECT_EQ(system_calls().calls, Calls(3, "sendto 3 0"));
+}
+
+CHILD_SCENARIO(broadcast) {
+  ASSERT_TRUE(unit::enter_private_network());
+  ASSERT_TRUE(
+      unit::shell("ip link add eth0 type veth peer name far && ip link set eth0 up && ip link set far up && "
+                  "ip addr add 10.9.0.1/24 broadcast 10.9.0.255 dev eth0 && "
+                  "ip route add default dev eth0"));
+  UdpSocket socket;
+  EXPECT_EQ(socket.writeDatagram("abc", 3, "255.255.255.255", 6454), 3);
+  EXPECT_EQ(socket.writeDatagram("abc", 3, "10.9.0.255", 6454), 3);
+
+  const int plain = __real_socket(AF_INET, SOCK_DGRAM, 0);
+  const sockaddr_in everyone = socket_address("255.255.255.255", 6454);
+  EXPECT_EQ(sendto(plain, "abc", 3, 0, reinterpret_cast<const sockaddr*>(&everyone), sizeof everyone), -1);
+  EXPECT_EQ(errno, EACCES);
+  close(plain);
+}
+
+TEST_F(UdpSocketTest, MayBroadcast) {
+  if (!network_is_private) GTEST_SKIP() << "needs a network of its own";
+  const unit::Outcome child = unit::run_child("broadcast");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+TEST_F(UdpSocketTest, WaitSplitsItsTimeoutIntoSecondsAndMicroseconds) {
+  EXPECT_TRUE(socket.initialize());
+  system_calls().calls.clear();
+  system_calls().select_result = 0;
+  for (const int timeout : {0, 1, 999, 1000, 1500, 2147483647, -1, -1500, -2147483647 - 1}) {
+    EXPECT_EQ(const_socket.select_with_tm(timeout, true), 0) << timeout;
+  }
+  EXPECT_EQ(const_socket.select_with_tm(1500, false), 0);
+  EXPECT_EQ(system_calls().calls,
+            (Calls{"select read 0 s 0 us", "select read 0 s 1000 us", "select read 0 s 999000 us",
+                   "select read 1 s 0 us", "select read 1 s 500000 us", "select read 2147483 s 647000 us",
+                   "select read no time-out", "select read no time-out", "select read no time-out",
+                   "select write 1 s 500000 us"}));
+}
+
+TEST_F(UdpSocketTest, WaitReturnsTheResultOfTheSystem) {
+  EXPECT_TRUE(socket.initialize());
+  for (const int result : {1, 0, -1, 5}) {
+    system_calls().select_result = result;
+    EXPECT_EQ(const_socket.select_with_tm(0, true), result);
+    EXPECT_EQ(socket.waitForReadyRead(0), result > 0);
+  }
+  system_calls().errors["select"] = {EINTR, EINTR};
+  EXPECT_EQ(const_socket.select_with_tm(0, true), -1);
+  EXPECT_EQ(errno, EINTR);
+  EXPECT_FALSE(socket.waitForReadyRead(0));
+}
+
+TEST_F(UdpSocketTest, WaitKnowsReadableAndWritable) {
+  bind_somewhere();
+  EXPECT_EQ(const_socket.select_with_tm(0, true), 0);
+  EXPECT_EQ(const_socket.select_with_tm(0, false), 1);
+  EXPECT_FALSE(socket.waitForReadyRead(0));
+  const Peer peer;
+  peer.send("", port);
+  EXPECT_EQ(const_socket.select_with_tm(0, true), 1);
+  EXPECT_TRUE(socket.waitForReadyRead(0));
+}
+
+TEST_F(UdpSocketTest, WaitForReadCreatesTheSocket) {
+  system_calls().select_result = 0;
+  EXPECT_FALSE(socket.waitForReadyRead(1500));
+  EXPECT_EQ(system_calls().calls.front(), "socket 2 2 0");
+  EXPECT_EQ(system_calls().calls.back(), "select read 1 s 500000 us");
+}
+
+TEST_F(UdpSocketTest, WaitWithoutTimeoutLastsUntilADatagramArrives) {
+  bind_somewhere();
+  const Peer peer;
+  system_calls().selecting = false;
+  std::thread sender([&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!system_calls().selecting && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    peer.send("abc", port);
+  });
+  EXPECT_TRUE(socket.waitForReadyRead(-1));
+  sender.join();
+  EXPECT_EQ(read(16).bytes, "abc");
+}
+
+CHILD_SCENARIO(descriptor_beyond_the_set) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = FD_SETSIZE + 16;
+  if (limit.rlim_max < limit.rlim_cur) limit.rlim_max = limit.rlim_cur;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  UdpSocket last_that_fits;
+  UdpSocket first_beyond;
+  int highest = 0;
+  while (highest < FD_SETSIZE - 2) highest = dup(STDIN_FILENO);
+  ASSERT_TRUE(last_that_fits.initialize());
+  ASSERT_TRUE(first_beyond.initialize());
+  ASSERT_GE(fcntl(FD_SETSIZE, F_GETFL), 0);
+
+  EXPECT_EQ(last_that_fits.select_with_tm(0, false), 1);
+  system_calls().calls.clear();
+  errno = 0;
+  EXPECT_EQ(first_beyond.select_with_tm(0, false), -1);
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_EQ(first_beyond.select_with_tm(-1, true), -1);
+  EXPECT_FALSE(first_beyond.waitForReadyRead(-1));
+  EXPECT_EQ(system_calls().calls, Calls{});
+  EXPECT_EQ(first_beyond.writeDatagram("abc", 3, "127.0.0.1", 9), 3);
+}
+
+TEST_F(UdpSocketTest, WaitOnADescriptorThatNoSetHoldsFails) {
+  const unit::Outcome child = unit::run_child("descriptor_beyond_the_set");
+  EXPECT_EQ(child.status, 0) << child.out;
+}
+
+}  // namespace

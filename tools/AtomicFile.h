@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace cue {
+
+/// A file that appears whole, under its name, or not at all: it is written under a temporary name in the same
+/// directory and renamed when it is complete and on the disk.
+class AtomicFile {
+public:
+  /// @param path    of the file to make; one that is there is replaced by commit()
+  /// @param inputs  files that it must not replace
+  /// @throws CueError when it would replace an input or something that is no regular file, or cannot be made
+  AtomicFile(std::string path, const std::vector<std::string>& inputs);
+
+  /// Removes what was written when it was not committed.
+  ~AtomicFile();
+
+  AtomicFile(const AtomicFile&) = delete;
+  AtomicFile& operator=(const AtomicFile&) = delete;
+  AtomicFile(AtomicFile&&) = delete;
+  AtomicFile& operator=(AtomicFile&&) = delete;
+
+  /// @throws CueError
+  void write(const void* bytes, std::size_t size);
+  void write(const std::string& text) { write(text.data(), text.size()); }
+
+  /// Puts the file in place. @throws CueError
+  void commit();
+
+  /// Name of the file while it is written, for programs that open it themselves.
+  const std::string& temporary_path() const { return temporary; }
+
+  const std::string& path() const { return target; }
+
+private:
+  void flush();
+
+  std::string target;
+  std::string temporary;
+  std::vector<char> pending;
+  int fd = -1;
+};
+
+}  // namespace cue

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace cue {
+
+/// What keeps a command from its work, in one line that names the file and, where there is one, the offset.
+class CueError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+/// "show.cue: No such file or directory". @param error  an errno
+CueError file_error(const std::string& path, int error);
+
+}  // namespace cue
