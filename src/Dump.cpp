@@ -2,10 +2,12 @@
 
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
+#include "src/ThreadSignals.h"
 
 // Life cycle of the service object and the wiring of its parser.
 
 Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
+  const EndSignalsBlocked blocked;
   listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
 }
 

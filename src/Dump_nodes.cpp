@@ -59,6 +59,7 @@ bool Dump::node_detection_request_pending() {
 
 bool Dump::start_polling_artnet_nodes() {
   if (!poll_thread.joinable()) {
+    const EndSignalsBlocked blocked;
     try {
       poll_thread = std::thread(&Dump::poll_artnet_nodes, this);
       return true;
@@ -136,7 +137,6 @@ void Dump::take_in_node(const ArtnetNode& node) {
 }
 
 void Dump::poll_artnet_nodes() {
-  leave_signals_to_main_thread();
   KESTO_LOG(3, "[Dump::poll_artnet_nodes] Starting");
   ArtnetNodesUpdatedObject updates;
   connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, this, &Dump::OnArtnetNodesUpdated);

@@ -10,7 +10,6 @@
 #include "src/ArtNetPackets.h"
 #include "src/Dump.h"
 #include "src/RelayRequest.h"
-#include "src/ThreadSignals.h"
 
 // The receive thread: everything that arrives by UDP, and everything that leaves by it.
 
@@ -34,7 +33,6 @@ std::string error_text(int error) {
 }  // namespace
 
 void Dump::listen_incoming_data(int port) {
-  leave_signals_to_main_thread();
   KESTO_LOG(3, "[Dump::listen_incoming_data] Starting");
   socket = std::make_unique<kesto::net::UdpSocket>();
   if (!socket->bind("0.0.0.0", port)) KESTO_LOG(-2, "Failed to bind grabber socket");

@@ -1,7 +1,7 @@
 #include "src/ThreadSignals.h"
 
 #include <atomic>
-#include <csignal>
+#include <initializer_list>
 
 namespace {
 
@@ -10,13 +10,16 @@ static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it"
 
 }  // namespace
 
-void leave_signals_to_main_thread() {
+EndSignalsBlocked::EndSignalsBlocked() {
+  sigemptyset(&mask_before);
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&signals, signal);
+  pthread_sigmask(SIG_BLOCK, &signals, &mask_before);
+}
+
+EndSignalsBlocked::~EndSignalsBlocked() {
+  pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
 }
 
 bool end_requested() {

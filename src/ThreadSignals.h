@@ -1,10 +1,22 @@
 #pragma once
 
-/// Signals that end the process (SIGTERM, SIGINT, SIGHUP) and the threads.
+#include <csignal>
 
-/// For the first line of a worker thread: these signals are delivered to the main thread, so that they do not
-/// interrupt a system call of the caller.
-void leave_signals_to_main_thread();
+/// Signals that end the process (SIGTERM, SIGINT, SIGHUP, and SIGALRM that backs them) and the threads.
+
+/// Keeps these signals from the calling thread as long as it lives, then restores the thread's mask; a signal
+/// that arrives meanwhile waits. A thread that is created under it keeps them blocked for good: they are
+/// delivered to the main thread alone, and never interrupt a system call of a worker.
+class EndSignalsBlocked {
+public:
+  EndSignalsBlocked();
+  ~EndSignalsBlocked();
+  EndSignalsBlocked(const EndSignalsBlocked&) = delete;
+  EndSignalsBlocked& operator=(const EndSignalsBlocked&) = delete;
+
+private:
+  sigset_t mask_before;
+};
 
 /// Whether such a signal has arrived; for work on the main thread that the event loop would otherwise wait
 /// for.

@@ -126,6 +126,11 @@ qint32 announced_universes() {
 /// Runs the service until a signal ends it. @return exit code of the process
 int serve(int port) {
   Dump dump(port, announced_universes());
+  {
+    // Any use makes the framework start its own bus thread.
+    const EndSignalsBlocked blocked;
+    const QDBusConnection none(QStringLiteral("none"));
+  }
   QDBusConnection bus = QDBusConnection::sessionBus();
   if (!bus.isConnected()) {
     KESTO_LOG(-2,

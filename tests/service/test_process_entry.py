@@ -1,5 +1,6 @@
 """The command line, the start, the bus name and the end of the process."""
 
+import os
 import signal
 import socket
 
@@ -12,6 +13,16 @@ USAGE = "Usage: ./kadrel port \n  ,where        port - dump on port \n"
 NO_BUS = (
     "Cannot connect to the D-Bus session bus.\nTo start it, run:\n\teval `dbus-launch --auto-syntax`\n"
 )
+
+
+def blocked_signals(status_file):
+    """The signals that the thread of a /proc status file keeps blocked."""
+    with open(status_file, encoding="ascii") as status:
+        for line in status:
+            if line.startswith("SigBlk:"):
+                mask = int(line.split()[1], 16)
+                return {number for number in range(1, 65) if mask >> (number - 1) & 1}
+    raise AssertionError(f"no mask in {status_file}")
 
 
 @pytest.fixture
@@ -161,6 +172,18 @@ def test_a_signal_as_soon_as_it_can_be_caught_ends_the_process_with_0_in_every_r
         assert process.end(number) == 0, process.error_text
         assert not world.client.owns(SERVICE)
     assert [entry for entry in world.log.entries() if entry[0] != 6] == []
+
+
+def test_only_the_main_thread_takes_the_ending_signals(world):
+    service = world.start()
+    world.client.start_polling_artnet_nodes()
+    world.log.wait_for_text("[Dump::poll_artnet_nodes] Starting")
+    ending = {signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGALRM}
+    threads = {int(thread): blocked_signals(f"/proc/{service.pid}/task/{thread}/status")
+               for thread in os.listdir(f"/proc/{service.pid}/task")}
+    assert threads.pop(service.pid) & ending == set()
+    assert len(threads) >= 3  # receive, polling, the framework's bus thread
+    assert {thread: ending - blocked for thread, blocked in threads.items() if not ending <= blocked} == {}
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])

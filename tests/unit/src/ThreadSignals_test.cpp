@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -19,18 +20,42 @@ std::set<int> blocked_signals() {
   return numbers;
 }
 
-TEST(ThreadSignals, WorkerLeavesTheEndingSignalsToTheMainThread) {
+TEST(ThreadSignals, ThreadCreatedUnderTheBlockKeepsTheEndingSignalsBlocked) {
   const std::set<int> before = blocked_signals();
   std::set<int> expected = before;
-  expected.insert({SIGTERM, SIGINT, SIGHUP});
+  expected.insert({SIGTERM, SIGINT, SIGHUP, SIGALRM});
+  std::set<int> of_creator;
   std::set<int> of_worker;
-  std::thread worker([&] {
-    leave_signals_to_main_thread();
-    of_worker = blocked_signals();
-  });
-  worker.join();
-  EXPECT_EQ(of_worker, expected);
+  std::promise<void> creator_is_unblocked;
+  std::thread worker;
+  {
+    const EndSignalsBlocked blocked;
+    of_creator = blocked_signals();
+    worker = std::thread([&] {
+      creator_is_unblocked.get_future().wait();
+      of_worker = blocked_signals();
+    });
+  }
   EXPECT_EQ(blocked_signals(), before);
+  creator_is_unblocked.set_value();
+  worker.join();
+  EXPECT_EQ(of_creator, expected);
+  EXPECT_EQ(of_worker, expected);
+}
+
+TEST(ThreadSignals, SignalThatArrivesUnderTheBlockIsDeliveredBehindIt) {
+  static volatile std::sig_atomic_t delivered;
+  delivered = 0;
+  const auto handler_before = std::signal(SIGHUP, [](int) { delivered = 1; });
+  int under_block = -1;
+  {
+    const EndSignalsBlocked blocked;
+    std::raise(SIGHUP);
+    under_block = delivered;
+  }
+  EXPECT_EQ(under_block, 0);
+  EXPECT_EQ(delivered, 1);
+  std::signal(SIGHUP, handler_before);
 }
 
 }  // namespace
