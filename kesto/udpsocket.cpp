@@ -19,6 +19,9 @@ namespace {
 
 const char* const kAnyAddress = "0.0.0.0";
 
+// A read is tried so often while it is interrupted.
+constexpr int kInterruptedReads = 5;
+
 // Datagrams of this size and beyond count as too long.
 constexpr size_t kSizeLimit = 8192;
 
@@ -144,10 +147,11 @@ bool UdpSocket::bind(int port) {
 
 bool UdpSocket::fetch() const {
   if (batch->first < batch->count) return true;
-  int received = 0;
-  do {
+  int received = -1;
+  for (int tries = 0; tries < kInterruptedReads; ++tries) {
     received = recvmmsg(fd, batch->messages.data(), Batch::kSlots, MSG_DONTWAIT, nullptr);
-  } while (received == -1 && errno == EINTR);
+    if (received != -1 || errno != EINTR) break;
+  }
   batch->first = 0;
   batch->count = received > 0 ? static_cast<unsigned int>(received) : 0;
   return received > 0;

@@ -22,6 +22,11 @@ constexpr int kWaitMs = 1000;
 constexpr int kRepliesPerDatagram = 4;
 constexpr int kRepliesPerWait = 64;
 
+// So many waits in a row may end without a datagram, be it that reading fails although the socket is readable
+// or that they are interrupted; then each is followed by a pause.
+constexpr int kFruitlessWaits = 4;
+constexpr std::chrono::milliseconds kFruitlessPause(1);
+
 // Pause after a wait that failed at once, so that a socket that cannot be waited for does not take a whole
 // processor.
 constexpr std::chrono::milliseconds kFailedWaitPause(100);
@@ -42,6 +47,7 @@ void Dump::listen_incoming_data(int port) {
   state_lock.lock_as_reader();
   bool ready = false;
   bool waited = false;
+  int fruitless_waits = 0;
   while (running) {
     if (!artpoll_request_done) serve_artpoll_request();
     int wait_ms = kWaitMs;
@@ -53,12 +59,15 @@ void Dump::listen_incoming_data(int port) {
     waited = !ready;
     if (!ready) {
       state_lock.unlock_as_reader();
+      if (fruitless_waits > kFruitlessWaits) kesto::sleep_for(kFruitlessPause);
       errno = 0;
       ready = socket->waitForReadyRead(wait_ms);
       if (!ready && errno != 0 && errno != EINTR) kesto::sleep_for(kFailedWaitPause);
+      fruitless_waits = ready || errno == EINTR ? fruitless_waits + 1 : 0;
       state_lock.lock_as_reader();
       continue;
     }
+    fruitless_waits = 0;
     ready = receive_datagram();
     if (!ready) continue;
     state_lock.resolve_pending_write();

@@ -19,7 +19,7 @@ def environment():
         # In quotes: a path may hold blanks, which separate options.
         thread += f":suppressions='{suppressions}'"
     options = {
-        "ASAN_OPTIONS": f"exitcode={EXIT_CODE}:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1",
+        "ASAN_OPTIONS": f"exitcode={EXIT_CODE}:verify_asan_link_order=0:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1",
         "UBSAN_OPTIONS": f"exitcode={EXIT_CODE}:halt_on_error=1:print_stacktrace=1",
         "TSAN_OPTIONS": thread,
     }

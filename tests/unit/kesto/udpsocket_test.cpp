@@ -603,6 +603,18 @@ TEST_F(UdpSocketTest, ReceivingIsRepeatedWhenASignalInterrupts) {
   EXPECT_EQ(system_calls().calls, Calls(3 + 3 + 4, "recvmmsg"));
 }
 
+TEST_F(UdpSocketTest, ReceivingIsGivenUpWhenSignalsInterruptItForEver) {
+  bind_somewhere();
+  const Peer peer;
+  peer.send("abc", port);
+  system_calls().errors["recvmmsg"].assign(100, EINTR);
+  EXPECT_FALSE(const_socket.hasPendingDatagrams());
+  EXPECT_EQ(errno, EINTR);
+  EXPECT_EQ(system_calls().calls, Calls(5, "recvmmsg"));
+  system_calls().errors.clear();
+  EXPECT_EQ(read(16).bytes, "abc");
+}
+
 TEST_F(UdpSocketTest, ErrorsOfReceivingAreReported) {
   bind_somewhere();
   const Peer peer;

@@ -1,0 +1,68 @@
+"""System calls of a running service that fail or take long, when a test says so.
+
+The table is a file that tests/faults/faults.cpp, loaded into the service, maps as well.
+"""
+
+import mmap
+import struct
+
+# What a descriptor is (see faults.cpp).
+ANY, UDP, FILE, LOG, BUS, OTHER = range(6)
+
+FOREVER = -1
+SECOND = 1_000_000_000
+
+NAMES = (
+    "bind close connect fchmod fcntl fstat ioctl nanosleep open pipe2 poll pthread_create read realtime recv "
+    "recvmmsg recvmsg select send sendmsg sendto setsockopt socket statx write writev"
+).split()
+_LINE = struct.Struct("=16siiqqqqq")
+_SETTINGS = struct.Struct("=ii")
+_TIMES = struct.Struct("=q")
+_TIMES_OFFSET = 32
+_DELAY_OFFSET = 40
+_CALLS_OFFSET = 48
+
+
+class Faults:
+    """Hand `prefix` to whatever starts the service, then arm and disarm."""
+
+    def __init__(self, path, library):
+        self.prefix = ("env", f"LD_PRELOAD={library}", f"KADREL_FAULTS={path}")
+        with open(path, "wb+") as file:
+            for name in NAMES:
+                file.write(_LINE.pack(name.encode(), ANY, 0, 0, 0, 0, 0, 0))
+            file.flush()
+            self._table = mmap.mmap(file.fileno(), 0)
+
+    def _offset(self, name):
+        return NAMES.index(name) * _LINE.size
+
+    def arm(self, name, error=0, kind=ANY, times=FOREVER, skip=0, delay=0.0):
+        """The next `times` calls of this function for descriptors of this kind, after `skip` others, take `delay` seconds
+        longer and fail with `error` (0: are made)."""
+        self.disarm(name)
+        offset = self._offset(name)
+        _SETTINGS.pack_into(self._table, offset + 16, kind, error)
+        _TIMES.pack_into(self._table, offset + 24, skip)
+        _TIMES.pack_into(self._table, offset + _DELAY_OFFSET, int(delay * SECOND))
+        _TIMES.pack_into(self._table, offset + _TIMES_OFFSET, times)
+
+    def disarm(self, name):
+        _TIMES.pack_into(self._table, self._offset(name) + _TIMES_OFFSET, 0)
+
+    def shift_clock(self, seconds):
+        """Sets the wall clock that the service reads off by so much."""
+        _TIMES.pack_into(self._table, self._offset("realtime") + _DELAY_OFFSET, seconds * SECOND)
+
+    def calls(self, name):
+        """Calls for descriptors of the armed kind so far."""
+        return _TIMES.unpack_from(self._table, self._offset(name) + _CALLS_OFFSET)[0]
+
+    def struck(self, name):
+        """Those of them that a fault has met."""
+        return _TIMES.unpack_from(self._table, self._offset(name) + _CALLS_OFFSET + 8)[0]
+
+    def close(self):
+        self._table.close()
+
