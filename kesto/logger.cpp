@@ -8,10 +8,14 @@
 
 #include <QByteArray>
 #include <QString>
+#include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include "kesto/wait_budget.h"
 
 namespace kesto {
 namespace {
@@ -34,11 +38,15 @@ const char* file_piece(const char* file, size_t skip) {
   return file + skip;
 }
 
-// How long a line waits for a system log that takes none, the first time. Until it takes lines again, none
-// waits.
-constexpr int kStalledLogWaitMs = 500;
+// How long lines wait for a system log that takes none: far less than a socket's receive buffer holds of a
+// show. Once one has waited in vain, none waits until the log takes lines again.
+WaitBudget log_waits(std::chrono::milliseconds(25), 40);
 
 std::atomic<bool> log_stalled{false};
+
+// One line at most in this time says that lines were dropped.
+constexpr std::chrono::seconds kDropReportPause(1);
+std::atomic<std::int64_t> drop_reported{-kDropReportPause / std::chrono::nanoseconds(1)};
 
 // Lines dropped since the system log last took one.
 std::atomic<unsigned int> dropped_lines{0};
@@ -62,6 +70,24 @@ void send_to_system_log(int priority, const QByteArray& format) {
 #pragma GCC diagnostic pop
 }
 
+std::chrono::nanoseconds steady_time() {
+  return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+/// Whether the descriptor can be written to, if need be after a wait.
+bool wait_for_room(int fd) {
+  pollfd probe{fd, POLLOUT, 0};
+  if (poll(&probe, 1, 0) != 0) return true;
+  if (log_stalled.load()) return false;
+  const std::chrono::nanoseconds began = steady_time();
+  const auto most = std::chrono::duration_cast<std::chrono::milliseconds>(log_waits.left(began));
+  if (most.count() == 0) return false;
+  const bool room = poll(&probe, 1, static_cast<int>(most.count())) != 0;
+  const std::chrono::nanoseconds ended = steady_time();
+  log_waits.spend(ended, ended - began);
+  return room;
+}
+
 /// Whether the system log takes a line without making the caller wait. A log daemon that has stopped reading,
 /// with its queue full, would otherwise hold up every thread that logs. When there is no daemon at all,
 /// syslog() sees to that.
@@ -73,12 +99,23 @@ bool system_log_has_room() {
   memcpy(address.sun_path, kLogSocket, sizeof kLogSocket);
   bool room = true;
   if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    pollfd probe{fd, POLLOUT, 0};
-    room = poll(&probe, 1, log_stalled.load() ? 0 : kStalledLogWaitMs) != 0;
+    room = wait_for_room(fd);
     log_stalled.store(!room);
   }
   close(fd);
   return room;
+}
+
+/// @return whether that took a line
+bool report_dropped_lines() {
+  if (dropped_lines.load() == 0) return false;
+  const std::int64_t now = steady_time().count();
+  if (now - drop_reported.load() < std::chrono::nanoseconds(kDropReportPause).count()) return false;
+  drop_reported.store(now);
+  const unsigned int dropped = dropped_lines.exchange(0);
+  if (dropped == 0) return false;
+  send_to_system_log(LOG_WARNING, QByteArray::number(dropped) + " lines dropped, the system log took none");
+  return true;
 }
 
 int framework_level(QtMsgType type) {
@@ -171,8 +208,9 @@ void Logger::writeToSyslog(int message_level, const char* line) {
     ++dropped_lines;
     return;
   }
-  if (const unsigned int dropped = dropped_lines.exchange(0); dropped > 0) {
-    send_to_system_log(LOG_WARNING, QByteArray::number(dropped) + " lines dropped, the system log took none");
+  if (report_dropped_lines() && !system_log_has_room()) {
+    ++dropped_lines;
+    return;
   }
   send_to_system_log(priority, escape_percent(line));
 }

@@ -51,6 +51,19 @@ def test_a_log_daemon_that_stops_reading_holds_nothing_up(service):
     world.log.wait_for(lambda line: line.message.endswith(" lines dropped, the system log took none"))
 
 
+def test_a_log_daemon_that_reads_a_line_now_and_then_holds_nothing_up(service):
+    """There is room for one line, and the report about dropped lines is one already."""
+    world = service.world
+    world.log.stop_reading()
+    for _ in range(10):
+        send_and_wait(world, [b"no packet"] * 100)
+    for _ in range(5):
+        world.log.read_one()
+        send_and_wait(world, [b"no packet"] * 100)
+    assert service.client.get_status() == "off"
+    world.log.go_on_reading()
+
+
 def test_the_end_does_not_wait_for_a_log_daemon_that_stops_reading(service):
     service.world.log.stop_reading()
     for _ in range(10):

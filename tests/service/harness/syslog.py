@@ -80,22 +80,29 @@ class SystemLog(Collector):
             data = self._socket.recv(1 << 20)
             if not data:  # close() has shut the socket down
                 return
-            if data.startswith(_PROBE):
-                self._probes_read.append(data)
-                continue
-            match = _LINE.match(data.decode("utf-8", "surrogateescape"))
-            if not match or int(match["priority"]) >> 3 != LOG_LOCAL0:
-                self.foreign.append(data)
-                continue
-            line = LogLine(int(match["priority"]) & 7, match["text"], match["program"])
-            if line.text in self._hide:
-                self.hidden.append(line)
-            else:
-                self.append(line)
+            self._take(data)
+
+    def _take(self, data):
+        if data.startswith(_PROBE):
+            self._probes_read.append(data)
+            return
+        match = _LINE.match(data.decode("utf-8", "surrogateescape"))
+        if not match or int(match["priority"]) >> 3 != LOG_LOCAL0:
+            self.foreign.append(data)
+            return
+        line = LogLine(int(match["priority"]) & 7, match["text"], match["program"])
+        if line.text in self._hide:
+            self.hidden.append(line)
+        else:
+            self.append(line)
 
     def stop_reading(self):
         """A log daemon that hangs: it takes one more line at most, and its queue fills up."""
         self._reading.clear()
+
+    def read_one(self):
+        """One line is read by a log daemon that has stopped reading."""
+        self._take(self._socket.recv(1 << 20))
 
     def go_on_reading(self):
         self._reading.set()
