@@ -3,12 +3,12 @@
 # directory.
 
 # build_preset PRESET ALL [TARGET...]
-# ALL is ON or OFF: whether the unit tests and the programs beside the service belong to the build; both want packages
-# that the service does not need. Without targets everything is built.
+# ALL is ON or OFF: whether the unit tests, the programs beside the service and the manual pages belong to the build; they
+# want packages that the service does not need. Without targets everything is built.
 build_preset() {
   local preset=$1 all=$2 targets=()
   shift 2
   if (($# > 0)); then targets=(--target "$@"); fi
-  cmake --preset "$preset" -D "KADREL_BUILD_TESTS=$all" -D "KADREL_BUILD_TOOLS=$all"
+  cmake --preset "$preset" -D "KADREL_BUILD_TESTS=$all" -D "KADREL_BUILD_TOOLS=$all" -D "KADREL_BUILD_MAN=$all"
   cmake --build --preset "$preset" --parallel "$(nproc)" "${targets[@]}"
 }
