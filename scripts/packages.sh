@@ -19,6 +19,29 @@ KADREL_TOOLS_PACKAGES=(
   libpcap-dev
 )
 
+# What ./package needs besides.
+KADREL_PACKAGE_PACKAGES=(
+  build-essential
+  debhelper
+  lintian
+  python3-docutils
+)
+
+# What the tests of the package need besides: what it depends on beyond the libraries it was built with, since they have no
+# network.
+KADREL_PACKAGE_TEST_PACKAGES=(
+  dbus-user-session
+  man-db
+)
+
+# What ./package --arch arm64 needs besides: a root with the cross compiler, and the processor.
+KADREL_ARM64_PACKAGES=(
+  iproute2
+  mmdebstrap
+  qemu-user-static
+  util-linux
+)
+
 # What ./run needs besides: a private session bus, and a client for it in Python.
 KADREL_RUN_PACKAGES=(
   dbus-daemon
@@ -29,7 +52,7 @@ KADREL_RUN_PACKAGES=(
 )
 
 # What ./test needs besides: GoogleTest and pytest, the network and capture tools of the service tests, an Art-Net
-# controller to record from, and the checkers.
+# controller to record from, the checkers, and what builds and checks the manual pages and the unit file.
 KADREL_TEST_PACKAGES=(
   googletest
   libgtest-dev
@@ -46,6 +69,9 @@ KADREL_TEST_PACKAGES=(
   clang-format
   clang-tidy
   shellcheck
+  groff-base
+  python3-docutils
+  systemd
 )
 
 # What ./fuzz needs besides the build packages: the compiler that carries libFuzzer.

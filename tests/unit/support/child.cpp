@@ -11,8 +11,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
+#include <vector>
 
 namespace unit {
 namespace {
@@ -51,12 +54,17 @@ Outcome run_child(const char* name) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  std::string program = "/proc/self/exe";
+  // The system cannot run this program by itself where it runs under an emulator.
+  const char* const emulator = getenv("KADREL_TEST_EMULATOR");
+  std::string self = emulator != nullptr ? std::filesystem::read_symlink("/proc/self/exe") : "/proc/self/exe";
+  std::string program = emulator != nullptr ? emulator : self;
   std::string option = "--scenario";
   std::string argument = name;
-  std::array<char*, 4> argv{program.data(), option.data(), argument.data(), nullptr};
+  std::vector<char*> argv{program.data()};
+  if (emulator != nullptr) argv.push_back(self.data());
+  argv.insert(argv.end(), {option.data(), argument.data(), nullptr});
   pid_t pid = -1;
-  const int failure = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  const int failure = posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   Outcome outcome;
   if (failure == 0) {

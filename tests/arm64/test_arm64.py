@@ -1,0 +1,83 @@
+"""The recorder of another processor, under qemu, beside the one of this machine: the same traffic, the same file.
+
+./package --arch arm64 runs this and names the executables.
+"""
+
+import os
+import random
+import struct
+from pathlib import Path
+
+import harness.service
+import pytest
+from harness import Recording
+from harness.artnet import IDENTIFIER, OP_OEM_VFPS_NS, art_dmx, art_trigger
+from harness.world import World
+
+FOREIGN = os.environ["KADREL_FOREIGN_EXE"]
+EMULATOR = [os.environ["KADREL_FOREIGN_EMULATOR"], "-L", os.environ["KADREL_FOREIGN_ROOT"]]
+UNIVERSES = (0, 1, 15, 16, 255, 256, 4096, 32767)
+FRAMES = 50
+
+
+def traffic():
+    """Eight universes of every kind of length and level, and what is not recorded between them."""
+    numbers = random.Random(6454)
+    packets = []
+    for frame in range(FRAMES):
+        for universe in UNIVERSES:
+            length = numbers.choice((2, 24, 64, 510, 512))
+            packets.append(art_dmx(universe, numbers.randbytes(length), sequence=frame % 255 + 1))
+        packets.append(art_trigger(frame, 255 - frame))
+    return packets
+
+
+def recorded(name, prefix, executable, monkeypatch):
+    """What one recorder makes of the traffic: the file, the report, the answers of some calls."""
+    monkeypatch.setattr(harness.service, "EXECUTABLE", Path(executable))
+    with World() as world:
+        service = world.start(prefix=prefix)
+        with open(f"/proc/{service.pid}/cmdline", "rb") as file:
+            command = file.read().split(b"\0")
+        assert (EMULATOR[0].encode() in b" ".join(command)) == bool(prefix)
+        client = service.client
+        assert client.set_ctrl_universe(292) is True
+        assert client.set_ctrl_universe(40000) is False
+        assert client.add_manual_node((2, "Wäsche", "Wash 1 to 8", 5, "10.0.0.9", 6454)) is True
+        path = world.path("cue")
+        client.grab(path)
+        service.feed(traffic())
+        assert client.get_status() == "run"
+        client.stop()
+        report = client.latest_grab().replace(world.directory, "")
+        copy = client.dup_cue(world.directory, path)
+        content = Path(path).read_bytes()
+        assert Path(copy).read_bytes() == content
+        signals = [(signal.name, signal.arguments) for signal in client.signals.items]
+        print(f"\n{name}: {len(Recording.parse(content).records)} datagrams, {len(content)} bytes")
+        return content, report, signals
+
+
+def without_delays(content):
+    """The file with every pause set to 0, each at its place."""
+    bare, offset = bytearray(content), 0
+    mark = IDENTIFIER + struct.pack("<H", OP_OEM_VFPS_NS)
+    for record in Recording.parse(content).records:
+        if record.delay is not None:
+            assert bare[offset : offset + 10] == mark
+            bare[offset + 10 : offset + 18] = bytes(8)
+            offset += 18
+        offset += len(record.datagram)
+    assert offset == len(content)
+    return bytes(bare)
+
+
+@pytest.mark.skipif(not os.path.exists(FOREIGN), reason="no foreign executable")
+def test_both_processors_record_the_same_file(monkeypatch):
+    own, own_report, own_signals = recorded("this machine", (), harness.service.EXECUTABLE, monkeypatch)
+    foreign, foreign_report, foreign_signals = recorded("arm64 under qemu", EMULATOR, FOREIGN, monkeypatch)
+    assert Recording.parse(own).datagrams == [packet for packet in traffic() if packet[8:10] == b"\x00\x50"]
+    assert without_delays(foreign) == without_delays(own)
+    assert own != foreign, "two recordings never have the same pauses"
+    assert sorted(foreign_report) == sorted(own_report)
+    assert foreign_signals == own_signals

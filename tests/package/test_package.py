@@ -1,0 +1,193 @@
+"""The package in a root of its own: installed, called by bus activation, used, removed.
+
+KADREL_DEB names the package (out/kadrel_*_ARCH.deb by default; ./package builds it). Needs root, the packages that it
+depends on, and no network.
+"""
+
+import glob
+import os
+import re
+import signal
+import subprocess
+from pathlib import Path
+
+import pytest
+from harness import Recording
+from harness.artnet import OP_POLL_REPLY, art_dmx, art_poll, header
+from harness.bus import INTERFACE, SERVICE
+from harness.waiting import spin_until
+from harness.world import World
+from throwaway import ThrowawayRoot
+
+TOP = Path(__file__).resolve().parents[2]
+NOBODY = 65534
+
+# What dpkg, apt and their triggers note about every package that ever was.
+BOOKKEEPING = re.compile(
+    r"/etc/ld\.so\.cache|/var/(cache/(apt|debconf|ldconfig|man)|lib/(apt|dpkg|systemd)|log)(/.*)?|/usr/share/info/dir(\.old)?"
+)
+
+pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="only root may change a root")
+
+
+def architecture():
+    return subprocess.run(["dpkg", "--print-architecture"], capture_output=True, text=True, check=True).stdout.strip()
+
+
+@pytest.fixture(scope="module")
+def deb():
+    if "KADREL_DEB" in os.environ:
+        return Path(os.environ["KADREL_DEB"]).resolve()
+    built = sorted(glob.glob(str(TOP / f"out/kadrel_*_{architecture()}.deb")))
+    assert built, "no package in out/; ./package builds it"
+    return Path(built[-1])
+
+
+@pytest.fixture
+def world():
+    with World() as world:
+        yield world
+
+
+@pytest.fixture
+def root(world, deb):
+    """A root in which the package lies as /kadrel.deb; it may have it already, then it is removed first."""
+    root = ThrowawayRoot(world)
+    if subprocess.run(["dpkg-query", "-W", "kadrel"], capture_output=True, check=False).returncode == 0:
+        root.run("apt-get", "-q", "-y", "purge", "kadrel")
+    Path(root.path("/kadrel.deb")).write_bytes(deb.read_bytes())
+    return root
+
+
+def install(root):
+    root.run("apt-get", "-q", "-y", "-o", "Dpkg::Use-Pty=0", "--no-install-recommends", "install", "/kadrel.deb",
+             environment={"DEBIAN_FRONTEND": "noninteractive"})
+
+
+class Session:
+    """A user's session bus without systemd, and what it starts; all of it ends with the bus."""
+
+    def __init__(self, world, root):
+        home = world.path("home")
+        os.mkdir(home)
+        os.chown(home, NOBODY, NOBODY)
+        self.home = home
+        self.address = f"unix:path={home}/bus"
+        daemon = root.command(
+            "dbus-daemon", "--session", "--nofork", "--nopidfile", "--nosyslog", f"--address={self.address}",
+            user=NOBODY, environment={"HOME": home},
+        )
+        self._bus = world.namespaces.popen(
+            ["unshare", "--pid", "--fork", "--kill-child", *daemon], stderr=subprocess.DEVNULL
+        )
+        spin_until(lambda: os.path.exists(f"{home}/bus"), "the session bus")
+        self._root = root
+
+    def call(self, method, *arguments):
+        """Calls the recorder as the user does; the answer as busctl prints it."""
+        return self._root.run(
+            "busctl", "--user", "call", SERVICE, "/", INTERFACE, method, *arguments,
+            user=NOBODY, environment={"DBUS_SESSION_BUS_ADDRESS": self.address},
+        ).strip()
+
+    def process(self, name):
+        """The process id of a program of the session, seen from here."""
+        space = os.readlink(f"/proc/{self._bus.pid}/ns/pid_for_children")
+        for entry in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                program = os.path.basename(os.readlink(f"/proc/{entry}/exe"))
+                if program == name and os.readlink(f"/proc/{entry}/ns/pid") == space:
+                    return int(entry)
+            except OSError:  # it has ended, and perhaps nobody has asked how
+                continue
+        return None
+
+    def close(self):
+        self._bus.kill()
+        self._bus.wait()
+
+
+@pytest.fixture
+def session(world, root):
+    install(root)
+    opened = Session(world, root)
+    yield opened
+    opened.close()
+
+
+def test_what_is_installed_goes_without_a_trace(root):
+    before = root.changes()
+    install(root)
+    installed = {name for name in root.changes() if name not in before and not BOOKKEEPING.fullmatch(name)}
+    listed = {name for name in root.run("dpkg", "--listfiles", "kadrel").split() if not os.path.isdir(name)}
+    assert {name for name in installed if not name.endswith("/")} == {
+        name for name in listed if not os.path.isdir(root.path(name))
+    }
+    assert {"/usr/bin/kadrel", "/usr/bin/kadrel-cue", "/etc/default/kadrel", "/usr/share/man/man1/kadrel.1.gz"} <= installed
+
+    root.run("apt-get", "-q", "-y", "remove", "kadrel")
+    left = {name for name in root.changes() if name not in before and not BOOKKEEPING.fullmatch(name)}
+    assert left == {"/etc/default/kadrel"}, "settings survive a removal"
+
+    root.run("apt-get", "-q", "-y", "purge", "kadrel")
+    after = root.changes()
+    assert {name: after[name] for name in after if not BOOKKEEPING.fullmatch(name)} == {
+        name: before[name] for name in before if not BOOKKEEPING.fullmatch(name)
+    }
+    listing = root.run("sh", "-c", "dpkg-query -W -f '${Package} ${db:Status-Abbrev}\\n' | grep ^kadrel || true")
+    assert listing == ""
+    assert glob.glob(root.path("/var/lib/dpkg/info/kadrel*")) == []
+
+
+def test_settings_that_were_changed_survive_a_new_installation(root):
+    install(root)
+    settings = Path(root.path("/etc/default/kadrel"))
+    settings.write_text("KADREL_PORT=7000\n", encoding="ascii")
+    root.run("dpkg", "--install", "--force-confold", "/kadrel.deb")
+    assert settings.read_text(encoding="ascii") == "KADREL_PORT=7000\n"
+
+
+def test_the_installed_unit_and_manual_pages_are_sound(root):
+    install(root)
+    said = root.run("systemd-analyze", "--user", "verify", "/usr/lib/systemd/user/kadrel.service",
+                    environment={"XDG_RUNTIME_DIR": "/run", "HOME": "/root"})
+    assert said == ""
+    for page in ("kadrel.1", "kadrel-cue.1", "com.tolvekserver.Kadrel.5"):
+        text = root.run("man", "--warnings", "--encoding=UTF-8", f"/usr/share/man/man{page[-1]}/{page}.gz",
+                        environment={"MANWIDTH": "100"})
+        assert "EXAMPLES" in text and "warning:" not in text, page
+
+
+def test_the_first_call_starts_the_recorder_and_it_records(world, root, session):
+    Path(root.path("/etc/default/kadrel")).write_text("KADREL_PORT=6454\nKADREL_UNIVERSE_COUNT=16\n", encoding="ascii")
+    assert session.process("kadrel") is None
+
+    # A call to a name that nobody owns.
+    assert session.call("get_status") == 's "off"'
+    pid = session.process("kadrel")
+    assert pid is not None and os.stat(f"/proc/{pid}").st_uid == NOBODY
+    assert os.readlink(f"/proc/{pid}/exe").endswith("/usr/bin/kadrel")
+    world.log.wait_for_text("[Dump::listen_incoming_data] This device IP is: 10.77.0.1")
+
+    # The settings have reached it.
+    world.console.send(art_poll())
+    replies = [world.console.receive() for _ in range(16)]
+    assert all(reply.data.startswith(header(OP_POLL_REPLY)) for reply in replies)
+
+    cue = f"{session.home}/cue"
+    frames = [art_dmx(number % 4, bytes([number] * 512), sequence=number + 1) for number in range(60)]
+    session.call("grab", "s", cue)
+    world.console.send(*frames)
+    world.settle()
+    assert session.call("get_status") == 's "run"'
+    session.call("stop")
+    assert Recording.read(cue).datagrams == frames
+    assert r'\"empty\": false, \"uniceil\": 3' in session.call("latest_grab")
+    said = root.run("kadrel-cue", "verify", cue)
+    assert "60" in root.run("kadrel-cue", "info", cue), said
+
+    # It ends in order, and the next call starts it again.
+    os.kill(pid, signal.SIGTERM)
+    spin_until(lambda: session.process("kadrel") is None, "the recorder to end")
+    assert session.call("get_status") == 's "off"'
+    assert session.process("kadrel") not in (None, pid)
