@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <ossp/uuid++.hh>
 
 #include "src/ThreadSignals.h"
@@ -53,17 +54,18 @@ bool open_for_grabbing(QFile& file, const QString& path) {
 }
 
 bool copy_cue(const QString& from, const QString& to) {
-  constexpr qint64 kPortion = 1 << 20;
+  constexpr std::size_t kPortion = 1 << 20;
+  const std::unique_ptr<char[]> portion(new (std::nothrow) char[kPortion]);
+  if (portion == nullptr) return false;
   QFile source(from);
   // Looked at before it is opened: opening a pipe would wait for a writer.
   if (!QFileInfo(from).isFile() || !source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) return false;
   QFile copy(to);
   if (!copy.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)) return false;
-  QByteArray portion(static_cast<int>(kPortion), Qt::Uninitialized);
   for (;;) {
-    const qint64 size = source.read(portion.data(), portion.size());
+    const qint64 size = source.read(portion.get(), kPortion);
     if (size == 0) break;
-    if (size < 0 || end_requested() || copy.write(portion.constData(), size) != size) {
+    if (size < 0 || end_requested() || copy.write(portion.get(), size) != size) {
       copy.remove();
       return false;
     }

@@ -162,7 +162,12 @@ int main(int argc, char** argv) {
   }
   // The framework takes arguments of its own out of the list.
   const char* const port_text = argv[1];
-  if (!install_signal_handlers()) return 1;
+  if (!install_signal_handlers()) {
+    const int error = errno;
+    configure_logger();
+    KESTO_LOG(-2, "Cannot start the service: %s\n", std::generic_category().message(error).c_str());
+    return 1;
+  }
   QCoreApplication app(argc, argv);
   // Paths and names on the bus are UTF-8 whatever the locale says.
   QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));

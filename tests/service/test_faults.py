@@ -12,12 +12,12 @@ import signal
 from dataclasses import dataclass
 
 import pytest
-from harness import DEADLINE, ERROR, INFO, Recording, spin_until
+from harness import DEADLINE, ERROR, Recording, spin_until
 from harness.artnet import art_dmx, art_poll, relay
 from harness.faults import ANY, BUS, FILE, FOREVER, LOG, NAMES, OTHER, UDP, Faults
 from harness.service import EXECUTABLE
 from harness.waiting import now
-from texts import BIND_FAILED, FINALIZED, GRAB, GRAB_CANNOT_OPEN, GRABBING_STARTED, STOP, grab_text
+from texts import FINALIZED, GRAB, GRAB_CANNOT_OPEN, GRABBING_STARTED, STOP, grab_text
 
 LIBRARY = EXECUTABLE.parent / "tests/faults/libfaults.so"
 
@@ -56,7 +56,7 @@ def record(service, name="cue", frames=MUSIC):
     return Recording.read(path).datagrams
 
 
-def use_everything(service, wait=False):
+def use_everything(service):
     """Has the service do all that it can, and waits only for the bus."""
     client, world = service.client, service.world
     client.grab(world.path("under a fault"))
@@ -165,3 +165,279 @@ def test_a_call_that_fails_costs_nothing_but_what_it_was_for(faulty, faults, cas
     faulty.client.grab(faulty.world.path("to the end"))
     faulty.world.console.send(*MUSIC)
     assert faulty.end() == 0
+
+
+# ---- at the start ----------------------------------------------------------------------------------------------------
+
+SERVES, ENDS = "serves", "ends"
+
+# Function, kind, what becomes of the start, errors; from which call on it fails.
+START_FAILURES = [
+    ("socket", UDP, SERVES, "EMFILE ENOBUFS EPERM", 0),
+    ("bind", UDP, SERVES, "EADDRINUSE EPERM ENOMEM", 0),
+    ("fcntl", UDP, SERVES, "EPERM", 0),
+    ("setsockopt", UDP, SERVES, "ENOMEM", 0),
+    ("ioctl", UDP, SERVES, "ENODEV EPERM", 0),
+    ("open", FILE, SERVES, "EMFILE EPERM", 0),
+    ("recvmsg", OTHER, SERVES, "ENOBUFS", 0),
+    ("socket", LOG, SERVES, "EMFILE", 0),
+    ("connect", BUS, ENDS, "ECONNREFUSED EPERM ENOMEM", 0),
+    ("socket", BUS, ENDS, "EMFILE ENOBUFS", 0),
+    ("pipe2", ANY, ENDS, "EMFILE", 0),
+    ("pthread_create", ANY, ENDS, "EAGAIN", 0),
+]
+
+
+@dataclass(frozen=True)
+class StartCase(Case):
+    outcome: str
+    skip: int
+
+
+START_CASES = [
+    StartCase(call, kind, getattr(errno, error), times, outcome, skip)
+    for call, kind, outcome, errors, skip in START_FAILURES
+    for error in errors.split()
+    for times in (1, FOREVER)
+    if times == FOREVER or outcome == SERVES
+]
+CHOSEN_START = {
+    "socket-udp-EMFILE-for_ever",
+    "setsockopt-udp-ENOMEM-for_ever",
+    "connect-bus-ECONNREFUSED-for_ever",
+    "pipe2-EMFILE-for_ever",
+    "pthread_create-EAGAIN-for_ever",
+}
+
+
+@pytest.mark.parametrize("case", chosen(START_CASES, CHOSEN_START), ids=str)
+def test_a_call_that_fails_at_the_start(world, faults, case):
+    faults.arm(case.call, case.error, case.kind, case.times, case.skip)
+    if case.outcome == ENDS:
+        process = world.run(world.network.service_port, prefix=faults.prefix)
+        assert process.wait() == 1
+        assert [line for line in world.log.items if line.priority == ERROR], "no reason in the log"
+        return
+    service = world.start(prefix=faults.prefix)
+    assert service.client.get_status() == "off"
+    look_on(service, faults)
+    faults.disarm(case.call)
+    assert service.end() == 0
+
+
+# ---- limits ----------------------------------------------------------------------------------------------------------
+
+SANITIZED = any(mark in EXECUTABLE.read_bytes() for mark in (b"__asan_init", b"__tsan_init"))
+
+
+def test_without_a_free_descriptor_nothing_is_opened_and_all_else_goes_on(service):
+    """A limit in the kernel itself, for calls that the library in between does not see."""
+    world = service.world
+    assert record(service) == MUSIC
+    taken = {int(name) for name in os.listdir(f"/proc/{service.pid}/fd")}
+    lowest_free = min(set(range(len(taken) + 1)) - taken)
+    before = resource.prlimit(service.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(service.pid, resource.RLIMIT_NOFILE, (lowest_free, before[1]))
+    lines = world.log.mark()
+    service.client.grab(world.path("refused"))
+    assert service.client.get_status() == "off"
+    assert world.log.entries(lines) == [GRAB, GRAB_CANNOT_OPEN]
+    world.console.send(art_poll())
+    assert len(world.console.receive().data) == 239
+    resource.prlimit(service.pid, resource.RLIMIT_NOFILE, before)
+    assert record(service, "again") == MUSIC
+
+
+@pytest.mark.skipif(SANITIZED, reason="the sanitizers' own memory has no room under any limit")
+def test_without_memory_for_a_copy_there_is_no_copy_and_all_else_goes_on(service):
+    world = service.world
+    assert record(service) == MUSIC
+    with open(f"/proc/{service.pid}/statm", encoding="ascii") as file:
+        size = int(file.read().split()[0]) * resource.getpagesize()
+    # Less than the portion of a copy, more than a call on the bus takes.
+    limit = size + 700_000
+    resource.prlimit(service.pid, resource.RLIMIT_AS, (limit, resource.RLIM_INFINITY))
+    copy = service.client.dup_cue(world.directory, world.path("cue"))
+    assert not os.path.exists(copy)
+    assert record(service, "again") == MUSIC
+
+
+# ---- the disk and the clock -----------------------------------------------------------------------------------------
+
+
+def test_what_fits_into_the_receive_buffer_survives_a_disk_that_is_slow(faulty, faults):
+    world = faulty.world
+    frames = [art_dmx(1, bytes([number] * 512)) for number in range(100)]
+    faulty.client.grab(world.path("cue"))
+    faults.arm("write", kind=FILE, times=1, delay=LOOK)
+    world.console.send(*frames)
+    faulty.settle()
+    faulty.client.stop()
+    assert faults.struck("write") == 1
+    assert Recording.read(world.path("cue")).datagrams == frames
+
+
+def test_what_fits_into_the_receive_buffer_survives_a_stop_of_the_process(service):
+    world = service.world
+    service.client.grab(world.path("cue"))
+    service.feed(MUSIC[:1])
+    service.send_signal(signal.SIGSTOP)
+    world.console.send(*MUSIC[1:])
+    service.send_signal(signal.SIGCONT)
+    service.settle()
+    service.client.stop()
+    assert Recording.read(world.path("cue")).datagrams == MUSIC
+
+
+@pytest.mark.parametrize("hours", [-1, 1])
+def test_a_wall_clock_that_is_set_changes_no_pause(faulty, faults, hours):
+    world = faulty.world
+    faulty.client.grab(world.path("cue"))
+    faulty.feed(MUSIC)
+    faults.shift_clock(3600 * hours)
+    began = now()
+    faulty.feed(MUSIC)
+    faulty.client.stop()
+    recording = Recording.read(world.path("cue"))
+    assert recording.datagrams == MUSIC * 2
+    # The pause across the step is less than what went by here, whatever that was.
+    assert recording.delays[len(MUSIC) - 1] < (now() - began + DEADLINE) * 1_000_000_000
+    copies = {faulty.client.dup_cue(world.directory, world.path("cue")) for _ in range(3)}
+    assert len(copies) == 3 and all(os.path.exists(copy) for copy in copies)
+
+
+def test_a_file_system_that_is_unmounted_under_a_recording(service):
+    """Lazily, as `umount -l` does it: the recording goes on where nobody sees it, and the next one is an ordinary one."""
+    world = service.world
+    path = world.path("small")
+    os.mkdir(path)
+    world.namespaces.mount_tmpfs(path, 1 << 20)
+    service.client.grab(f"{path}/cue")
+    service.feed(MUSIC)
+    world.namespaces.run(["umount", "-l", path])
+    service.feed(MUSIC)
+    assert service.client.get_status() == "run"
+    service.client.stop()
+    assert service.client.latest_grab() == grab_text(f"{path}/cue", False, 1, [1])
+    assert record(service, "again") == MUSIC
+
+
+def test_a_file_system_that_becomes_read_only_refuses_the_next_recording(service):
+    world = service.world
+    path = world.path("small")
+    os.mkdir(path)
+    world.namespaces.mount_tmpfs(path, 1 << 20)
+    world.namespaces.run(["mount", "-o", "remount,ro", path])
+    lines = world.log.mark()
+    service.client.grab(f"{path}/cue")
+    assert service.client.get_status() == "off"
+    assert world.log.entries(lines) == [GRAB, GRAB_CANNOT_OPEN]
+    assert record(service, "again") == MUSIC
+
+
+# ---- the network ----------------------------------------------------------------------------------------------------
+
+
+def wait_until_reached(world, address="10.77.0.1"):
+    """Asks until the service answers."""
+
+    def answered():
+        world.console.send(art_poll(), to=(address, world.network.service_port))
+        return select.select([world.console.socket], [], [], 0.05)[0]
+
+    spin_until(answered, "an answer")
+    world.console.waiting()
+
+
+@pytest.fixture
+def recording(service):
+    """The service, which has recorded MUSIC once and goes on."""
+    service.client.grab(service.world.path("cue"))
+    service.feed(MUSIC)
+    return service
+
+
+def assert_recorded_twice(service):
+    assert service.client.get_status() == "run"
+    service.client.stop()
+    assert Recording.read(service.world.path("cue")).datagrams == MUSIC * 2
+
+
+def test_an_interface_that_goes_down_and_up_again_costs_what_was_sent_meanwhile(recording):
+    world = recording.world
+    lines = world.log.mark()
+    world.namespaces.ip("appliance", "link set eth0 down")
+    world.console.send(*MUSIC)
+    assert recording.client.get_status() == "run"
+    world.namespaces.ip("appliance", "link set eth0 up")
+    wait_until_reached(world)
+    recording.feed(MUSIC)
+    assert world.log.entries(lines) == []
+    assert_recorded_twice(recording)
+
+
+def test_an_interface_with_another_address_is_recorded_from_as_before(recording):
+    world = recording.world
+    world.namespaces.ip(
+        "appliance", "address del 10.77.0.1/16 dev eth0", "address add 10.77.0.9/16 broadcast 10.77.255.255 dev eth0"
+    )
+    wait_until_reached(world, "10.77.0.9")
+    console = world.console_host.endpoint(to=("10.77.0.9", world.network.service_port))
+    recording.feed(MUSIC, console)
+    assert_recorded_twice(recording)
+
+
+def test_an_interface_that_is_removed_and_comes_back_is_recorded_from_again(recording):
+    world = recording.world
+    lines = world.log.mark()
+    world.namespaces.ip("appliance", "link del eth0")
+    assert recording.client.get_status() == "run"
+    commands = ["address add 10.77.0.1/16 broadcast 10.77.255.255 dev eth0", "link set eth0 up"]
+    world.namespaces.cable("appliance", "eth0", commands, "switch", "back", "bridge")
+    world.namespaces.ip("console", "neighbour flush dev eth0")
+    wait_until_reached(world)
+    recording.feed(MUSIC)
+    assert world.log.entries(lines) == []
+    assert_recorded_twice(recording)
+
+
+def test_detection_without_a_network_says_so_once_a_cycle(service):
+    world = service.world
+    world.namespaces.ip("appliance", "link set eth0 down")
+    lines = world.log.mark()
+    service.client.start_polling_artnet_nodes()
+    world.log.wait_for(lambda line: line.message.startswith("Failed to send artpoll datagram"), "the failure", lines)
+    assert len([text for text in world.log.messages(lines) if text.startswith("Failed")]) == 1
+
+
+# ---- the bus and the log --------------------------------------------------------------------------------------------
+
+
+def test_a_bus_that_is_killed_ends_no_recording(faulty, faults):
+    world = faulty.world
+    faulty.client.grab(world.path("cue"))
+    faulty.feed(MUSIC)
+    world.bus.kill()
+    faulty.feed(MUSIC)
+    look_on(faulty, faults)
+    assert faulty.end() == 0
+    assert Recording.read(world.path("cue")).datagrams == MUSIC * 2
+
+
+def test_without_a_log_daemon_everything_works(world):
+    """Not even a socket to write to."""
+    os.unlink(f"{world.directory}/syslog")
+    service = world.start(wait_for_socket=False)
+    service.client.grab(world.path("cue"))
+    service.world.console.send(*MUSIC, art_poll())
+    service.world.console.receive()
+    service.client.stop()
+    assert Recording.read(world.path("cue")).datagrams == MUSIC
+
+
+def test_a_log_daemon_that_is_restarted_gets_the_lines_from_then_on(service):
+    world = service.world
+    world.restart_log(lambda: service.client.stop())
+    lines = world.log.mark()
+    assert record(service) == MUSIC
+    assert world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]

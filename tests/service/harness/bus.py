@@ -157,6 +157,11 @@ class Bus:
         spin_until(lambda: self._watcher.owns("org.freedesktop.DBus") and monitor.messages.mark(), "the monitor")
         return monitor
 
+    def kill(self):
+        """The daemon goes without a word."""
+        self._daemon.kill()
+        self._daemon.wait()
+
     def close(self):
         for client in self._clients:
             client.close()

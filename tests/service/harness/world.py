@@ -126,6 +126,16 @@ class World:
         (endpoint or self.console).send(marker)
         self.log.hidden.wait_for(lambda line: line.text == text, "the line about the marker", 0, DEADLINE)
 
+    def restart_log(self, meanwhile):
+        """The log daemon ends and, after `meanwhile()`, starts anew."""
+        path = f"{self.directory}/syslog"
+        self._closers.remove(self.log.close)
+        self.log.close()
+        os.unlink(path)
+        meanwhile()
+        self.log = SystemLog(self.namespaces, path)
+        self._closers.append(self.log.close)
+
     def finish(self):
         """Stops what still runs and checks it: exit code 0, no sanitizer report, a clean log."""
         for process in self.processes:
