@@ -15,7 +15,7 @@ Dump::Dump(qint32 announced, std::nullptr_t)
     : latest_grab_summary(std::make_shared<const GrabSummary>()), universe_count(announced) {
   register_node_types();
   connect(&trigger_signals, &OnArtnetTriggerObject::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
-  connect(this, &Dump::OnArtnetTrigger, this, [this] { --triggers_under_way; });
+  connect(this, &Dump::OnArtnetTrigger, this, [this] { trigger_handed_over(); });
   kesto::device::initialize();
   device_ip_hex = kesto::device::ip_address();
   device_mac = kesto::device::mac_address();

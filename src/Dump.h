@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDBusConnection>
 #include <QDataStream>
 #include <QFile>
 #include <QObject>
@@ -12,6 +13,7 @@
 #include <istream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <unordered_set>
@@ -48,6 +50,10 @@ public:
   Dump& operator=(const Dump&) = delete;
   Dump(Dump&&) = delete;
   Dump& operator=(Dump&&) = delete;
+
+  /// From now on triggers count as under way until this bus has taken them, not only until they have been
+  /// handed to it: what a bus that hangs does not take would pile up. Main thread.
+  void watch_bus(const QDBusConnection& watched);
 
 public slots:
   // Recorder.
@@ -118,6 +124,10 @@ private:
   void trigger_dmx_grab(const ArtDmx& dmx);
   void emit_trigger(int key, int subkey);
 
+  // Main thread.
+  void trigger_handed_over();
+  void ask_bus();
+
   /// Sends at most @p limit of the replies that are due. @return ms after which to go on: 0 at once, a long
   /// time when nothing is due
   int send_poll_replies(int limit);
@@ -165,7 +175,7 @@ private:
   std::thread listen_thread;
   kesto::ReadWriteLock state_lock;
   OnArtnetTriggerObject trigger_signals;
-  std::atomic<qint32> triggers_under_way{0};  // emitted by the receive thread, not yet by the main thread
+  std::atomic<qint32> triggers_under_way{0};  // emitted by the receive thread, not known to have left
 
   // Receive thread, or main thread with state_lock as writer.
   qint64 rx_time = 0;                         // ns on kesto::Clock: current datagram
@@ -198,6 +208,9 @@ private:
   std::atomic<bool> detection_in_progress{false};
 
   // Main thread only.
+  std::optional<QDBusConnection> bus;
+  bool bus_asked = false;           // an answer is due
+  qint32 triggers_handed_over = 0;  // to the bus, since it was asked last
   std::thread poll_thread;
 
   // Lock order: artpoll_request_mutex, poll_mutex, detected_mutex.

@@ -1,4 +1,8 @@
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <limits>
 #include <mutex>
+#include <utility>
 
 #include "kesto/logger.h"
 #include "src/Dump.h"
@@ -11,9 +15,12 @@ constexpr int kNotSet = -1;
 constexpr int kChannels = static_cast<int>(kDmxSlots);
 constexpr int kLevels = 255;
 
-// Triggers that the main thread has not yet put on the bus at most; further ones are lost. A console sends 44
+// Triggers that are not yet known to have left at most; further ones are lost. A console sends 44
 // a second; a flood of them must not fill the memory.
 constexpr qint32 kTriggersUnderWay = 32768;
+
+// The bus is asked after so many of them whether it has taken them.
+constexpr qint32 kTriggersPerQuestion = 1024;
 
 /// Whether a setting is switched off or within 1..@p highest.
 bool is_setting(int value, int highest) {
@@ -109,6 +116,36 @@ void Dump::emit_trigger(int key, int subkey) {
   if (triggers_under_way >= kTriggersUnderWay) return;
   ++triggers_under_way;
   emit trigger_signals.OnArtnetTrigger(key, subkey);
+}
+
+void Dump::watch_bus(const QDBusConnection& watched) {
+  bus = watched;
+}
+
+void Dump::trigger_handed_over() {
+  if (!bus) {
+    --triggers_under_way;
+    return;
+  }
+  if (++triggers_handed_over >= kTriggersPerQuestion && !bus_asked) ask_bus();
+}
+
+void Dump::ask_bus() {
+  const qint32 asked_about = std::exchange(triggers_handed_over, 0);
+  bus_asked = true;
+  // The answer comes behind everything that was sent before. It is waited for without an end: a bus that
+  // hangs has taken nothing. One that is gone answers with an error, and there is nothing to count any more.
+  const QDBusMessage question = QDBusMessage::createMethodCall(
+      QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+      QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+  auto* const answer =
+      new QDBusPendingCallWatcher(bus->asyncCall(question, std::numeric_limits<int>::max()), this);
+  connect(answer, &QDBusPendingCallWatcher::finished, this, [this, answer, asked_about] {
+    answer->deleteLater();
+    triggers_under_way -= asked_about;
+    bus_asked = false;
+    if (triggers_handed_over >= kTriggersPerQuestion) ask_bus();
+  });
 }
 
 void Dump::process_artnet_trigger_dmx(const ArtDmx& dmx) {

@@ -148,6 +148,7 @@ int serve(int port) {
     KESTO_LOG(-2, "%s\n", bus.lastError().message().toLocal8Bit().constData());
     return 1;
   }
+  dump.watch_bus(bus);
   starting.store(false);
   return QCoreApplication::exec();
 }

@@ -13,7 +13,7 @@ from dataclasses import dataclass
 
 import pytest
 from harness import DEADLINE, ERROR, Recording, spin_until
-from harness.artnet import art_dmx, art_poll, relay
+from harness.artnet import art_dmx, art_poll, art_trigger, relay
 from harness.faults import ANY, BUS, FILE, FOREVER, LOG, NAMES, OTHER, UDP, Faults
 from harness.service import EXECUTABLE
 from harness.waiting import now
@@ -422,6 +422,25 @@ def test_a_bus_that_is_killed_ends_no_recording(faulty, faults):
     look_on(faulty, faults)
     assert faulty.end() == 0
     assert Recording.read(world.path("cue")).datagrams == MUSIC * 2
+
+
+# Triggers that the service keeps for a bus that takes none.
+KEPT = 32768
+
+
+@pytest.mark.skipif(SANITIZED, reason="tens of thousands of triggers take the thread sanitizer half a minute")
+def test_a_bus_that_hangs_gets_so_many_triggers_and_no_more_when_it_goes_on(service):
+    world, signals = service.world, service.client.signals
+    world.bus.pause()
+    for _ in range(KEPT // 128 + 2):
+        world.console.send(*[art_trigger(1, 1)] * 128, art_poll())
+        world.console.receive()
+    world.bus.go_on()
+    signals.wait_for_count(KEPT)
+    assert len(signals.items) == KEPT
+    world.console.send(art_trigger(2, 2))
+    assert signals.wait_for(lambda signal: signal.arguments == (2, 2), "a trigger afterwards")
+    assert len(signals.items) == KEPT + 1
 
 
 def test_without_a_log_daemon_everything_works(world):

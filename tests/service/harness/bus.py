@@ -1,6 +1,7 @@
 """A private session bus and clients on it."""
 
 import os
+import signal
 import subprocess
 import threading
 import xml.etree.ElementTree as ElementTree
@@ -156,6 +157,13 @@ class Bus:
         # Its own name appears in what it prints first; a message behind it shows that it listens.
         spin_until(lambda: self._watcher.owns("org.freedesktop.DBus") and monitor.messages.mark(), "the monitor")
         return monitor
+
+    def pause(self):
+        """The daemon hangs: it takes nothing any more."""
+        self._daemon.send_signal(signal.SIGSTOP)
+
+    def go_on(self):
+        self._daemon.send_signal(signal.SIGCONT)
 
     def kill(self):
         """The daemon goes without a word."""
