@@ -1,6 +1,8 @@
 // Reads a recording or a capture and accounts for every datagram of one stream: what is lost, what is there
 // twice, what is out of order, what is damaged, and how true the recorded pauses are.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,9 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench/traffic.h"
@@ -35,7 +36,7 @@ Number read_number(const char* bytes) {
   return value;
 }
 
-std::vector<Seen> read_recording(const std::vector<char>& file) {
+std::vector<Seen> read_recording(std::string_view file) {
   std::vector<Seen> all;
   std::int64_t time = 0;
   std::size_t offset = 0;
@@ -64,7 +65,7 @@ std::vector<Seen> read_recording(const std::vector<char>& file) {
 }
 
 /// Classic capture files of Ethernet frames, with micro- or nanoseconds.
-std::vector<Seen> read_capture(const std::vector<char>& file) {
+std::vector<Seen> read_capture(std::string_view file) {
   constexpr std::size_t kFileHeader = 24;
   constexpr std::size_t kFrameHeader = 16;
   constexpr std::size_t kEthernet = 14;
@@ -113,12 +114,17 @@ int main(int argc, char** argv) {
   const std::int64_t count = std::strtoll(argv[5], nullptr, 10);
   if (universe_count < 1 || first < 0 || count < 0) refuse("a number is out of range");
 
-  std::ifstream stream(argv[2], std::ios::binary);
+  const int fd = open(argv[2], O_RDONLY | O_CLOEXEC);
   struct stat status {};
-  if (!stream || stat(argv[2], &status) != 0) refuse(std::string("cannot read ") + argv[2]);
-  std::vector<char> file(static_cast<std::size_t>(status.st_size));
-  stream.read(file.data(), static_cast<std::streamsize>(file.size()));
-  if (!stream) refuse(std::string("cannot read ") + argv[2]);
+  if (fd == -1 || fstat(fd, &status) != 0) refuse(std::string("cannot read ") + argv[2]);
+  // Mapped, not read: the recording of a long run is larger than the memory of a small machine.
+  std::string_view file;
+  if (status.st_size > 0) {
+    const auto size = static_cast<std::size_t>(status.st_size);
+    void* const content = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (content == MAP_FAILED) refuse(std::string("cannot map ") + argv[2]);
+    file = {static_cast<const char*>(content), size};
+  }
   const std::vector<Seen> all = is_recording ? read_recording(file) : read_capture(file);
 
   std::vector<Universe> universes(static_cast<std::size_t>(universe_count));

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <random>
 #include <vector>
 
 #include "bench/traffic.h"
@@ -41,6 +42,7 @@ void usage() {
       "receiver's\n"
       "                    socket (UDP_SEGMENT): cheaper for the sender, other memory for the receiver\n"
       "  --replies R       sends ArtPollReplies of R nodes in turn instead of ArtDmx\n"
+      "  --garbage         sends what is no Art-Net, or broken Art-Net, and never an ArtDmx\n"
       "  --late NS         a group that starts later than this is counted as late, 1000000\n"
       "Prints one JSON object.\n",
       stderr);
@@ -57,10 +59,11 @@ struct Options {
   std::int64_t late = 1'000'000;
   std::int64_t replies = 0;
   bool segmented = false;
+  bool garbage = false;
 };
 
 bool read_options(int argc, char** argv, Options& options) {
-  static const std::array<option, 12> known{{{"to", required_argument, nullptr, 't'},
+  static const std::array<option, 13> known{{{"to", required_argument, nullptr, 't'},
                                              {"port", required_argument, nullptr, 'p'},
                                              {"count", required_argument, nullptr, 'c'},
                                              {"universes", required_argument, nullptr, 'u'},
@@ -71,6 +74,7 @@ bool read_options(int argc, char** argv, Options& options) {
                                              {"late", required_argument, nullptr, 'l'},
                                              {"replies", required_argument, nullptr, 'r'},
                                              {"segmented", no_argument, nullptr, 'S'},
+                                             {"garbage", no_argument, nullptr, 'G'},
                                              {nullptr, 0, nullptr, 0}}};
   options.to.sin_family = AF_INET;
   options.to.sin_port = htons(kArtNetPort);
@@ -82,6 +86,10 @@ bool read_options(int argc, char** argv, Options& options) {
     }
     if (found == 'S') {
       options.segmented = true;
+      continue;
+    }
+    if (found == 'G') {
+      options.garbage = true;
       continue;
     }
     char* end = nullptr;
@@ -166,6 +174,38 @@ int send_replies(const Options& options, int fd) {
       return 1;
     }
   }
+  return 0;
+}
+
+/// Sends noise: nothing at all, random bytes, the identifier with an operation code that nobody knows, node
+/// replies that are cut off, and now and then a datagram that is too long.
+int send_garbage(const Options& options, int fd) {
+  constexpr std::size_t kUsual = 1400;
+  constexpr std::size_t kTooLong = 9000;
+  constexpr std::int64_t kTooLongOnceIn = 128;
+  constexpr std::uint16_t kUnknown = 0x7700;
+  std::minstd_rand random(1);
+  std::array<char, kTooLong> bytes{};
+  const std::int64_t began = now();
+  for (std::int64_t i = 0; i < options.count; ++i) {
+    std::size_t size = i % kTooLongOnceIn == 0 ? kTooLong : random() % kUsual;
+    for (std::size_t at = 0; at < size; ++at) bytes[at] = static_cast<char>(random() >> 8U);
+    if (i % 4 >= 2 && size >= sizeof(ArtHeader)) {
+      const std::uint16_t opcode = i % 4 == 2 ? kUnknown : static_cast<std::uint16_t>(OpPollReply);
+      std::memcpy(bytes.data(), kArtNetId, kArtNetIdSize);
+      std::memcpy(bytes.data() + kArtNetIdSize, &opcode, sizeof opcode);
+      if (opcode == OpPollReply) size = std::min(size, sizeof(ArtPollReply) / 2);
+    }
+    if (i % options.group == 0 && options.interval > 0)
+      wait_until(began + i / options.group * options.interval);
+    const auto* const to = reinterpret_cast<const sockaddr*>(&options.to);
+    while (sendto(fd, bytes.data(), size, 0, to, sizeof options.to) == -1) {
+      if (errno == EINTR || errno == ENOBUFS || errno == ECONNREFUSED) continue;
+      perror("generator: sendto");
+      return 1;
+    }
+  }
+  printf("{\"sent\": %" PRId64 ", \"ns\": %" PRId64 "}\n", options.count, now() - began);
   return 0;
 }
 
@@ -280,8 +320,8 @@ int main(int argc, char** argv) {
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
   }
   prctl(PR_SET_TIMERSLACK, 1UL);
-  if (options.replies > 0) {
-    const int result = send_replies(options, fd);
+  if (options.replies > 0 || options.garbage) {
+    const int result = options.garbage ? send_garbage(options, fd) : send_replies(options, fd);
     close(fd);
     return result;
   }

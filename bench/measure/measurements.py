@@ -13,6 +13,7 @@ from pathlib import Path
 import observe
 from contenders import PACKAGED_BUFFER, RAISED_BUFFER, Kadrel, Ola, Recorder, Tcpdump
 from observe import Trouble
+from stall import stalls
 
 SECOND = 1_000_000_000
 BACKLOG = 3000
@@ -594,5 +595,6 @@ MEASUREMENTS = {
     "micro": Measurement(micro, ()),
     "growth": Measurement(growth, RECORDERS, usual=False),
     "nodes": Measurement(nodes, SERVICE, usual=False),
+    "stall": Measurement(stalls, SERVICE, usual=False),
     "copy": Measurement(copying, SERVICE, usual=False),
 }

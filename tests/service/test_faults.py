@@ -306,6 +306,23 @@ def test_a_wall_clock_that_is_set_changes_no_pause(faulty, faults, hours):
     assert len(copies) == 3 and all(os.path.exists(copy) for copy in copies)
 
 
+def test_a_recording_whose_writes_failed_for_a_while_is_whole_before_and_after(faulty, faults):
+    world = faulty.world
+    frames = [art_dmx(1, bytes([number % 251] * 512)) for number in range(200)]
+    faulty.client.grab(world.path("cue"))
+    faulty.feed(frames[:40])
+    faults.arm("write", errno.EIO, FILE)
+    faulty.feed(frames[40:160])
+    assert faults.struck("write") > 0
+    faults.disarm("write")
+    faulty.feed(frames[160:])
+    faulty.client.stop()
+    found = Recording.read(world.path("cue")).datagrams
+    assert found[:40] == frames[:40]
+    assert found[-40:] == frames[160:]
+    assert len(found) < len(frames)
+
+
 def test_a_file_system_that_is_unmounted_under_a_recording(service):
     """Lazily, as `umount -l` does it: the recording goes on where nobody sees it, and the next one is an ordinary one."""
     world = service.world
