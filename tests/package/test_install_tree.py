@@ -17,6 +17,9 @@ TOP = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("KADREL_BUILD_DIR", TOP / "build/release")).resolve()
 BUS_NAME = "com.tolvekserver.Kadrel"
 
+LOGGER = '#!/bin/sh\nfor text; do :; done\nprintf "%s\\n" "$text" >>{log}\n'
+HANGING_LOGGER = "#!/bin/sh\nexec sleep 3600\n"
+
 FILES = {
     "bin/kadrel",
     "bin/kadrel-cue",
@@ -59,24 +62,26 @@ def launcher(prefix, tmp_path):
     text = re.sub(r"^exec \S+", f"exec {executable}", text, flags=re.MULTILINE)
     executable.write_text('#!/bin/sh\necho "$#:$1"\nenv | grep -E "^(KADREL_|LC_ALL)" | sort\n', encoding="ascii")
     log = directory / "log"
-    logger.write_text(f'#!/bin/sh\nfor text; do :; done\nprintf "%s\\n" "$text" >>{log}\n', encoding="ascii")
+    logger.touch()
     script = directory / "kadrel-session"
     script.write_text(text, encoding="utf-8")
     for file in (executable, logger, script):
         file.chmod(0o755)
 
-    def start(content, **environment):
+    def start(content, logs=True, **environment):
         """(arguments and settings that kadrel gets, warnings) with this settings file; None: no file."""
         settings.unlink(missing_ok=True)
         log.write_bytes(b"")
+        logger.write_text(LOGGER.format(log=log) if logs else HANGING_LOGGER, encoding="ascii")
         if content is not None:
             settings.write_bytes(content)
         outcome = subprocess.run(
             [script], capture_output=True, text=True, check=True,
             env={"PATH": f"{directory}:/usr/bin:/bin", **environment},
         )
-        assert outcome.stderr == ""
-        return outcome.stdout.splitlines(), log.read_text(encoding="utf-8").splitlines()
+        warnings = log.read_text(encoding="utf-8") if logs else outcome.stderr
+        assert logs is False or outcome.stderr == ""
+        return outcome.stdout.splitlines(), warnings.splitlines()
 
     return start
 
@@ -177,6 +182,13 @@ def test_a_port_that_is_none_is_reported_and_the_default_taken(launcher, port):
     arguments, warnings = launcher(f"KADREL_PORT={port}\n".encode())
     assert arguments == ["1:6454", "LC_ALL=C.UTF-8"]
     assert warnings == [f"KADREL_PORT is not a number from 1 to 65535, using 6454 (value:{port})"]
+
+
+def test_a_log_that_hangs_does_not_hold_up_the_start(launcher):
+    assert launcher(b"KADREL_PORT=none\n", logs=False) == (
+        ["1:6454", "LC_ALL=C.UTF-8"],
+        ["kadrel-session: KADREL_PORT is not a number from 1 to 65535, using 6454 (value:none)"],
+    )
 
 
 def test_nothing_in_the_settings_is_run(launcher, tmp_path):

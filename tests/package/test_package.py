@@ -38,9 +38,9 @@ def architecture():
 def deb():
     if "KADREL_DEB" in os.environ:
         return Path(os.environ["KADREL_DEB"]).resolve()
-    built = sorted(glob.glob(str(TOP / f"out/kadrel_*_{architecture()}.deb")))
+    built = glob.glob(str(TOP / f"out/kadrel_*_{architecture()}.deb"))
     assert built, "no package in out/; ./package builds it"
-    return Path(built[-1])
+    return Path(max(built, key=os.path.getmtime))
 
 
 @pytest.fixture
