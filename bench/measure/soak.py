@@ -20,7 +20,7 @@ from measurements import FRAME_RATE, SECOND  # noqa: E402
 from observe import Trouble  # noqa: E402
 from place import APPLIANCE, PORT  # noqa: E402
 
-from harness.bus import INTERFACE, Gio, GLib  # noqa: E402  place.py has put it within reach
+from harness.bus import LazyClient  # noqa: E402  place.py has put it within reach
 
 UNIVERSES = 64
 RATE = UNIVERSES * FRAME_RATE
@@ -54,56 +54,6 @@ class LogDaemon:
     def close(self):
         self._socket.shutdown(socket.SHUT_RD)
         self._thread.join()
-        self._socket.close()
-
-
-class LazyClient:
-    """A client of the bus that subscribes to the triggers and reads `rate` bytes a second, or none."""
-
-    PORTION = 0.1
-
-    def __init__(self, address, rate):
-        self.received = 0
-        self._rate = rate
-        self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.connect(address.removeprefix("unix:path="))
-        self._socket.sendall(b"\0AUTH EXTERNAL " + str(os.geteuid()).encode().hex().encode() + b"\r\n")
-        if not self._socket.recv(1000).startswith(b"OK"):
-            raise Trouble("the bus does not let a client in")
-        self._socket.sendall(b"BEGIN\r\n")
-        self._call("Hello")
-        self._call("AddMatch", GLib.Variant("(s)", (f"type='signal',interface='{INTERFACE}'",)))
-        self._ending = threading.Event()
-        self._thread = threading.Thread(target=self._read, daemon=True)
-        if rate:
-            self._thread.start()
-
-    def _call(self, method, arguments=None):
-        message = Gio.DBusMessage.new_method_call(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method
-        )
-        message.set_serial(1)
-        if arguments:
-            message.set_body(arguments)
-        self._socket.sendall(message.to_blob(Gio.DBusCapabilityFlags.NONE))
-        self._socket.recv(1 << 16)
-
-    def _read(self):
-        while not self._ending.wait(self.PORTION):
-            data = self._socket.recv(int(self._rate * self.PORTION))
-            if not data:
-                return
-            self.received += len(data)
-
-    def disconnected(self):
-        """Whether the bus has closed the connection; to be asked of a client that never reads."""
-        try:
-            return not self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT)
-        except BlockingIOError:
-            return False
-
-    def close(self):
-        self._ending.set()
         self._socket.close()
 
 

@@ -9,11 +9,13 @@ import os
 import resource
 import select
 import signal
+import struct
 from dataclasses import dataclass
 
 import pytest
 from harness import DEADLINE, ERROR, Recording, spin_until
 from harness.artnet import art_dmx, art_poll, art_trigger, relay
+from harness.bus import LazyClient
 from harness.faults import ANY, BUS, FILE, FOREVER, LOG, NAMES, OTHER, UDP, Faults
 from harness.service import EXECUTABLE
 from harness.waiting import now
@@ -458,6 +460,30 @@ def test_a_bus_that_hangs_gets_so_many_triggers_and_no_more_when_it_goes_on(serv
     world.console.send(art_trigger(2, 2))
     assert signals.wait_for(lambda signal: signal.arguments == (2, 2), "a trigger afterwards")
     assert len(signals.items) == KEPT + 1
+
+
+def test_a_client_that_does_not_read_loses_signals_and_costs_the_others_none(make_world):
+    """The bus keeps what it may keep for it, drops the rest, and lets it have what comes after it has caught up."""
+    world = make_world(bus_limits={"max_outgoing_bytes": 100_000})
+    service = world.start()
+    deaf = LazyClient(world.bus.address, rate=0)
+    sent = [(1, number % 251) for number in range(4000)]
+    for start in range(0, len(sent), 200):
+        service.feed([art_trigger(*one) for one in sent[start : start + 200]])
+        assert service.client.triggers() == sent[: start + 200]
+    assert not deaf.disconnected()
+    received = b""
+
+    def caught_up():
+        nonlocal received
+        service.feed([art_trigger(7, 7)])
+        received += deaf.waiting()
+        # A signal ends in key and subkey.
+        return received.endswith(struct.pack("<ii", 7, 7))
+
+    spin_until(caught_up, "a signal for the client that reads again")
+    assert received.count(struct.pack("<ii", 1, 1)) < sent.count((1, 1))
+    deaf.close()
 
 
 def test_without_a_log_daemon_everything_works(world):

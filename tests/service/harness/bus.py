@@ -2,6 +2,7 @@
 
 import os
 import signal
+import socket
 import subprocess
 import threading
 import xml.etree.ElementTree as ElementTree
@@ -34,6 +35,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
     <allow own="*"/>
   </policy>
   <limit name="max_replies_per_connection">50000</limit>
+  {limits}
 </busconfig>
 """
 
@@ -111,15 +113,20 @@ class _Loop:
         return result
 
 
+def _limits(values):
+    return "".join(f'<limit name="{name}">{value}</limit>' for name, value in values.items())
+
+
 class Bus:
     """A dbus-daemon of its own for one world."""
 
-    def __init__(self, namespaces, directory):
+    def __init__(self, namespaces, directory, limits=None):
+        """`limits`: further limits of the daemon by their names in its configuration."""
         self._namespaces = namespaces
         self.address = f"unix:path={directory}/bus"
         configuration = os.path.join(directory, "bus.conf")
         with open(configuration, "w", encoding="ascii") as file:
-            file.write(CONFIGURATION.format(path=f"{directory}/bus"))
+            file.write(CONFIGURATION.format(path=f"{directory}/bus", limits=_limits(limits or {})))
         read_end, write_end = os.pipe()
         self._daemon = namespaces.popen(
             ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--nosyslog"]
@@ -275,6 +282,63 @@ class Connection:
     def close(self):
         if not self.connection.is_closed():
             self.connection.close_sync(None)
+
+
+class LazyClient:
+    """A client of the bus that subscribes to the triggers and reads `rate` bytes a second, or none."""
+
+    PORTION = 0.1
+
+    def __init__(self, address, rate):
+        self.received = 0
+        self._rate = rate
+        self._socket = socket.socket(socket.AF_UNIX)
+        self._socket.connect(address.removeprefix("unix:path="))
+        self._socket.sendall(b"\0AUTH ANONYMOUS\r\n")
+        if not self._socket.recv(1000).startswith(b"OK"):
+            raise ConnectionError("the bus does not let a client in")
+        self._socket.sendall(b"BEGIN\r\n")
+        self._call("Hello")
+        self._call("AddMatch", GLib.Variant("(s)", (f"type='signal',interface='{INTERFACE}'",)))
+        self._ending = threading.Event()
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        if rate:
+            self._thread.start()
+
+    def _call(self, method, arguments=None):
+        message = Gio.DBusMessage.new_method_call(
+            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method
+        )
+        message.set_serial(1)
+        if arguments:
+            message.set_body(arguments)
+        self._socket.sendall(message.to_blob(Gio.DBusCapabilityFlags.NONE))
+        self._socket.recv(1 << 16)
+
+    def _read(self):
+        while not self._ending.wait(self.PORTION):
+            data = self._socket.recv(int(self._rate * self.PORTION))
+            if not data:
+                return
+            self.received += len(data)
+
+    def waiting(self):
+        """What lies in the socket at this moment, of a client that has not read so far."""
+        try:
+            return self._socket.recv(1 << 20, socket.MSG_DONTWAIT)
+        except BlockingIOError:
+            return b""
+
+    def disconnected(self):
+        """Whether the bus has closed the connection; to be asked of a client that never reads."""
+        try:
+            return not self._socket.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT)
+        except BlockingIOError:
+            return False
+
+    def close(self):
+        self._ending.set()
+        self._socket.close()
 
 
 class SignalLog(Collector):

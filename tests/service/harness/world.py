@@ -27,7 +27,7 @@ class World:
     directory that the service sees too, e.g. for recordings.
     """
 
-    def __init__(self, brand=None, with_eth0=True, broadcast=BROADCAST, port=ARTNET_PORT):
+    def __init__(self, brand=None, with_eth0=True, broadcast=BROADCAST, port=ARTNET_PORT, bus_limits=None):
         # A short path: names of sockets lie below it.
         self.directory = tempfile.mkdtemp(prefix="kadrel-", dir="/tmp")
         os.chmod(self.directory, 0o755)
@@ -42,7 +42,7 @@ class World:
             self._closers.append(self.log.close)
             self.network = Network(self.namespaces, port, with_eth0, broadcast)
             self._closers.append(self.network.close)
-            self.bus = Bus(self.namespaces, self.directory)
+            self.bus = Bus(self.namespaces, self.directory, bus_limits)
             self._closers.append(self.bus.close)
             self.client = self.bus.client()
         except BaseException:
