@@ -346,7 +346,7 @@ def test_a_file_system_that_becomes_read_only_refuses_the_next_recording(service
     path = world.path("small")
     os.mkdir(path)
     world.namespaces.mount_tmpfs(path, 1 << 20)
-    world.namespaces.run(["mount", "-o", "remount,ro", path])
+    world.namespaces.run(["mount", "-o", "remount,bind,nosuid,ro", path])
     lines = world.log.mark()
     service.client.grab(f"{path}/cue")
     assert service.client.get_status() == "off"
