@@ -10,6 +10,8 @@ FROM_ART_NET_PORT = ("10.77.0.1", 6454)
 
 def sent_on(service, *requests):
     """The payloads that reach the console for these requests."""
+    # Made when first asked for; what is sent before it listens is lost.
+    assert service.world.console
     service.world.appliance_process.send(*requests)
     received = service.relay_barrier()
     assert {(datagram.address, datagram.port) for datagram in received} <= {FROM_ART_NET_PORT}
