@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "kesto/wait_budget.h"
@@ -57,6 +58,10 @@ constexpr size_t kLogSocketShare = 65536;
 constexpr size_t kLogLineCost = 1024;
 std::atomic<size_t> log_socket_use{0};
 
+// Held from the look for room until the line is written: another thread would take the room meanwhile, and
+// syslog() would wait.
+std::mutex system_log_mutex;
+
 void send_to_system_log(int priority, const QByteArray& format) {
   if (log_socket_use.fetch_add(static_cast<size_t>(format.size()) + kLogLineCost) > kLogSocketShare) {
     closelog();  // syslog() opens it anew, as openlog() has set it up
@@ -74,15 +79,16 @@ std::chrono::nanoseconds steady_time() {
   return std::chrono::steady_clock::now().time_since_epoch();
 }
 
-/// Whether the descriptor can be written to, if need be after a wait.
+/// Whether the descriptor can be written to, if need be after a wait. A look that fails, because a signal
+/// comes in between, counts as one that found no room.
 bool wait_for_room(int fd) {
   pollfd probe{fd, POLLOUT, 0};
-  if (poll(&probe, 1, 0) != 0) return true;
+  if (poll(&probe, 1, 0) > 0) return true;
   if (log_stalled.load()) return false;
   const std::chrono::nanoseconds began = steady_time();
   const auto most = std::chrono::duration_cast<std::chrono::milliseconds>(log_waits.left(began));
   if (most.count() == 0) return false;
-  const bool room = poll(&probe, 1, static_cast<int>(most.count())) != 0;
+  const bool room = poll(&probe, 1, static_cast<int>(most.count())) > 0;
   const std::chrono::nanoseconds ended = steady_time();
   log_waits.spend(ended, ended - began);
   return room;
@@ -93,7 +99,7 @@ bool wait_for_room(int fd) {
 /// syslog() sees to that.
 bool system_log_has_room() {
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd == -1) return true;
+  if (fd == -1) return !log_stalled.load();
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path, kLogSocket, sizeof kLogSocket);
@@ -204,6 +210,7 @@ void Logger::writeToSyslog(int message_level, const char* line) {
   int priority = LOG_INFO;
   if (message_level == kErrorLevel) priority = LOG_ERR;
   if (message_level == kWarningLevel) priority = LOG_WARNING;
+  const std::lock_guard<std::mutex> guard(system_log_mutex);
   if (!system_log_has_room()) {
     ++dropped_lines;
     return;

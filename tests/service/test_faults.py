@@ -486,6 +486,41 @@ def test_a_client_that_does_not_read_loses_signals_and_costs_the_others_none(mak
     deaf.close()
 
 
+def fill_log(world):
+    """The log daemon stops reading, and there is no room for a line any more."""
+    world.log.stop_reading()
+    for _ in range(10):
+        world.console.send(*[b"no packet"] * 100, art_poll())
+        world.console.receive()
+
+
+@pytest.mark.parametrize("call, error", [("poll", errno.EINTR), ("socket", errno.EMFILE)])
+def test_a_log_daemon_that_hangs_is_not_waited_for_when_nobody_can_look_whether_it_does(faulty, faults, call, error):
+    world = faulty.world
+    fill_log(world)
+    faults.arm(call, error, LOG)
+    world.console.send(b"no packet", art_poll())
+    world.console.receive()
+    assert faults.struck(call) > 0
+    assert faulty.end() == 0
+    world.log.go_on_reading()
+
+
+def test_the_room_for_one_line_is_not_taken_for_that_of_two(faulty, faults):
+    """Two threads have a line each for a log daemon that has read one and hangs again."""
+    world = faulty.world
+    fill_log(world)
+    # Between the look for room and the line.
+    faults.arm("close", kind=LOG, times=2, delay=LOOK)
+    world.log.read_one()
+    world.console.send(b"no packet", art_poll())
+    spin_until(lambda: faults.struck("close") > 0, "the first look")
+    faulty.client.node_detection_request_pending()
+    world.console.receive()
+    assert faulty.end() == 0
+    world.log.go_on_reading()
+
+
 def test_without_a_log_daemon_everything_works(world):
     """Not even a socket to write to."""
     os.unlink(f"{world.directory}/syslog")
