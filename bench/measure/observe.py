@@ -37,6 +37,25 @@ def cpu_ns_by_thread(pids):
     return found
 
 
+def waited_ns(pids):
+    """Nanoseconds that threads of the processes could have run and had no processor."""
+    total = 0
+    for pid in pids:
+        for task in _tasks(pid):
+            with open(f"/proc/{pid}/task/{task}/schedstat", encoding="ascii") as file:
+                total += int(file.read().split()[1])
+    return total
+
+
+def disk_pressure():
+    """Microseconds since boot in which somebody, and in which everybody, waited for a disk; 0 where the kernel does not say."""
+    try:
+        with open("/proc/pressure/io", encoding="ascii") as file:
+            return [int(line.rpartition("total=")[2]) for line in file]
+    except OSError:
+        return [0, 0]
+
+
 def cpu_ns(pids):
     """The same of all threads of the processes together."""
     return sum(cpu_ns_by_thread(pids).values())

@@ -65,12 +65,27 @@ class Course:
     def __init__(self, kadrel):
         self.kadrel = kadrel
         self.samples = []  # (seconds, KiB, ns, bytes in the receive queue, read)
+        self.losses = []  # what is known about every period in which the kernel dropped something
+        self._before = None
 
     def sample(self):
         pid = self.kadrel.process.pid
         queue = observe.udp_socket(pid, PORT).waiting
-        read = observe.UdpCounters.of(pid).read
-        self.samples.append((time.monotonic(), observe.resident_kib([pid]), observe.cpu_ns([pid]), queue, read))
+        counters = observe.UdpCounters.of(pid)
+        self.samples.append((time.monotonic(), observe.resident_kib([pid]), observe.cpu_ns([pid]), queue, counters.read))
+        present = (counters.dropped, observe.waited_ns([pid]), *observe.disk_pressure())
+        if self._before is not None and present[0] > self._before[0]:
+            dropped, waited, some, full = (now - then for now, then in zip(present, self._before, strict=True))
+            self.losses.append(
+                {
+                    "second": round(self.samples[-1][0] - self.samples[0][0]),
+                    "dropped": dropped,
+                    "waited_for_a_processor_ms": round(waited / 1e6),
+                    "somebody_waited_for_a_disk_ms": round(some / 1000),
+                    "everybody_waited_for_a_disk_ms": round(full / 1000),
+                }
+            )
+        self._before = present
 
     def watch(self, process):
         self.sample()
@@ -100,8 +115,10 @@ class Course:
 
 
 class Soak:
-    def __init__(self, build, minutes, output):
+    def __init__(self, build, minutes, output, in_memory):
         self.minutes = minutes
+        self.in_memory = in_memory
+        self.losses = []
         self.output = Path(output)
         self.failures = []
         self.figures = {}
@@ -144,15 +161,19 @@ class Soak:
         )
 
     def recording(self):
-        """On the disk: a long recording is no thing for the memory."""
-        return f"{self.kadrel.site.directory}/soak"
+        """As the service sees it."""
+        return self.kadrel.site.inside("soak") if self.in_memory else f"{self.kadrel.site.directory}/soak"
+
+    def recorded(self):
+        """As this process sees it."""
+        return self.kadrel.site.outside("soak") if self.in_memory else self.recording()
 
     def account(self):
-        command = [self.kadrel.tools.path("account"), "recording", self.recording()]
+        command = [self.kadrel.tools.path("account"), "recording", self.recorded()]
         outcome = subprocess.run(
             [*command, str(UNIVERSES), "0", str(self.kadrel.sent)], capture_output=True, text=True, check=False
         )
-        os.unlink(self.recording())
+        os.unlink(self.recorded())
         if outcome.returncode != 0:
             raise Trouble(outcome.stderr.strip())
         report = json.loads(outcome.stdout)
@@ -177,6 +198,9 @@ class Soak:
         own = course.figures()
         grown = own["resident_kib_most"] - own["resident_kib_warm"]
         self.check(grown <= GROWTH_KIB, f"the memory grew by {grown} KiB")
+        for loss in course.losses:
+            print(f"    {loss}")
+        self.losses += course.losses
         late = self.kadrel.traffic[-1]["worst_late_ns"]
         return {
             **self.account(), "dropped_by_the_kernel": dropped, **extra, **own, "generator_late_ms_most": round(late / 1e6, 1)
@@ -215,7 +239,7 @@ class Soak:
             kadrel.client.grab(path)
             observe.wait_for(lambda: kadrel.client.get_status() == "run", "the recording to run", pause=0)
             kadrel.client.stop()
-            content = Path(path).read_bytes()
+            content = Path(self.recorded()).read_bytes()
             count = (len(content) + 18) // RECORD
             numbers = [struct.unpack_from("<I", content, at * RECORD + 18)[0] for at in range(count)]
             whole = len(content) == count * RECORD - 18 and numbers == list(range(numbers[0], numbers[0] + count))
@@ -227,7 +251,7 @@ class Soak:
         resident, descriptors = observe.resident_kib([kadrel.process.pid]), self.descriptors()
         generator.terminate()
         generator.wait()
-        os.unlink(path)
+        os.unlink(self.recorded())
         self.check(resident - warm <= GROWTH_KIB, f"the memory grew by {resident - warm} KiB")
         self.check(descriptors == warm_fds, f"{descriptors} descriptors are open, {warm_fds} were")
         return {
@@ -277,7 +301,7 @@ class Soak:
             "signals": len(numbers),
             "signals_in_order": in_order,
             "slow_client_received_bytes": slow.received,
-            "deaf_client_disconnected": str(cut_off),
+            "deaf_client_disconnected": "yes" if cut_off else "no",
             "bus_resident_kib_before": daemon_before,
             "bus_resident_kib_after": daemon_after,
             **own,
@@ -311,6 +335,8 @@ class Soak:
             "machine_busy": round(busy, 3),
             "minutes": self.minutes,
             "receive_buffer": PACKAGED_BUFFER,
+            "recorded_into": "memory" if self.in_memory else "a file on the disk",
+            "losses": self.losses,
             "figures": self.figures,
             "failures": self.failures,
         }
@@ -329,9 +355,13 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--minutes", type=int, required=True)
     parser.add_argument("--output", help="directory of figures.json (the build directory)")
+    parser.add_argument("--memory", action="store_true", help="record into memory, not on the disk")
     parser.add_argument("--only", action="append", help="long show, short recordings, control packets or garbage")
     settings = parser.parse_args()
-    return Soak(settings.build, settings.minutes, settings.output or settings.build).run(settings.only)
+    # What else the machine does is not what is measured.
+    with observe.Precedence():
+        soak = Soak(settings.build, settings.minutes, settings.output or settings.build, settings.memory)
+        return soak.run(settings.only)
 
 
 sys.exit(main())
