@@ -34,6 +34,7 @@ FILES = {
     "share/doc/kadrel/examples/kadrel.nft",
     "share/doc/kadrel/operations.md",
     "share/doc/kadrel/recording-format.md",
+    "share/doc/kadrel/reliability.md",
     "share/doc/kadrel/security.md",
     "share/man/man1/kadrel-cue.1",
     "share/man/man1/kadrel.1",
