@@ -8,6 +8,13 @@ set(KADREL_EXECUTABLE "${CMAKE_INSTALL_FULL_BINDIR}/kadrel")
 set(KADREL_SESSION "${CMAKE_INSTALL_FULL_LIBEXECDIR}/kadrel/kadrel-session")
 set(KADREL_SETTINGS "${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/kadrel")
 
+# The shell, systemd and the bus each quote in a way of their own.
+foreach(path IN ITEMS "${KADREL_EXECUTABLE}" "${KADREL_SESSION}" "${KADREL_SETTINGS}")
+  if(NOT path MATCHES "^[-A-Za-z0-9/._+]+$")
+    message(FATAL_ERROR "A path of the installation may hold letters, digits and -/._+ only: ${path}")
+  endif()
+endforeach()
+
 foreach(file IN ITEMS kadrel-session kadrel.service com.tolvekserver.Kadrel.service)
   configure_file("data/${file}.in" "${CMAKE_BINARY_DIR}/data/${file}" @ONLY)
 endforeach()

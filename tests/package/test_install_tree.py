@@ -19,6 +19,8 @@ BUS_NAME = "com.tolvekserver.Kadrel"
 
 LOGGER = '#!/bin/sh\nfor text; do :; done\nprintf "%s\\n" "$text" >>{log}\n'
 HANGING_LOGGER = "#!/bin/sh\nexec sleep 3600\n"
+# What logger does without a log daemon.
+LONELY_LOGGER = '#!/bin/sh\ncase " $* " in *" --socket-errors=on "*) exit 1 ;; esac\n'
 
 FILES = {
     "bin/kadrel",
@@ -69,19 +71,19 @@ def launcher(prefix, tmp_path):
     for file in (executable, logger, script):
         file.chmod(0o755)
 
-    def start(content, logs=True, **environment):
+    def start(content, without_log=None, **environment):
         """(arguments and settings that kadrel gets, warnings) with this settings file; None: no file."""
         settings.unlink(missing_ok=True)
         log.write_bytes(b"")
-        logger.write_text(LOGGER.format(log=log) if logs else HANGING_LOGGER, encoding="ascii")
+        logger.write_text(without_log or LOGGER.format(log=log), encoding="ascii")
         if content is not None:
             settings.write_bytes(content)
         outcome = subprocess.run(
             [script], capture_output=True, text=True, check=True,
             env={"PATH": f"{directory}:/usr/bin:/bin", **environment},
         )
-        warnings = log.read_text(encoding="utf-8") if logs else outcome.stderr
-        assert logs is False or outcome.stderr == ""
+        warnings = outcome.stderr if without_log else log.read_text(encoding="utf-8")
+        assert without_log or outcome.stderr == ""
         return outcome.stdout.splitlines(), warnings.splitlines()
 
     return start
@@ -125,6 +127,16 @@ def test_unit_bus_and_launcher_speak_of_the_same_things(prefix):
     base = activation["Exec"].split("/libexec/")[0]
     assert f"exec {base}/bin/kadrel " in launcher
     assert "@" not in launcher.replace('"$@"', "")
+
+
+@pytest.mark.parametrize("place", ["/opt/stage light", "/opt/$HOME", "/opt/100%", '/opt/"a"'])
+def test_a_prefix_that_nobody_could_quote_is_refused(tmp_path, place):
+    outcome = subprocess.run(
+        ["cmake", "-S", TOP, "-B", tmp_path, "-DKADREL_BUILD_TESTS=OFF", "-DKADREL_BUILD_TOOLS=OFF",
+         f"-DCMAKE_INSTALL_PREFIX={place}"],
+        capture_output=True, text=True, check=False,
+    )
+    assert outcome.returncode == 1 and "A path of the installation may hold" in outcome.stderr
 
 
 def test_the_receive_buffer_is_one_setting(prefix):
@@ -185,8 +197,9 @@ def test_a_port_that_is_none_is_reported_and_the_default_taken(launcher, port):
     assert warnings == [f"KADREL_PORT is not a number from 1 to 65535, using 6454 (value:{port})"]
 
 
-def test_a_log_that_hangs_does_not_hold_up_the_start(launcher):
-    assert launcher(b"KADREL_PORT=none\n", logs=False) == (
+@pytest.mark.parametrize("logger", [HANGING_LOGGER, LONELY_LOGGER], ids=["hangs", "missing"])
+def test_without_a_log_the_start_is_not_held_up_and_the_warning_is_on_standard_error(launcher, logger):
+    assert launcher(b"KADREL_PORT=none\n", without_log=logger) == (
         ["1:6454", "LC_ALL=C.UTF-8"],
         ["kadrel-session: KADREL_PORT is not a number from 1 to 65535, using 6454 (value:none)"],
     )
