@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "kesto/logger.h"
+#include "kesto/standard_descriptors.h"
 #include "src/Dump.h"
 #include "src/Settings.h"
 #include "src/ThreadSignals.h"
@@ -74,15 +75,6 @@ bool install_signal_handlers() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   return true;
-}
-
-/// Puts /dev/null where standard input, output or error is closed, so that no file or socket of the service
-/// gets their numbers and with them what is written to the terminal.
-void occupy_standard_descriptors() {
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-    if (fcntl(fd, F_GETFD) == -1) [[maybe_unused]]
-      const int opened = open("/dev/null", O_RDWR);
-  }
 }
 
 void print_usage() {
@@ -156,7 +148,7 @@ int serve(int port) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  occupy_standard_descriptors();
+  kesto::occupy_standard_descriptors();
   if (argc < 2) {
     print_usage();
     return 1;

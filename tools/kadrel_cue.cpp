@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kesto/standard_descriptors.h"
 #include "src/ArtNet.h"
 #include "tools/Arguments.h"
 #include "tools/CueCsv.h"
@@ -321,10 +322,17 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  kesto::occupy_standard_descriptors();
+  int code = 1;
   try {
-    return run(argc, argv);
+    code = run(argc, argv);
   } catch (const std::exception& error) {
     fprintf(stderr, "kadrel-cue: %s\n", error.what());
-    return 1;
   }
+  // A disk that is full, say: half a report is none.
+  if (!std::cout.flush()) {
+    fputs("kadrel-cue: standard output cannot be written\n", stderr);
+    if (code == 0) code = 1;
+  }
+  return code;
 }
