@@ -3,7 +3,7 @@
 
     python3 bench/footprint.py --kadrel build/release/kadrel               about 13 minutes
     python3 bench/footprint.py --kadrel build/release/kadrel --minutes 1   the long recording is cut short
-    ... --receive-buffer build/bench/bench/libreceive_buffer.so            with 4 MiB, as the package sets them
+    ... --receive-buffer build/bench/bench/libreceive_buffer.so            with 8 MiB, as the package sets them
     ... --deb out/kadrel_1.5.2_amd64.deb                                   its installed size, too
 
 Everything happens in namespaces of its own (see tests/service/README.md). docs/operations.md has the figures.
@@ -27,7 +27,7 @@ SLOTS = 512
 DATAGRAM = 18 + SLOTS
 DELAY = 18
 STARTS = 20
-RECEIVE_BUFFER = 4 << 20
+RECEIVE_BUFFER = 8 << 20
 IDLE_SECONDS = 30
 SHORT_SECONDS = 10
 SAMPLE_SECONDS = 10
@@ -162,7 +162,7 @@ def main():
     from harness.artnet import art_dmx
     from harness.world import World
 
-    print(f"receive buffer: {'4 MiB' if preload else 'as the system gives it'}")
+    print(f"receive buffer: {'8 MiB' if preload else 'as the system gives it'}")
     print(f"load average before: {os.getloadavg()[0]:.1f} on {os.cpu_count()} processors")
     for deb in options.deb:
         installed(deb)

@@ -16,7 +16,7 @@ from place import APPLIANCE, PORT, Site
 from harness.olad import OTHER_PLUGINS  # place.py has put it within reach
 
 RAISED_BUFFER = 64 << 20
-PACKAGED_BUFFER = 4 << 20
+PACKAGED_BUFFER = 8 << 20
 
 
 class Tools:

@@ -245,7 +245,7 @@ def _largest_frame(contender, start):
 
 def frames(contenders, settings):
     """The largest whole frame, back to back as fast as the sender goes, that arrives 44 times a second without loss: with
-    the system's own receive buffer, and with the packaged setting (4 MiB). The largest size tried is what fills a
+    the system's own receive buffer, and with the packaged setting (8 MiB). The largest size tried is what fills a
     gigabit wire. Then one second of the median size is recorded and accounted for."""
     figures = {contender.name: {} for contender in contenders}
     for name, buffer, start in (("default_buffer", None, 64), ("packaged_buffer", PACKAGED_BUFFER, 512)):

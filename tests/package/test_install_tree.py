@@ -141,7 +141,7 @@ def test_a_prefix_that_nobody_could_quote_is_refused(tmp_path, place):
 
 def test_the_receive_buffer_is_one_setting(prefix):
     lines = (prefix / "lib/sysctl.d/50-kadrel.conf").read_text(encoding="utf-8").splitlines()
-    assert [line for line in lines if line and line[0] not in "#;"] == ["net.core.rmem_default = 4194304"]
+    assert [line for line in lines if line and line[0] not in "#;"] == ["net.core.rmem_default = 8388608"]
 
 
 def test_the_manual_tells_of_every_method_and_signal(prefix):
