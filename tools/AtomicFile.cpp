@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <utility>
 
@@ -14,6 +17,27 @@ namespace cue {
 namespace {
 
 constexpr std::size_t kPendingSize = std::size_t{256} * 1024;
+
+// Temporary name of the file that is written, for a signal handler; empty when there is none.
+std::array<char, PATH_MAX> unfinished;
+
+/// No signal arrives while it lives.
+class SignalsBlocked {
+public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  SignalsBlocked(SignalsBlocked&&) = delete;
+  SignalsBlocked& operator=(SignalsBlocked&&) = delete;
+
+private:
+  sigset_t before{};
+};
 
 std::string directory_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -42,7 +66,12 @@ AtomicFile::AtomicFile(std::string path, const std::vector<std::string>& inputs)
     }
   }
   temporary = target + ".XXXXXX";
-  fd = mkostemp(temporary.data(), O_CLOEXEC);
+  {
+    const SignalsBlocked blocked;
+    fd = mkostemp(temporary.data(), O_CLOEXEC);
+    // A name that is too long has not been made.
+    if (fd != -1) unfinished[temporary.copy(unfinished.data(), unfinished.size() - 1)] = '\0';
+  }
   if (fd == -1) throw file_error(target, errno);
   fchmod(fd, new_file_mode());
   pending.reserve(kPendingSize);
@@ -52,6 +81,12 @@ AtomicFile::~AtomicFile() {
   if (fd == -1) return;
   close(fd);
   unlink(temporary.c_str());
+  const SignalsBlocked blocked;
+  unfinished[0] = '\0';
+}
+
+void AtomicFile::remove_unfinished() {
+  if (unfinished[0] != '\0') unlink(unfinished.data());
 }
 
 void AtomicFile::flush() {
@@ -74,7 +109,11 @@ void AtomicFile::write(const void* bytes, std::size_t size) {
 void AtomicFile::commit() {
   flush();
   if (fsync(fd) == -1) throw file_error(target, errno);
-  if (rename(temporary.c_str(), target.c_str()) == -1) throw file_error(target, errno);
+  {
+    const SignalsBlocked blocked;
+    if (rename(temporary.c_str(), target.c_str()) == -1) throw file_error(target, errno);
+    unfinished[0] = '\0';
+  }
   close(std::exchange(fd, -1));
   // The new name is on the disk once its directory is. A file system that cannot do that keeps the file all
   // the same.

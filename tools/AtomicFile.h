@@ -7,7 +7,7 @@
 namespace cue {
 
 /// A file that appears whole, under its name, or not at all: it is written under a temporary name in the same
-/// directory and renamed when it is complete and on the disk.
+/// directory and renamed when it is complete and on the disk. One thread, one such file at a time.
 class AtomicFile {
 public:
   /// @param path    of the file to make; one that is there is replaced by commit()
@@ -17,6 +17,9 @@ public:
 
   /// Removes what was written when it was not committed.
   ~AtomicFile();
+
+  /// The same for the latest file that was made; for signal handlers.
+  static void remove_unfinished();
 
   AtomicFile(const AtomicFile&) = delete;
   AtomicFile& operator=(const AtomicFile&) = delete;

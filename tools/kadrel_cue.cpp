@@ -11,6 +11,7 @@
 #include "kesto/standard_descriptors.h"
 #include "src/ArtNet.h"
 #include "tools/Arguments.h"
+#include "tools/AtomicFile.h"
 #include "tools/CueCsv.h"
 #include "tools/CueEdit.h"
 #include "tools/CueError.h"
@@ -34,6 +35,24 @@ static_assert(std::atomic<bool>::is_always_lock_free, "it is set in a signal han
 
 void request_stop(int /*signal*/) {
   stop_requested = true;
+}
+
+/// A file that is half written does not stay; then the signal does what it does by itself.
+void clear_away(int signal) {
+  cue::AtomicFile::remove_unfinished();
+  raise(signal);
+}
+
+void clear_away_on_signals() {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    if (action.sa_handler == SIG_IGN) continue;
+    action = {};
+    action.sa_handler = clear_away;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(signal, &action, nullptr);
+  }
 }
 
 void stop_on_signals() {
@@ -306,6 +325,7 @@ int run(int argc, char** argv) {
     play_command.progress = isatty(STDERR_FILENO) != 0;
     return cue::run_play(play_command, stop_requested, std::cout, std::cerr);
   }
+  clear_away_on_signals();
   if (verify->parsed()) return cue::run_verify(verify_options, std::cout, std::cerr);
   if (cut->parsed()) return cue::run_cut(cut_file, cut_selection, cut_output, std::cout);
   if (export_command->parsed()) {

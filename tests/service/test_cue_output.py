@@ -1,6 +1,7 @@
 """What becomes of the reports of kadrel-cue where nobody can take them."""
 
 import os
+import signal
 import subprocess
 
 import pytest
@@ -49,3 +50,20 @@ def test_closed_standard_descriptors_are_not_taken_by_the_network(world, cue):
     finally:
         process.terminate()
         assert process.wait() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_a_file_that_is_half_written_goes_with_the_program(tmp_path, cue, number):
+    source = tmp_path / "pipe"
+    os.mkfifo(source)
+    process = subprocess.Popen(
+        ["env", "--default-signal", CUE, "join", cue, source, "-o", tmp_path / "out"],
+        stderr=subprocess.PIPE, env={**os.environ, **environment()},
+    )
+    # Opened by the reader, which then waits for more.
+    with open(source, "wb"):
+        spin_until(lambda: list(tmp_path.glob("out.*")), "the file that is being written")
+        process.send_signal(number)
+        assert (process.wait(), process.stderr.read()) == (-number, b"")
+    assert sorted(os.listdir(tmp_path)) == ["cue", "pipe"]
+    process.stderr.close()
