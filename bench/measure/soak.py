@@ -35,9 +35,6 @@ LOG_QUEUE = 512
 # What a process may grow by once it has warmed up.
 GROWTH_KIB = 4096
 
-# The same while triggers may wait for the bus: 32,768 of them at most, of about 540 bytes.
-WAITING_TRIGGERS_KIB = 17_280
-
 RECORD = 18 + 18 + 512
 
 
@@ -297,7 +294,7 @@ class Soak:
         self.check(in_order == len(numbers), f"{len(numbers) - in_order} signals are not where they belong")
         own = course.figures()
         grown = own["resident_kib_most"] - own["resident_kib_warm"]
-        self.check(grown <= GROWTH_KIB + WAITING_TRIGGERS_KIB, f"the memory grew by {grown} KiB")
+        self.check(grown <= GROWTH_KIB, f"the memory grew by {grown} KiB")
         return {
             "control_packets": count,
             "per_second": CONTROL_RATE,

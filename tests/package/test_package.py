@@ -91,7 +91,7 @@ class Session:
         ).strip()
 
     def process(self, name):
-        """The process id of a program of the session, seen from here."""
+        """The process id, seen from here, of a program that runs in the root."""
         space = os.readlink(f"/proc/{self._bus.pid}/ns/pid_for_children")
         for entry in filter(str.isdigit, os.listdir("/proc")):
             try:
