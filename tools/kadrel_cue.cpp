@@ -4,6 +4,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -60,6 +61,12 @@ void stop_on_signals() {
   action.sa_handler = request_stop;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+}
+
+/// Where @p path leads, whether there is a file yet or not.
+std::filesystem::path place_of(const std::string& path) {
+  std::error_code ignored;
+  return std::filesystem::weakly_canonical(std::filesystem::absolute(path, ignored), ignored);
 }
 
 /// Adds an option whose word is parsed by @p parse and handed to @p take.
@@ -313,6 +320,8 @@ int run(int argc, char** argv) {
     }
     if (export_command->parsed() && pcap->empty() && csv->empty())
       throw CLI::ValidationError("--pcap or --csv is needed");
+    if (!pcap->empty() && !csv->empty() && place_of(pcap_output) == place_of(csv_output))
+      throw CLI::ValidationError("--pcap and --csv name the same file");
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
     std::cerr << "kadrel-cue: " << error.what() << " (kadrel-cue --help tells more)\n";
