@@ -207,12 +207,13 @@ class Contender:
 
 
 class Recorder(Contender):
-    def __init__(self, name, tools, program):
+    def __init__(self, name, tools, program, *options):
         super().__init__(name, tools)
         self.program = program
+        self.options = options
 
     def command(self, path):
-        return [self.tools.path(self.program), str(PORT), path]
+        return [self.tools.path(self.program), str(PORT), path, *self.options]
 
 
 class Kadrel(Contender):
@@ -356,6 +357,7 @@ def available(tools, kadrels, wanted):
     makers = {
         "naive": lambda: Recorder("naive", tools, "naive_recorder"),
         "recvmmsg": lambda: Recorder("recvmmsg", tools, "mmsg_recorder"),
+        "select": lambda: Recorder("select", tools, "mmsg_recorder", "select"),
     }
     if shutil.which("tcpdump"):
         makers["tcpdump"] = lambda: Tcpdump("tcpdump", tools)
