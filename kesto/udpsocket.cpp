@@ -47,8 +47,7 @@ HostAddress::HostAddress(std::string text) {
 
 HostAddress HostAddress::from_ipv4(std::uint32_t number) {
   HostAddress address;
-  address.is_number = true;
-  address.number = number;
+  address.set_ipv4(number);
   return address;
 }
 
@@ -176,7 +175,7 @@ std::int64_t UdpSocket::readDatagram(char* data, unsigned int maxSize, HostAddre
   if (!initialize()) return 0;
   const bool received = fetch();
   const sockaddr_in sender = received ? batch->sender() : sockaddr_in{};
-  if (address != nullptr) *address = HostAddress::from_ipv4(sender.sin_addr.s_addr);
+  if (address != nullptr) address->set_ipv4(sender.sin_addr.s_addr);
   if (port != nullptr) *port = ntohs(sender.sin_port);
   if (!received) return -1;
   const size_t size = std::min<size_t>(batch->size(), maxSize);
@@ -188,7 +187,7 @@ std::int64_t UdpSocket::readDatagram(char* data, unsigned int maxSize, HostAddre
 std::string_view UdpSocket::takeDatagram(HostAddress& address, int& port) {
   if (!initialize() || !fetch()) return {};
   const sockaddr_in& sender = batch->sender();
-  address = HostAddress::from_ipv4(sender.sin_addr.s_addr);
+  address.set_ipv4(sender.sin_addr.s_addr);
   port = ntohs(sender.sin_port);
   const std::string_view datagram(batch->data(), batch->size());
   ++batch->first;

@@ -20,6 +20,13 @@ public:
   /// @param number  in network byte order
   static HostAddress from_ipv4(std::uint32_t number);
 
+  /// Becomes the address of that number, in network byte order.
+  void set_ipv4(std::uint32_t new_number) {
+    is_number = true;
+    number = new_number;
+    other_text.clear();
+  }
+
   std::string text() const;
   bool empty() const { return !is_number && other_text.empty(); }
 

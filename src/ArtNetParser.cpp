@@ -78,20 +78,6 @@ PacketStream::PacketStream(const char* data, std::size_t size) : bytes(data, dat
   setg(bytes.data(), bytes.data(), bytes.data() + bytes.size());
 }
 
-void PacketStream::refer(std::string_view datagram) {
-  // The get area is read only; its type is that of a buffer that could be written, too.
-  char* const begin = const_cast<char*>(datagram.data());
-  setg(begin, begin, begin + datagram.size());
-}
-
-std::streamsize PacketStream::xsgetn(char* out, std::streamsize count) {
-  const std::streamsize size = std::min<std::streamsize>(count, egptr() - gptr());
-  if (size > 0) memcpy(out, gptr(), static_cast<std::size_t>(size));
-  // Not gbump(), which takes an int.
-  setg(eback(), gptr() + size, egptr());
-  return size;
-}
-
 ArtNetParser::ArtNetParser() : buffer(kBufferSize, 0), id_buffer(kArtNetIdSize, 0) {}
 
 void ArtNetParser::stop() {
@@ -105,7 +91,15 @@ void ArtNetParser::convert_to_raw(ArtDmx& dmx) {
 void ArtNetParser::fill_buffer_without_check(std::istream& in) {
   position = 0;
   valid_count = 0;
-  // As in.read() does, less the cost of its guards, which a datagram pays three times.
+  if (in_memory) {
+    const std::size_t size = std::min<std::size_t>(rest.size(), kBufferSize);
+    if (size == 0) return;
+    memcpy(buffer.data(), rest.data(), size);
+    rest.remove_prefix(size);
+    valid_count = static_cast<std::uint32_t>(size);
+    return;
+  }
+  // As in.read() does, less the cost of its guards.
   if (!in.good()) {
     in.setstate(std::ios::failbit);
     return;
@@ -123,7 +117,7 @@ void ArtNetParser::fill_buffer_without_check(std::istream& in) {
 
 void ArtNetParser::populate_buffer(std::istream& in, std::error_code& ec) {
   fill_buffer_without_check(in);
-  if (in.fail() && valid_count == 0) ec = parser_error(errc::UnexpectedEnd);
+  if (valid_count == 0) ec = parser_error(errc::UnexpectedEnd);
 }
 
 void ArtNetParser::copy_across_refill(std::uint8_t* out, std::uint32_t n, std::istream& in,
@@ -148,10 +142,13 @@ void ArtNetParser::copy_across_refill(std::uint8_t* out, std::uint32_t n, std::i
 bool ArtNetParser::search() {
   while (position < kBufferSize) {
     if (match_count == 0) {
-      // Nothing matched yet: on to the next byte that can begin an identifier.
-      const void* const first = memchr(buffer.data() + position, kArtNetId[0], kBufferSize - position);
-      if (first == nullptr) break;
-      position = static_cast<std::uint32_t>(static_cast<const std::uint8_t*>(first) - buffer.data());
+      // Nothing matched yet: on to the next byte that can begin an identifier. Mostly it is the first one of
+      // a datagram, which needs no search.
+      if (buffer[position] != static_cast<std::uint8_t>(kArtNetId[0])) {
+        const void* const first = memchr(buffer.data() + position, kArtNetId[0], kBufferSize - position);
+        if (first == nullptr) break;
+        position = static_cast<std::uint32_t>(static_cast<const std::uint8_t*>(first) - buffer.data());
+      }
       if (kBufferSize - position >= kArtNetIdSize) {
         // All that a match needs is here: count what matches. The byte that ends it is passed over with it,
         // even if it could begin an identifier itself.
@@ -179,6 +176,18 @@ bool ArtNetParser::search() {
 }
 
 void ArtNetParser::parse(std::istream& in, std::error_code& ec) {
+  in_memory = false;
+  run(in, ec);
+}
+
+void ArtNetParser::parse_datagram(std::string_view datagram, std::error_code& ec) {
+  in_memory = true;
+  rest = datagram;
+  run(no_stream, ec);
+  in_memory = false;
+}
+
+void ArtNetParser::run(std::istream& in, std::error_code& ec) {
   running = true;
   left_buffer = false;
   ArtHeader header{};

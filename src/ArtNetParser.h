@@ -35,18 +35,10 @@ private:
 
 }  // namespace errc
 
-/// Input stream buffer over one datagram: delivers its bytes once, then the end of the stream. It holds a
-/// copy of them, unless it is told to refer to bytes that are kept elsewhere.
+/// Input stream buffer over a copy of one datagram: delivers its bytes once, then the end of the stream.
 class PacketStream : public std::streambuf {
 public:
-  PacketStream() = default;
   PacketStream(const char* data, std::size_t size);
-
-  /// Begins anew with a datagram that stays where it is; the caller keeps it until it is read.
-  void refer(std::string_view datagram);
-
-protected:
-  std::streamsize xsgetn(char* out, std::streamsize count) override;
 
 private:
   std::vector<char> bytes;
@@ -90,6 +82,9 @@ public:
   ///            cut off, HeaderNotFound when no identifier was found
   void parse(std::istream& in, std::error_code& ec);
 
+  /// The same for one datagram that lies in memory, without the cost of a stream.
+  void parse_datagram(std::string_view datagram, std::error_code& ec);
+
   /// The same for a file. @param ec  FileNotFound when it cannot be opened
   void parse(const char* path, std::error_code& ec);
 
@@ -118,6 +113,9 @@ protected:
   virtual void parse_unknown(ArtHeader& header, std::istream& in, std::error_code& ec);
 
 private:
+  /// parse() of whatever fill_buffer_without_check() takes its bytes from.
+  void run(std::istream& in, std::error_code& ec);
+
   void dispatch(ArtHeader& header, std::istream& in, std::error_code& ec);
 
   /// Reads the @p n bytes behind the header into @p body. @return false when the packet is not to be
@@ -135,6 +133,11 @@ private:
   std::vector<std::uint8_t> id_buffer;
   std::uint32_t valid_count = 0;  // bytes that the last refill delivered
   bool left_buffer = false;       // a stale match asked for bytes from beyond the buffer
+
+  // A datagram in memory: its bytes are taken from here and not from the stream that the steps are given.
+  bool in_memory = false;
+  std::string_view rest;            // what has not been taken yet
+  std::istream no_stream{nullptr};  // stands in for the stream, is never read
 };
 
 inline void ArtNetParser::copy_with_populate(void* dst, std::uint32_t n, std::istream& in,

@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <istream>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -239,8 +238,6 @@ private:
 
   // Receive thread only.
   std::string_view current_datagram;  // the current one, in the memory of the socket
-  PacketStream packet;                // the same, for the parser
-  std::istream packet_stream{&packet};
   bool holds_dmx = false;  // the current datagram itself, not only stale bytes behind it, holds an ArtDmx
   std::deque<PendingReplies> pending_replies;
 };

@@ -1,7 +1,6 @@
 #include <QByteArray>
 #include <algorithm>
 #include <cerrno>
-#include <istream>
 #include <system_error>
 
 #include "kesto/delay.h"
@@ -141,10 +140,8 @@ void Dump::relay_datagram() {
 }
 
 bool Dump::parse_datagram(std::string_view datagram) {
-  packet.refer(datagram);
-  packet_stream.clear();
   std::error_code ec;
-  parser.parse(packet_stream, ec);
+  parser.parse_datagram(datagram, ec);
   return !ec;
 }
 

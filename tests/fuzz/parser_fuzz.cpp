@@ -11,8 +11,8 @@
 // Several datagrams in a row through one parser, whose buffer carries bytes from one to the next. Every
 // callback, every byte of its record and every result is compared with the model.
 //
-// Input: one byte that says which callbacks are set, then per datagram its size (16 bits), the callback in
-// which the parser is stopped, and its bytes.
+// Input: one byte that says which callbacks are set and whether the parser gets streams, then per datagram
+// its size (16 bits), the callback in which the parser is stopped, and its bytes.
 
 namespace {
 
@@ -62,7 +62,7 @@ std::vector<std::uint8_t> record_of(const DatagramModel::Event& event) {
 
 class Comparison {
 public:
-  explicit Comparison(unsigned callbacks) {
+  explicit Comparison(unsigned callbacks) : as_stream((callbacks & 4U) != 0) {
     model.takes_poll = (callbacks & 1U) == 0;
     model.takes_poll_reply = (callbacks & 2U) == 0;
     if (model.takes_poll) parser.on_poll = [this](ArtPoll& record) { called(DatagramModel::Poll, record); };
@@ -82,10 +82,14 @@ public:
   void parse(const std::vector<char>& datagram, int stop_at) {
     calls.clear();
     stop_event = stop_at;
-    PacketStream packet(datagram.data(), datagram.size());
-    std::istream stream(&packet);
     std::error_code ec;
-    parser.parse(stream, ec);
+    if (as_stream) {
+      PacketStream packet(datagram.data(), datagram.size());
+      std::istream stream(&packet);
+      parser.parse(stream, ec);
+    } else {
+      parser.parse_datagram({datagram.data(), datagram.size()}, ec);
+    }
 
     const auto* data = reinterpret_cast<const std::uint8_t*>(datagram.data());
     const DatagramModel::Result expected = model.parse(data, datagram.size(), stop_at);
@@ -113,6 +117,7 @@ private:
 
   ArtNetParser parser;
   DatagramModel model;
+  const bool as_stream;
   std::vector<Called> calls;
   int stop_event = -1;
 };
