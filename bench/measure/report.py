@@ -77,5 +77,6 @@ class Conditions:
 
 def write_json(directory, content):
     path = Path(directory) / "figures.json"
+    path.parent.mkdir(parents=True, exist_ok=True)
     path.write_text(json.dumps(content, indent=1) + "\n", encoding="utf-8")
     return path
