@@ -113,6 +113,7 @@ TEST(Clock, CountsFromItsFirstReading) {
   EXPECT_EQ(child.status, 0) << child.out;
 }
 
+// What is tested sleeps in the time of this test, which only notes it: nothing here takes any time.
 TEST_F(DelayTest, SleepForSuspendsForWholeMicroseconds) {
   for (const std::int64_t ns : {1000, 1500, 1999, 2000, 999'999'999, 1'000'000'000})
     kesto::sleep_for(nanoseconds(ns));
