@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "kesto/thread_annotations.h"
+
 namespace kesto {
 
 /// Spinning reader-writer lock with writer preference, made for one long-lived reader and brief writers.
@@ -12,7 +14,7 @@ namespace kesto {
 /// It waits with sched_yield() only and never sleeps on a kernel object; an uncontended read lock costs one
 /// compare-and-swap, one load and one subtraction. Not recursive for writers; a holder of one role must not
 /// ask for the other. Unlocking a role that is not held corrupts the counts. Neither copied nor moved.
-class ReadWriteLock {
+class CAPABILITY("lock") ReadWriteLock {
 public:
   enum Type { Reader = 0, Writer = 1 };
 
@@ -22,14 +24,15 @@ public:
   public:
     explicit Lock(ReadWriteLock* lock) : owner(lock) {}
 
-    void lock() {
+    // A role is no lock of its own to the checker.
+    void lock() NO_THREAD_SAFETY_ANALYSIS {
       if constexpr (type == Reader)
         owner->lock_as_reader();
       else
         owner->lock_as_writer();
     }
 
-    void unlock() {
+    void unlock() NO_THREAD_SAFETY_ANALYSIS {
       if constexpr (type == Reader)
         owner->unlock_as_reader();
       else
@@ -54,7 +57,7 @@ public:
   Lock<Writer>& writer() { return writer_role; }
 
   /// Waits while a writer holds or has claimed the lock.
-  void lock_as_reader() {
+  void lock_as_reader() ACQUIRE_SHARED() {
     for (;;) {
       std::uint32_t count = readers.load();
       if (!readers.compare_exchange_weak(count, count + 1)) continue;
@@ -64,10 +67,10 @@ public:
     }
   }
 
-  void unlock_as_reader() { readers.fetch_sub(1); }
+  void unlock_as_reader() RELEASE_SHARED() { readers.fetch_sub(1); }
 
   /// Claims the lock, which keeps new readers out, then waits for the readers inside to leave.
-  void lock_as_writer() {
+  void lock_as_writer() ACQUIRE() {
     for (;;) {
       const bool seen = writing.load();
       bool expected = seen;
@@ -78,11 +81,11 @@ public:
     while (readers.load() != 0) sched_yield();
   }
 
-  void unlock_as_writer() { writing.store(false); }
+  void unlock_as_writer() RELEASE() { writing.store(false); }
 
   /// For a thread that holds the read lock: lets a waiting writer go first and returns with the read lock
   /// held again. Without a waiting writer it costs one load.
-  void resolve_pending_write() {
+  void resolve_pending_write() REQUIRES_SHARED(this) {
     if (!writing.load()) return;
     unlock_as_reader();
     while (writing.load()) sched_yield();
