@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "src/ArtNet.h"
+#include "artnet/ArtNet.h"
 
 /// What the generator puts into the slots of every ArtDmx, so that whoever reads a recording can tell each
 /// datagram from every other one. Numbers are in host order.

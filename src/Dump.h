@@ -18,10 +18,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "artnet/ArtNet.h"
+#include "artnet/ArtNetParser.h"
 #include "kesto/read_write_lock.h"
 #include "kesto/udpsocket.h"
-#include "src/ArtNet.h"
-#include "src/ArtNetParser.h"
 #include "src/ArtnetNode.h"
 #include "src/GrabBuffer.h"
 #include "src/GrabSummary.h"

@@ -2,9 +2,9 @@
 #include <cstring>
 #include <system_error>
 
+#include "artnet/ArtNetPackets.h"
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
-#include "src/ArtNetPackets.h"
 #include "src/Dump.h"
 #include "src/NodeMessages.h"
 #include "src/ThreadSignals.h"

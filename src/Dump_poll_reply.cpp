@@ -2,8 +2,8 @@
 #include <cerrno>
 #include <limits>
 
+#include "artnet/ArtNetPackets.h"
 #include "kesto/device_info.h"
-#include "src/ArtNetPackets.h"
 #include "src/Dump.h"
 
 // The answer to an ArtPoll: one ArtPollReply per universe that the recorder offers.

@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <system_error>
 
+#include "artnet/ArtNetPackets.h"
 #include "kesto/delay.h"
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
-#include "src/ArtNetPackets.h"
 #include "src/Dump.h"
 #include "src/RelayRequest.h"
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "artnet/ArtNetPackets.h"
 #include "kesto/logger.h"
-#include "src/ArtNetPackets.h"
 #include "src/CueFile.h"
 #include "src/Dump.h"
 

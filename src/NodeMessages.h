@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "src/ArtNet.h"
+#include "artnet/ArtNet.h"
 #include "src/ArtnetNode.h"
 
 /// Texts about nodes. A node-update message is made of entries "1:universe:ip:port" (a node appeared) and

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "src/ArtNet.h"
+#include "artnet/ArtNet.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "src/ArtNet.h"
+#include "artnet/ArtNet.h"
 
 /// Datagrams for the micro-benchmarks.
 namespace micro {

@@ -1,9 +1,9 @@
 // The parser, one datagram of each kind at a time, as the receive loop parses it.
 #include <string_view>
 
+#include "artnet/ArtNetParser.h"
 #include "bench/micro/micro.h"
 #include "bench/micro/packets.h"
-#include "src/ArtNetParser.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Single steps of the service object, without its threads.
 
+#include "artnet/ArtNetPackets.h"
 #include "bench/micro/DumpProbe.h"
 #include "bench/micro/micro.h"
 #include "bench/micro/packets.h"
-#include "src/ArtNetPackets.h"
 #include "src/GrabSummary.h"
 
 namespace {

@@ -8,10 +8,10 @@
 #include <system_error>
 #include <vector>
 
-#include "src/ArtNetParser.h"
+#include "artnet/ArtNetParser.h"
+#include "cue/DatagramWalk.h"
+#include "cue/RecordingReader.h"
 #include "tests/fuzz/script.h"
-#include "tools/DatagramWalk.h"
-#include "tools/RecordingReader.h"
 
 // The reader of recordings. Input: a file. Whatever it holds, the reader ends, stays in its memory, delivers
 // only what the recorder can write, and leaves out no byte of a file that it calls whole.

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <istream>
 
-#include "src/ArtNetParser.h"
+#include "artnet/ArtNetParser.h"
 #include "tests/fuzz/datagram_model.h"
 #include "tests/fuzz/script.h"
 

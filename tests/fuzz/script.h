@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "src/ArtNet.h"
+#include "artnet/ArtNet.h"
 
 /// Input of a fuzz target, read from front to back; behind its end everything is 0.
 class Script {

@@ -1,0 +1,103 @@
+#include "cue/DatagramSender.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cue/CueError.h"
+#include "cue/DatagramWalk.h"
+
+namespace cue {
+namespace {
+
+constexpr const char* kLoopback = "127.0.0.1";
+
+// A datagram that the network does not take within this time is given up, so that a stop never waits for it.
+constexpr suseconds_t kSendTimeoutUs = 50'000;
+
+// Request to the service, all in host order: manufacturer id (32 bits), address text (16 bytes), port (32
+// bits), datagram.
+constexpr std::size_t kAddressOffset = 4;
+constexpr std::size_t kAddressSize = 16;
+constexpr std::size_t kPortOffset = 20;
+constexpr std::size_t kRequestHeader = 24;
+constexpr int kLowestRelayedPort = 1024;
+
+sockaddr_in socket_address(const Destination& destination) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(destination.port));
+  inet_pton(AF_INET, destination.address.c_str(), &address.sin_addr);
+  return address;
+}
+
+std::string text_of(const Destination& destination) {
+  return destination.address + ":" + std::to_string(destination.port);
+}
+
+const Destination& relayable(const Destination& to) {
+  if (to.address == kLoopback || to.port < kLowestRelayedPort)
+    throw CueError(text_of(to) + ": the service relays to other hosts and to ports from 1024 on only");
+  return to;
+}
+
+}  // namespace
+
+UdpSender::UdpSender(const Destination& to, const std::optional<Destination>& from)
+    : fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  if (fd == -1) throw file_error("socket", errno);
+  const int on = 1;
+  const timeval timeout{0, kSendTimeoutUs};
+  setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  const auto fail = [this](const Destination& what, int error) {
+    close(fd);
+    return file_error(text_of(what), error);
+  };
+  if (from) {
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in address = socket_address(*from);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) throw fail(*from, errno);
+  }
+  // With a peer the kernel looks up the way once and not for every datagram, and says at once when there is
+  // none.
+  const sockaddr_in address = socket_address(to);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) throw fail(to, errno);
+}
+
+UdpSender::~UdpSender() {
+  close(fd);
+}
+
+int UdpSender::send(const std::uint8_t* data, std::size_t size) {
+  for (;;) {
+    if (::send(fd, data, size, 0) != -1) return 0;
+    // Nobody listening at the destination is no error of the sender: it is told of an earlier datagram, and
+    // this one has not been sent yet.
+    if (errno != EINTR && errno != ECONNREFUSED) return errno;
+  }
+}
+
+RelaySender::RelaySender(int port, const Destination& to, std::uint16_t manufacturer_id)
+    : socket({kLoopback, port}, Destination{kLoopback, 0}), request(kRequestHeader, 0) {
+  relayable(to);
+  const std::uint32_t id = manufacturer_id;
+  const std::int32_t to_port = to.port;
+  memcpy(request.data(), &id, sizeof id);
+  memcpy(request.data() + kAddressOffset, to.address.c_str(), std::min(to.address.size(), kAddressSize - 1));
+  memcpy(request.data() + kPortOffset, &to_port, sizeof to_port);
+}
+
+int RelaySender::send(const std::uint8_t* data, std::size_t size) {
+  if (kRequestHeader + size > kLongestDatagram) return EMSGSIZE;
+  request.resize(kRequestHeader);
+  request.insert(request.end(), data, data + size);
+  return socket.send(request.data(), request.size());
+}
+
+}  // namespace cue

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cue/Arguments.h"
+
+namespace cue {
+
+/// Where a playback goes.
+class DatagramSink {
+public:
+  DatagramSink() = default;
+  virtual ~DatagramSink() = default;
+  DatagramSink(const DatagramSink&) = delete;
+  DatagramSink& operator=(const DatagramSink&) = delete;
+  DatagramSink(DatagramSink&&) = delete;
+  DatagramSink& operator=(DatagramSink&&) = delete;
+
+  /// @return 0, or the errno of a datagram that was not sent
+  virtual int send(const std::uint8_t* data, std::size_t size) = 0;
+};
+
+/// Sends to an address, which may be a broadcast address.
+class UdpSender : public DatagramSink {
+public:
+  /// @param from  address and port to send from, the port 0 for any; nothing for any of both
+  /// @throws CueError when there can be no such socket
+  UdpSender(const Destination& to, const std::optional<Destination>& from);
+  ~UdpSender() override;
+  UdpSender(const UdpSender&) = delete;
+  UdpSender& operator=(const UdpSender&) = delete;
+  UdpSender(UdpSender&&) = delete;
+  UdpSender& operator=(UdpSender&&) = delete;
+
+  int send(const std::uint8_t* data, std::size_t size) override;
+
+private:
+  int fd;
+};
+
+/// Hands every datagram to the service over 127.0.0.1, which sends it on from the Art-Net port.
+class RelaySender : public DatagramSink {
+public:
+  /// @param port             of the service
+  /// @param to               must not be 127.0.0.1, its port at least 1024
+  /// @param manufacturer_id  of the appliance; the service ignores requests with another
+  /// @throws CueError when the service would refuse the destination, or there can be no such socket
+  RelaySender(int port, const Destination& to, std::uint16_t manufacturer_id);
+
+  int send(const std::uint8_t* data, std::size_t size) override;
+
+private:
+  UdpSender socket;
+  std::vector<std::uint8_t> request;  // header of the request, then the datagram
+};
+
+}  // namespace cue

@@ -1,0 +1,156 @@
+#include "cue/DatagramWalk.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "artnet/ArtNetPackets.h"
+
+namespace cue {
+namespace {
+
+// The parser reads its stream in portions of this size, and takes the length of an ArtPollReply from the
+// portion that it is in.
+constexpr std::size_t kPortion = 512;
+
+constexpr std::size_t kPollBody = sizeof(ArtPoll) - sizeof(ArtHeader);
+constexpr std::size_t kPollReplyBody = sizeof(ArtPollReply) - sizeof(ArtHeader);
+constexpr std::size_t kDmxFields = kDmxHeaderSize - kHeaderSize;
+constexpr std::size_t kTriggerFields = 8;
+
+std::uint16_t low_byte_first(const std::uint8_t* bytes) {
+  return static_cast<std::uint16_t>(bytes[0] | (bytes[1] << 8));
+}
+
+std::uint16_t high_byte_first(const std::uint8_t* bytes) {
+  return static_cast<std::uint16_t>((bytes[0] << 8) | bytes[1]);
+}
+
+}  // namespace
+
+bool begins_delay(const std::uint8_t* bytes) {
+  static const ArtHeader header = make_delay_record(0).header;
+  return memcmp(bytes, &header, sizeof header) == 0;
+}
+
+std::int64_t delay_pause(const std::uint8_t* bytes) {
+  std::int64_t pause = 0;
+  memcpy(&pause, bytes + kHeaderSize, sizeof pause);
+  return pause;
+}
+
+/// Goes on to the end of the next identifier. @return false when a delay record (Delay) or the end (End)
+/// comes first.
+bool DatagramWalk::search(Step& step) {
+  while (at < size) {
+    if (matched == 0) {
+      const auto* const next = static_cast<const std::uint8_t*>(memchr(bytes + at, kArtNetId[0], size - at));
+      at = next == nullptr ? size : static_cast<std::size_t>(next - bytes);
+      if (at == size) break;
+    }
+    const std::uint8_t byte = bytes[at];
+    if (byte == static_cast<std::uint8_t>(kArtNetId[0]) && at != passed_delay && size - at >= kDelaySize &&
+        begins_delay(bytes + at)) {
+      passed_delay = at;
+      mark = at;
+      step = Step::Delay;
+      return false;
+    }
+    ++at;
+    // Like the parser: a byte that does not continue the identifier is not looked at as its beginning.
+    matched = byte == static_cast<std::uint8_t>(kArtNetId[matched]) ? matched + 1 : 0;
+    if (matched == kArtNetIdSize) {
+      matched = 0;
+      return true;
+    }
+  }
+  mark = at;
+  step = Step::End;
+  return false;
+}
+
+/// Bytes behind the header that a packet needs; nothing when there is no such number.
+std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
+  switch (opcode) {
+    case OpPoll:
+      return kPollBody;
+    case OpPollReply: {
+      const std::size_t portion = (at - 1) / kPortion * kPortion;
+      const std::size_t valid = std::min(kPortion, size - portion);
+      if (valid > sizeof(ArtPollReply)) return kPollReplyBody;
+      if (valid < kHeaderSize) return std::nullopt;
+      return valid - kHeaderSize;
+    }
+    case OpDmx:
+      return kDmxFields;
+    case OpTrigger:
+      return kTriggerFields;
+    case OpOemVfps:
+      return sizeof(ArtOemVfps::payload);
+    case OpOemVfpsNs:
+      return sizeof(ArtOemVfpsNs::payload);
+    default:
+      return 0;
+  }
+}
+
+/// Walks the packet whose identifier has just been read. @return End when the walk is to go on.
+DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
+  mark = start;
+  if (size - at < sizeof(ArtHeader::opcode)) return Step::Truncated;
+  const std::uint16_t opcode = low_byte_first(bytes + at);
+  at += sizeof opcode;
+  if (opcode == OpPollReply) poll_reply = true;
+  const std::optional<std::size_t> body = body_size(opcode);
+  if (!body || *body > size - at) return Step::Truncated;
+  const std::uint8_t* const fields = bytes + at;
+  at += *body;
+  if (opcode == OpDmx) {
+    const std::uint16_t slots = high_byte_first(fields + 6);
+    // One that announces too much is passed over, and what it holds is searched like anything else.
+    if (slots > kDmxSlots) return Step::End;
+    if (slots > size - at) return Step::Truncated;
+    at += slots;
+    packet = {start, low_byte_first(fields + 4), slots};
+    packet_end = at;
+    mark = at;
+    return Step::Dmx;
+  }
+  packet_end = at;
+  return Step::End;
+}
+
+DatagramWalk::Step DatagramWalk::next() {
+  for (;;) {
+    Step step = Step::End;
+    if (!search(step)) return step;
+    step = dispatch(at - kArtNetIdSize);
+    if (step != Step::End) return step;
+  }
+}
+
+DatagramShape shape_of(const std::uint8_t* bytes, std::size_t size) {
+  DatagramShape shape;
+  DatagramWalk walk(bytes, size);
+  for (;;) {
+    switch (walk.next()) {
+      case DatagramWalk::Step::Dmx:
+        ++shape.dmx_count;
+        shape.dmx_bytes += walk.dmx().end() - walk.dmx().offset;
+        break;
+      case DatagramWalk::Step::Delay:
+        shape.holds_delay = true;
+        break;
+      case DatagramWalk::Step::Truncated:
+        shape.truncated = true;
+        return shape;
+      case DatagramWalk::Step::End: {
+        const std::size_t tail = size - walk.last_packet_end();
+        shape.tail_is_header =
+            tail > 0 && tail < kArtNetIdSize && memcmp(bytes + walk.last_packet_end(), kArtNetId, tail) == 0;
+        return shape;
+      }
+    }
+  }
+}
+
+}  // namespace cue
