@@ -1,9 +1,5 @@
 #include "src/CueFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <QFile>
 #include <QFileInfo>
 #include <cstdlib>
@@ -38,19 +34,6 @@ QString new_cue_path(const QString& destpath) {
     if (!name.isEmpty() && !QFile::exists(candidate)) return candidate;
   }
   return {};
-}
-
-bool open_for_grabbing(QFile& file, const QString& path) {
-  constexpr mode_t kPermissions = 0666;
-  const int fd = open(QFile::encodeName(path).constData(),
-                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kPermissions);
-  if (fd == -1) return false;
-  struct stat status {};
-  const bool is_pipe = fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
-  if (!is_pipe && file.open(fd, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle))
-    return true;
-  close(fd);
-  return false;
 }
 
 bool copy_cue(const QString& from, const QString& to) {

@@ -2,15 +2,9 @@
 
 #include <QString>
 
-class QFile;
-
 /// Path of a file that does not exist yet in the directory @p destpath: its name is a time-based UUID.
 /// @return empty when three names in a row were taken or could not be made
 QString new_cue_path(const QString& destpath);
-
-/// Opens @p file for writing @p path from its beginning, without buffering of its own. Neither this nor a
-/// later write waits for another process: a named pipe is refused, a full terminal takes no more.
-bool open_for_grabbing(QFile& file, const QString& path);
 
 /// Copies the ordinary file @p from to the new file @p to, with its permissions. Anything else (a device, a
 /// pipe, a folder) is not copied. Gives up, and leaves nothing, when the service is to end (end_requested()).

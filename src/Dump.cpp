@@ -34,7 +34,6 @@ Dump::~Dump() {
   artpoll_request_cv.notify_all();
   if (listen_thread.joinable()) listen_thread.join();
   if (poll_thread.joinable()) poll_thread.join();
-  if (grab_file.isOpen()) grab_buffer.flush(grab_stream);
 }
 
 void Dump::wire_parser() {

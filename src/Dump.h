@@ -1,8 +1,6 @@
 #pragma once
 
 #include <QDBusConnection>
-#include <QDataStream>
-#include <QFile>
 #include <QObject>
 #include <QString>
 #include <atomic>
@@ -23,8 +21,8 @@
 #include "kesto/read_write_lock.h"
 #include "kesto/udpsocket.h"
 #include "src/ArtnetNode.h"
-#include "src/GrabBuffer.h"
 #include "src/GrabSummary.h"
+#include "src/RecordingFile.h"
 #include "src/SignalRelays.h"
 
 /// The service object: recorder, remote triggers, node detection and manual nodes behind one D-Bus interface.
@@ -166,10 +164,7 @@ private:
   // writes.
   qint32 grab_state = Off;
   std::shared_ptr<const GrabSummary> latest_grab_summary;
-  QFile grab_file;
-  QString grab_file_name;
-  QDataStream grab_stream;  // raw bytes only, into grab_file
-  GrabBuffer grab_buffer;   // what has not gone into grab_stream yet
+  std::unique_ptr<RecordingFile> recording_file;  // null: grab_state is Off
 
   std::thread listen_thread;
   kesto::ReadWriteLock state_lock;

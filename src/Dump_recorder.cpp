@@ -1,5 +1,4 @@
-#include <sys/stat.h>
-
+#include <QFile>
 #include <algorithm>
 
 #include "artnet/ArtNetPackets.h"
@@ -9,16 +8,6 @@
 
 // The grabber: recordings, their summary, and copies of cues.
 
-namespace {
-
-/// Size of an open file in bytes, as the file system knows it.
-qint64 size_on_disk(const QFile& file) {
-  struct stat status {};
-  return fstat(file.handle(), &status) == 0 ? status.st_size : 0;
-}
-
-}  // namespace
-
 void Dump::grab(const QString& filename) {
   const std::lock_guard guard(state_lock.writer());
   KESTO_LOG(3, "[Dump::grab] Preparing to grab");
@@ -26,13 +15,11 @@ void Dump::grab(const QString& filename) {
     KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
     return;
   }
-  if (!open_for_grabbing(grab_file, filename)) {
+  recording_file = RecordingFile::open(filename);
+  if (recording_file == nullptr) {
     KESTO_LOG(-2, "Can't open file for grabbing");
     return;
   }
-  grab_file_name = filename;
-  grab_stream.setDevice(&grab_file);
-  grab_buffer.clear();
   grab_state = ctrl_record_enabled() ? Armed : StartPending;
 }
 
@@ -65,15 +52,15 @@ QString Dump::get_status() {
 
 void Dump::finalize_grabbing() {
   KESTO_LOG(3, "[Dump::finalize_grabbing] Grabbing finalized");
-  grab_buffer.flush(grab_stream);
+  recording_file->flush();
   auto summary = std::make_shared<GrabSummary>();
-  summary->file_name = grab_file_name;
-  summary->empty = size_on_disk(grab_file) == 0;
+  summary->file_name = recording_file->name();
+  summary->empty = recording_file->size_on_disk() == 0;
   summary->universe_ceiling = grab_max_universe;
   summary->universes = std::move(grab_universes);
   latest_grab_summary = std::move(summary);
   grab_state = Off;
-  grab_file.close();
+  recording_file.reset();
   grab_universes.clear();
   grab_universe_noted.reset();
   grab_packet_count = 0;
@@ -90,9 +77,9 @@ void Dump::record_datagram(std::string_view datagram) {
   }
   if (grab_packet_count > 0) {
     const ArtOemVfpsNs delay = make_delay_record(rx_time - prev_rx_time);
-    grab_buffer.append({reinterpret_cast<const char*>(&delay), sizeof delay}, datagram, grab_stream);
+    recording_file->append({reinterpret_cast<const char*>(&delay), sizeof delay}, datagram);
   } else {
-    grab_buffer.append({}, datagram, grab_stream);
+    recording_file->append({}, datagram);
   }
   grab_max_universe = std::max(grab_max_universe, current_universe);
   ++grab_packet_count;

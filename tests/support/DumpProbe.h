@@ -65,8 +65,8 @@ public:
   qint64 prev_rx_time() const { return dump->prev_rx_time; }
   const std::unordered_set<qint32>& grab_universes() const { return dump->grab_universes; }
   const GrabSummary& latest_grab_summary() const { return *dump->latest_grab_summary; }
-  bool file_is_open() const { return dump->grab_file.isOpen(); }
-  void flush_file() { dump->grab_buffer.flush(dump->grab_stream); }
+  bool file_is_open() const { return dump->recording_file != nullptr; }
+  void flush_file() { dump->recording_file->flush(); }
 
   int ctrl_universe() const { return dump->ctrl_universe; }
   int ctrl_key_channel() const { return dump->ctrl_key_channel; }

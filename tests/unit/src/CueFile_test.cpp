@@ -122,40 +122,6 @@ std::string content_of(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-TEST(OpenForGrabbing, MakesAFileAndEmptiesOneThatIsThere) {
-  const unit::TemporaryFile file("old content");
-  QFile grab;
-  ASSERT_TRUE(open_for_grabbing(grab, text(file.path())));
-  EXPECT_EQ(content_of(file.path()), "");
-  EXPECT_EQ(grab.write("new"), 3);
-  EXPECT_EQ(content_of(file.path()), "new");
-  grab.close();
-  ASSERT_TRUE(open_for_grabbing(grab, text(file.path() + "_made")));
-  EXPECT_TRUE(QFile(text(file.path() + "_made")).remove());
-}
-
-TEST(OpenForGrabbing, NeverWaitsForTheReaderOfANamedPipe) {
-  const unit::TemporaryFile file("");
-  const std::string pipe = file.path() + "_pipe";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  QFile grab;
-  EXPECT_FALSE(open_for_grabbing(grab, text(pipe)));
-  EXPECT_FALSE(grab.isOpen());
-  // With a reader it could be opened; it is no file all the same.
-  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
-  ASSERT_NE(reader, -1);
-  EXPECT_FALSE(open_for_grabbing(grab, text(pipe)));
-  close(reader);
-  unlink(pipe.c_str());
-}
-
-TEST(OpenForGrabbing, RefusesWhatCannotBeAFile) {
-  for (const char* const path : {"/", "/tmp", "/does/not/exist", ""}) {
-    QFile grab;
-    EXPECT_FALSE(open_for_grabbing(grab, QString::fromUtf8(path))) << path;
-  }
-}
-
 TEST(CopyCue, CopiesContentAndPermissions) {
   std::string bytes((1 << 20) * 2 + 7, '\0');
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + i / 251);

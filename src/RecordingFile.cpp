@@ -1,0 +1,77 @@
+#include "src/RecordingFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
+  constexpr mode_t kPermissions = 0666;
+  const int fd = ::open(QFile::encodeName(path).constData(),
+                        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kPermissions);
+  if (fd == -1) return nullptr;
+  std::unique_ptr<RecordingFile> file(new RecordingFile);
+  file->file_name = path;
+  struct stat status {};
+  const bool is_pipe = fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+  if (is_pipe ||
+      !file->grab_file.open(fd, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
+    close(fd);
+    return nullptr;
+  }
+  file->grab_stream.setDevice(&file->grab_file);
+  return file;
+}
+
+RecordingFile::~RecordingFile() {
+  flush();
+}
+
+RecordingFile::Kept RecordingFile::append(std::string_view delay, std::string_view datagram) {
+  const std::size_t added = delay.size() + datagram.size();
+  if (kCapacity - size < added) {
+    write_gathered();
+    if (kCapacity - size < added) return Kept::No;
+  }
+  char* const end = gathered.data() + size;
+  if (!delay.empty()) memcpy(end, delay.data(), delay.size());
+  memcpy(end + delay.size(), datagram.data(), datagram.size());
+  size += added;
+  record_ends.set(size - 1);
+  return Kept::Yes;
+}
+
+std::size_t RecordingFile::flush() {
+  write_gathered();
+  if (cut_off > 0) grab_file.resize(grab_file.pos() - cut_off);
+  const std::size_t lost = record_ends.count();
+  record_ends.reset();
+  size = 0;
+  cut_off = 0;
+  return lost;
+}
+
+void RecordingFile::write_gathered() {
+  while (size > 0) {
+    // A write that failed must not keep later ones from the disk once there is room again.
+    grab_stream.resetStatus();
+    const int result = grab_stream.writeRawData(gathered.data(), static_cast<int>(size));
+    if (result <= 0) return;
+    const auto written = static_cast<std::size_t>(result);
+    size -= written;
+    if (size == 0) {
+      record_ends.reset();
+      cut_off = 0;
+      return;
+    }
+    for (std::size_t i = 0; i < written; ++i) cut_off = record_ends.test(i) ? 0 : cut_off + 1;
+    record_ends >>= written;
+    memmove(gathered.data(), gathered.data() + written, size);
+  }
+}
+
+qint64 RecordingFile::size_on_disk() const {
+  struct stat status {};
+  return fstat(grab_file.handle(), &status) == 0 ? status.st_size : 0;
+}

@@ -1,0 +1,269 @@
+#include "src/RecordingFile.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "unit/support/temporary_file.h"
+
+namespace {
+
+using Kept = RecordingFile::Kept;
+
+constexpr qint64 kPlenty = 1000000;
+
+QString text(const std::string& path) {
+  return QString::fromStdString(path);
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// As long as it lives, a file of this process can grow to a number of bytes. A write beyond takes what fits,
+/// then fails, as on a full disk.
+class Room {
+public:
+  explicit Room(qint64 bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit limit{static_cast<rlim_t>(bytes), before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~Room() { setrlimit(RLIMIT_FSIZE, &before); }
+  Room(const Room&) = delete;
+  Room& operator=(const Room&) = delete;
+  Room(Room&&) = delete;
+  Room& operator=(Room&&) = delete;
+
+private:
+  rlimit before{};
+};
+
+TEST(RecordingFileOpen, MakesAFileAndEmptiesOneThatIsThere) {
+  const unit::TemporaryFile file("old content");
+  const std::string made = file.path() + "_made";
+  for (const std::string& path : {file.path(), made}) {
+    auto recording = RecordingFile::open(text(path));
+    ASSERT_NE(recording, nullptr) << path;
+    EXPECT_EQ(recording->name().toStdString(), path);
+    EXPECT_EQ(recording->size_on_disk(), 0);
+    EXPECT_EQ(recording->append({}, "new"), Kept::Yes);
+    EXPECT_EQ(content_of(path), "");
+    recording.reset();
+    EXPECT_EQ(content_of(path), "new");
+  }
+  unlink(made.c_str());
+}
+
+TEST(RecordingFileOpen, KeepsTheNameAsItWasGiven) {
+  const unit::TemporaryFile file("");
+  const std::string name = "/tmp/../tmp//" + file.path().substr(5);
+  const auto recording = RecordingFile::open(text(name));
+  ASSERT_NE(recording, nullptr);
+  EXPECT_EQ(recording->name().toStdString(), name);
+}
+
+TEST(RecordingFileOpen, NeverWaitsForTheReaderOfANamedPipe) {
+  const unit::TemporaryFile file("");
+  const std::string pipe = file.path() + "_pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(RecordingFile::open(text(pipe)), nullptr);
+  // With a reader it could be opened; it is no file all the same.
+  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_NE(reader, -1);
+  EXPECT_EQ(RecordingFile::open(text(pipe)), nullptr);
+  close(reader);
+  unlink(pipe.c_str());
+}
+
+TEST(RecordingFileOpen, RefusesWhatCannotBeAFile) {
+  for (const char* const path : {"/", "/tmp", "/does/not/exist", ""})
+    EXPECT_EQ(RecordingFile::open(QString::fromUtf8(path)), nullptr) << path;
+}
+
+/// One record into the file, and what becomes of it.
+struct Step {
+  qint64 room;                  // bytes that the disk takes of the file
+  char name;                    // what the record is filled with
+  std::size_t delay, datagram;  // bytes
+  Kept kept;
+  qint64 on_disk;  // afterwards
+};
+
+struct Course {
+  const char* what;
+  std::vector<Step> steps;
+  qint64 room_at_flush;
+  std::size_t lost;
+  std::string in_file;  // names of the records, after the flush
+};
+
+const std::vector<Course> kCourses = {
+    {"nothing is recorded", {}, kPlenty, 0, ""},
+    {"little is written by the flush alone",
+     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
+     kPlenty,
+     0,
+     "ab"},
+    {"16 KiB are gathered, no byte more",
+     {{kPlenty, 'a', 0, 8191, Kept::Yes, 0},
+      {kPlenty, 'b', 2, 8191, Kept::Yes, 0},
+      {kPlenty, 'c', 0, 1, Kept::Yes, 16384}},
+     kPlenty,
+     0,
+     "abc"},
+    {"a record that does not fit waits for the next write",
+     {{kPlenty, 'a', 0, 8000, Kept::Yes, 0},
+      {kPlenty, 'b', 18, 8000, Kept::Yes, 0},
+      {kPlenty, 'c', 18, 8000, Kept::Yes, 16018}},
+     kPlenty,
+     0,
+     "abc"},
+    {"a disk without room keeps what was gathered first, until there is room",
+     {{0, 'a', 0, 8000, Kept::Yes, 0},
+      {0, 'b', 18, 8000, Kept::Yes, 0},
+      {0, 'c', 18, 8000, Kept::No, 0},
+      {0, 'd', 18, 348, Kept::Yes, 0},
+      {0, 'e', 18, 348, Kept::No, 0},
+      {kPlenty, 'f', 18, 348, Kept::Yes, 16384}},
+     kPlenty,
+     0,
+     "abdf"},
+    {"a disk that takes a part is given the rest once there is room",
+     {{5000, 'a', 0, 8000, Kept::Yes, 0},
+      {5000, 'b', 18, 8000, Kept::Yes, 0},
+      {5000, 'c', 18, 8000, Kept::No, 5000},
+      {5000, 'd', 18, 4000, Kept::Yes, 5000},
+      {5000, 'e', 18, 8000, Kept::No, 5000},
+      {kPlenty, 'f', 18, 8000, Kept::Yes, 20036}},
+     kPlenty,
+     0,
+     "abdf"},
+    {"room that comes little by little lets in what fits in the buffer then",
+     {{100, 'a', 0, 8000, Kept::Yes, 0},
+      {100, 'b', 18, 8000, Kept::Yes, 0},
+      {100, 'c', 18, 8000, Kept::No, 100},
+      {7000, 'd', 18, 8000, Kept::No, 7000},
+      {7700, 'e', 18, 8000, Kept::Yes, 7700},
+      {20000, 'f', 18, 8000, Kept::Yes, 20000}},
+     kPlenty,
+     0,
+     "abef"},
+    {"a disk that stays full from the first byte on gets nothing",
+     {{0, 'a', 0, 530, Kept::Yes, 0}, {0, 'b', 18, 530, Kept::Yes, 0}},
+     0,
+     2,
+     ""},
+    {"a record that is written in part when the disk stays full is cut off again",
+     {{kPlenty, 'a', 0, 530, Kept::Yes, 0},
+      {kPlenty, 'b', 18, 530, Kept::Yes, 0},
+      {kPlenty, 'c', 18, 530, Kept::Yes, 0}},
+     1000,
+     2,
+     "a"},
+    {"a delay without its datagram is cut off again",
+     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
+     530 + 18,
+     1,
+     "a"},
+    {"a disk that is full after a whole record keeps it",
+     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
+     530,
+     1,
+     "a"},
+    {"a record cut by one write and cut again by the next is cut off whole",
+     {{100, 'a', 0, 8000, Kept::Yes, 0},
+      {100, 'b', 18, 8000, Kept::Yes, 0},
+      {9000, 'c', 18, 8000, Kept::Yes, 9000},
+      {9500, 'd', 18, 8000, Kept::No, 9500}},
+     9600,
+     2,
+     "a"},
+    {"what was cut by one write counts as kept once the next has completed it",
+     {{9000, 'a', 0, 8000, Kept::Yes, 0},
+      {9000, 'b', 18, 8000, Kept::Yes, 0},
+      {9000, 'c', 18, 8000, Kept::Yes, 9000}},
+     16018 + 10,
+     1,
+     "ab"},
+};
+
+TEST(RecordingFile, HoldsWholeRecordsWhateverTheDiskTakes) {
+  for (const Course& course : kCourses) {
+    SCOPED_TRACE(course.what);
+    const unit::TemporaryFile file("");
+    auto recording = RecordingFile::open(text(file.path()));
+    ASSERT_NE(recording, nullptr);
+    std::map<char, std::string> records;
+    for (const Step& step : course.steps) {
+      const std::string delay(step.delay, step.name);
+      const std::string datagram(step.datagram, step.name);
+      records[step.name] = delay + datagram;
+      const auto kept = [&] {
+        const Room room(step.room);
+        return recording->append(delay, datagram);
+      }();
+      EXPECT_EQ(kept, step.kept) << step.name;
+      EXPECT_EQ(recording->size_on_disk(), step.on_disk) << step.name;
+    }
+    const auto lost = [&] {
+      const Room room(course.room_at_flush);
+      return recording->flush();
+    }();
+    std::string expected;
+    for (const char name : course.in_file) expected += records[name];
+    EXPECT_EQ(lost, course.lost);
+    EXPECT_EQ(recording->size_on_disk(), static_cast<qint64>(expected.size()));
+    EXPECT_TRUE(content_of(file.path()) == expected);
+    recording.reset();
+    EXPECT_TRUE(content_of(file.path()) == expected) << "given up means not written later either";
+  }
+}
+
+TEST(RecordingFile, GoesOnAfterAFlushThatCutARecordOff) {
+  const unit::TemporaryFile file("");
+  const auto recording = RecordingFile::open(text(file.path()));
+  ASSERT_NE(recording, nullptr);
+  recording->append({}, "first");
+  recording->append("delay", "second");
+  {
+    const Room room(12);
+    EXPECT_EQ(recording->flush(), 1U);
+  }
+  recording->append("delay", "third");
+  EXPECT_EQ(recording->flush(), 0U);
+  EXPECT_EQ(content_of(file.path()), "firstdelaythird");
+}
+
+TEST(RecordingFile, WritesWhatWasGatheredWhenItIsDestroyed) {
+  const unit::TemporaryFile file("");
+  auto recording = RecordingFile::open(text(file.path()));
+  ASSERT_NE(recording, nullptr);
+  recording->append({}, "first");
+  recording->append("delay", "second");
+  recording.reset();
+  EXPECT_EQ(content_of(file.path()), "firstdelaysecond");
+}
+
+TEST(RecordingFile, TakesADeviceThatIsAlwaysFull) {
+  const auto recording = RecordingFile::open(QStringLiteral("/dev/full"));
+  ASSERT_NE(recording, nullptr);
+  EXPECT_EQ(recording->append({}, std::string(8000, 'a')), Kept::Yes);
+  EXPECT_EQ(recording->append("delay", std::string(8191, 'b')), Kept::Yes);
+  EXPECT_EQ(recording->append("delay", std::string(8191, 'c')), Kept::No);
+  EXPECT_EQ(recording->flush(), 2U);
+  EXPECT_EQ(recording->size_on_disk(), 0);
+}
+
+}  // namespace
