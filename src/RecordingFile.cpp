@@ -4,19 +4,41 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 
-std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
+#include "kesto/delay.h"
+#include "src/ThreadSignals.h"
+
+namespace {
+
+// The kernel has asked the holder of a lease to give it up when it refuses the first time.
+constexpr auto kLeasePatience = std::chrono::seconds(1);
+constexpr auto kLeaseLook = std::chrono::milliseconds(5);
+
+/// @return descriptor, or -1
+int open_for_writing(const QString& path) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   constexpr mode_t kPermissions = 0666;
-  const int fd = ::open(QFile::encodeName(path).constData(),
-                        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, kPermissions);
+  const QByteArray name = QFile::encodeName(path);
+  const auto deadline = kesto::Clock::now() + kLeasePatience;
+  for (;;) {
+    const int fd = ::open(name.constData(), kFlags, kPermissions);
+    const bool leased = fd == -1 && errno == EWOULDBLOCK;
+    if (!leased || end_requested() || kesto::Clock::now() >= deadline) return fd;
+    kesto::sleep_for(kLeaseLook);
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
+  const int fd = open_for_writing(path);
   if (fd == -1) return nullptr;
   std::unique_ptr<RecordingFile> file(new RecordingFile);
   file->file_name = path;
-  struct stat status {};
-  const bool is_pipe = fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
-  if (is_pipe ||
-      !file->grab_file.open(fd, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
+  if (!file->grab_file.open(fd, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
     close(fd);
     return nullptr;
   }
@@ -44,7 +66,7 @@ RecordingFile::Kept RecordingFile::append(std::string_view delay, std::string_vi
 
 std::size_t RecordingFile::flush() {
   write_gathered();
-  if (cut_off > 0) grab_file.resize(grab_file.pos() - cut_off);
+  if (cut_off > 0 && !grab_file.isSequential()) grab_file.resize(grab_file.pos() - cut_off);
   const std::size_t lost = record_ends.count();
   record_ends.reset();
   size = 0;

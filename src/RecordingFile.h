@@ -21,9 +21,11 @@ class RecordingFile {
 public:
   enum class Kept { Yes, No };
 
-  /// Opens @p path for writing from its beginning. Neither this nor a later write waits for another process:
-  /// a named pipe is refused, a full terminal takes no more. The file system itself may take its time.
-  /// @return null when it cannot be opened
+  /// Opens @p path for writing from its beginning. Waits for at most a second, for a process that holds a
+  /// lease on the file to give it up. No later write waits for another process: a terminal or a named pipe
+  /// whose reader is slow counts as a full disk, and what it has not read at the end may begin within a
+  /// record. Main thread, without any lock.
+  /// @return null when it cannot be opened, or is a named pipe that nobody reads
   static std::unique_ptr<RecordingFile> open(const QString& path);
 
   /// Flushes, then closes.

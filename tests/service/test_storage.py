@@ -1,7 +1,9 @@
 """Recording to places that are full, odd, or go away."""
 
+import contextlib
 import os
 import struct
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -166,7 +168,7 @@ def test_a_directory_that_is_removed_while_recording_changes_nothing(service, cl
     assert_records_again(service)
 
 
-def test_a_named_pipe_does_not_hold_the_service_up(service, client):
+def test_a_named_pipe_that_nobody_reads_is_refused_at_once(service, client):
     path = service.world.path("pipe")
     os.mkfifo(path)
     lines = service.world.log.mark()
@@ -176,16 +178,87 @@ def test_a_named_pipe_does_not_hold_the_service_up(service, client):
     assert_records_again(service)
 
 
-def test_a_named_pipe_that_is_read_is_refused_as_well(service, client):
+def read_whole(pipe):
+    content = b""
+    with contextlib.suppress(BlockingIOError):
+        while part := os.read(pipe, 1 << 20):
+            content += part
+    return content
+
+
+@pytest.fixture
+def pipe(service):
+    """A named pipe that this process reads: (its path, the descriptor)."""
     path = service.world.path("pipe")
     os.mkfifo(path)
     reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
-    try:
-        client.grab(path)
-        assert client.get_status() == "off"
-    finally:
-        os.close(reader)
+    yield path, reader
+    os.close(reader)
+
+
+def test_a_named_pipe_that_is_read_takes_a_recording(service, client, pipe):
+    path, reader = pipe
+    client.grab(path)
+    service.feed(frames(0, 40))
+    client.stop()
+    assert Recording.parse(read_whole(reader)).datagrams == frames(0, 40)
+    # A pipe has no size.
+    assert client.latest_grab() == grab_text(path, True, 1, [1])
     assert_records_again(service)
+
+
+def test_the_slow_reader_of_a_pipe_misses_whole_records_and_holds_nobody_up(service, client, pipe):
+    path, reader = pipe
+    client.grab(path)
+    service.feed(frames(0, 400))
+    assert client.get_status() == "run"
+    content = read_whole(reader)
+    service.feed(frames(1000, 40))
+    client.stop()
+    recorded = Recording.parse(content + read_whole(reader)).datagrams
+    early, late = recorded[:-40], recorded[-40:]
+    assert 16384 // 548 < len(early) < 400
+    assert early == [frame for frame in frames(0, 400) if frame in early]
+    assert late == frames(1000, 40)
+    assert_records_again(service)
+
+
+def test_the_reader_of_a_pipe_may_leave(service, client):
+    path = service.world.path("pipe")
+    os.mkfifo(path)
+    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    client.grab(path)
+    service.feed(frames(0, 10))
+    os.close(reader)
+    service.feed(frames(10, 100))
+    assert client.get_status() == "run"
+    client.stop()
+    assert client.latest_grab() == grab_text(path, True, 1, [1])
+    assert_records_again(service)
+
+
+LEASE_HOLDER = """
+import fcntl, os, signal, sys
+signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGIO])
+file = os.open(sys.argv[1], os.O_RDONLY)
+fcntl.fcntl(file, fcntl.F_SETLEASE, fcntl.F_RDLCK)
+print("held", flush=True)
+signal.sigwait([signal.SIGIO])
+fcntl.fcntl(file, fcntl.F_SETLEASE, fcntl.F_UNLCK)
+"""
+
+
+def test_a_file_under_a_lease_is_recorded_to_once_the_lease_is_given_up(service, client):
+    path = service.world.path("cue")
+    Path(path).write_bytes(b"old content")
+    with subprocess.Popen(["/usr/bin/python3", "-c", LEASE_HOLDER, path], stdout=subprocess.PIPE) as holder:
+        assert holder.stdout.readline() == b"held\n"
+        client.grab(path)
+        assert client.get_status() == "on"
+        assert holder.wait() == 0
+    service.feed(frames(0, 3))
+    client.stop()
+    assert Recording.read(path).datagrams == frames(0, 3)
 
 
 def test_a_socket_is_no_file_to_record_to(service, client):

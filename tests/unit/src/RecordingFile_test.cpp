@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -74,17 +76,159 @@ TEST(RecordingFileOpen, KeepsTheNameAsItWasGiven) {
   EXPECT_EQ(recording->name().toStdString(), name);
 }
 
-TEST(RecordingFileOpen, NeverWaitsForTheReaderOfANamedPipe) {
-  const unit::TemporaryFile file("");
-  const std::string pipe = file.path() + "_pipe";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_EQ(RecordingFile::open(text(pipe)), nullptr);
-  // With a reader it could be opened; it is no file all the same.
-  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
-  ASSERT_NE(reader, -1);
-  EXPECT_EQ(RecordingFile::open(text(pipe)), nullptr);
-  close(reader);
-  unlink(pipe.c_str());
+/// A named pipe with a reader that reads when it is told to.
+class PipeReader {
+public:
+  PipeReader() {
+    if (mkfifo(path.c_str(), 0600) != 0) abort();
+  }
+  ~PipeReader() {
+    close_end();
+    unlink(path.c_str());
+  }
+  PipeReader(const PipeReader&) = delete;
+  PipeReader& operator=(const PipeReader&) = delete;
+  PipeReader(PipeReader&&) = delete;
+  PipeReader& operator=(PipeReader&&) = delete;
+
+  void open_end() { fd = open(path.c_str(), O_RDONLY | O_NONBLOCK); }
+  void close_end() {
+    if (fd != -1) close(fd);
+    fd = -1;
+  }
+
+  /// What is in the pipe.
+  std::string read_all() const {
+    std::string all;
+    char part[4096];
+    for (ssize_t size = 1; size > 0;) {
+      size = read(fd, part, sizeof part);
+      if (size > 0) all.append(part, static_cast<std::size_t>(size));
+    }
+    return all;
+  }
+
+private:
+  const unit::TemporaryFile beside{""};
+  int fd = -1;
+
+public:
+  const std::string path = beside.path() + "_pipe";
+};
+
+TEST(RecordingFileOpen, RefusesANamedPipeThatNobodyReads) {
+  const PipeReader pipe;
+  EXPECT_EQ(RecordingFile::open(text(pipe.path)), nullptr);
+}
+
+TEST(RecordingFile, GoesIntoANamedPipeThatIsRead) {
+  PipeReader pipe;
+  pipe.open_end();
+  auto recording = RecordingFile::open(text(pipe.path));
+  ASSERT_NE(recording, nullptr);
+  EXPECT_EQ(recording->append({}, "first"), Kept::Yes);
+  EXPECT_EQ(recording->append("delay", "second"), Kept::Yes);
+  EXPECT_EQ(recording->flush(), 0U);
+  EXPECT_EQ(recording->size_on_disk(), 0);
+  EXPECT_EQ(pipe.read_all(), "firstdelaysecond");
+}
+
+TEST(RecordingFile, DropsWholeRecordsWhileTheReaderOfAPipeIsSlow) {
+  PipeReader pipe;
+  pipe.open_end();
+  const auto recording = RecordingFile::open(text(pipe.path));
+  ASSERT_NE(recording, nullptr);
+  std::string kept;
+  std::string read;
+  int dropped = 0;
+  for (int i = 0; i < 300; ++i) {
+    const std::string datagram(1000 + static_cast<std::size_t>(i), static_cast<char>('a' + i % 26));
+    if (recording->append("delay", datagram) == Kept::Yes)
+      kept += "delay" + datagram;
+    else
+      ++dropped;
+    if (i % 100 == 99) read += pipe.read_all();
+  }
+  EXPECT_EQ(recording->flush(), 0U);
+  read += pipe.read_all();
+  EXPECT_GT(dropped, 0);
+  EXPECT_TRUE(read == kept);
+}
+
+TEST(RecordingFile, OutlivesTheReaderOfAPipe) {
+  std::signal(SIGPIPE, SIG_IGN);
+  PipeReader pipe;
+  pipe.open_end();
+  const auto recording = RecordingFile::open(text(pipe.path));
+  ASSERT_NE(recording, nullptr);
+  pipe.close_end();
+  EXPECT_EQ(recording->append({}, std::string(16000, 'a')), Kept::Yes);
+  EXPECT_EQ(recording->append({}, std::string(16000, 'b')), Kept::No);
+  pipe.open_end();
+  EXPECT_EQ(recording->append({}, std::string(16000, 'c')), Kept::Yes);
+  EXPECT_EQ(recording->flush(), 0U);
+  EXPECT_TRUE(pipe.read_all() == std::string(16000, 'a') + std::string(16000, 'c'));
+}
+
+/// Another process that holds a lease on a file.
+class LeaseHolder {
+public:
+  enum Manner { GivesItUp, KeepsIt };
+
+  LeaseHolder(const std::string& path, Manner manner) {
+    int ready[2];
+    if (pipe(ready) != 0) abort();
+    process = fork();
+    if (process == 0) hold(path, manner, ready[1]);
+    close(ready[1]);
+    char byte = 0;
+    holds = read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+  }
+  ~LeaseHolder() {
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+  }
+  LeaseHolder(const LeaseHolder&) = delete;
+  LeaseHolder& operator=(const LeaseHolder&) = delete;
+  LeaseHolder(LeaseHolder&&) = delete;
+  LeaseHolder& operator=(LeaseHolder&&) = delete;
+
+  bool holds = false;
+
+private:
+  [[noreturn]] static void hold(const std::string& path, Manner manner, int ready) {
+    sigset_t asked;
+    sigemptyset(&asked);
+    sigaddset(&asked, SIGIO);
+    sigprocmask(SIG_BLOCK, &asked, nullptr);
+    const int fd = open(path.c_str(), O_RDONLY);
+    if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0 && write(ready, "", 1) == 1) {
+      int signal = 0;
+      sigwait(&asked, &signal);
+      if (manner == GivesItUp) fcntl(fd, F_SETLEASE, F_UNLCK);
+      pause();
+    }
+    _exit(1);
+  }
+
+  pid_t process;
+};
+
+TEST(RecordingFileOpen, WaitsForALeaseThatIsGivenUp) {
+  const unit::TemporaryFile file("old content");
+  const LeaseHolder holder(file.path(), LeaseHolder::GivesItUp);
+  ASSERT_TRUE(holder.holds);
+  EXPECT_NE(RecordingFile::open(text(file.path())), nullptr);
+  EXPECT_EQ(content_of(file.path()), "");
+}
+
+TEST(RecordingFileOpen, RefusesAFileWhoseLeaseIsKept) {
+  const unit::TemporaryFile file("old content");
+  const LeaseHolder holder(file.path(), LeaseHolder::KeepsIt);
+  ASSERT_TRUE(holder.holds);
+  EXPECT_EQ(RecordingFile::open(text(file.path())), nullptr);
+  EXPECT_EQ(content_of(file.path()), "old content");
 }
 
 TEST(RecordingFileOpen, RefusesWhatCannotBeAFile) {
