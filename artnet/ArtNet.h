@@ -124,6 +124,12 @@ static_assert(sizeof(ArtTrigger) == 530);
 static_assert(sizeof(ArtOemVfps) == 14);
 static_assert(sizeof(ArtOemVfpsNs) == 18);
 
+// Bytes that are read after the header; of an ArtDmx and an ArtTrigger the fields before the data.
+constexpr std::uint32_t kPollBody = sizeof(ArtPoll) - sizeof(ArtHeader);
+constexpr std::uint32_t kPollReplyBody = sizeof(ArtPollReply) - sizeof(ArtHeader);
+constexpr std::uint32_t kDmxFields = offsetof(ArtDmx, data) - sizeof(ArtHeader);
+constexpr std::uint32_t kTriggerFields = offsetof(ArtTrigger, data) - sizeof(ArtHeader);
+
 /// @p v with its two bytes exchanged.
 constexpr std::uint16_t swap_word(std::uint16_t v) {
   return static_cast<std::uint16_t>((v << 8) | (v >> 8));

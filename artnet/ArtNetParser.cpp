@@ -37,12 +37,6 @@ std::string artnet_parser_error_category::message(int code) const {
 
 namespace {
 
-// Bytes that are read behind the header; of an ArtDmx and an ArtTrigger the fields before the data.
-constexpr std::uint32_t kPollBody = sizeof(ArtPoll) - sizeof(ArtHeader);
-constexpr std::uint32_t kPollReplyBody = sizeof(ArtPollReply) - sizeof(ArtHeader);
-constexpr std::uint32_t kDmxFields = sizeof(ArtDmx) - sizeof(ArtHeader) - sizeof(ArtDmx::data);
-constexpr std::uint32_t kTriggerFields = sizeof(ArtTrigger) - sizeof(ArtHeader) - sizeof(ArtTrigger::data);
-
 std::error_code parser_error(errc::ArtNetParserError code) {
   return {code, errc::artnet_parser_error_category::instance()};
 }

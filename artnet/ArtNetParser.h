@@ -66,6 +66,9 @@ public:
   std::function<void(ArtHeader&)> on_unknown;
   std::function<void(const std::error_code)> on_error;  // an ArtDmx of more than 512 slots
 
+  /// Bytes of the stream that one refill takes. A short ArtPollReply is as long as the refill it stands in.
+  static constexpr std::uint32_t kBufferSize = 512;
+
   std::uint32_t packet_count = 0;  // packets dispatched by the current or the last parse
   bool running = false;            // true during a parse, until stop()
 
@@ -124,8 +127,6 @@ private:
 
   /// copy_with_populate() when a refill may be needed, or the copy would leave the buffer.
   void copy_across_refill(std::uint8_t* out, std::uint32_t n, std::istream& in, std::error_code& ec);
-
-  static constexpr std::uint32_t kBufferSize = 512;
 
   std::uint32_t position = 0;     // read position in buffer
   std::uint32_t match_count = 0;  // identifier bytes matched so far; survives refills

@@ -19,6 +19,7 @@ target_compile_options(kadrel_compiler INTERFACE
   -fstack-protector-strong
   "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
 target_compile_definitions(kadrel_compiler INTERFACE
+  _FILE_OFFSET_BITS=64
   QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII
   $<$<CONFIG:RelWithDebInfo>:_FORTIFY_SOURCE=2>)
 

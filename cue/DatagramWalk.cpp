@@ -4,18 +4,14 @@
 #include <cstring>
 
 #include "artnet/ArtNetPackets.h"
+#include "artnet/ArtNetParser.h"
 
 namespace cue {
 namespace {
 
 // The parser reads its stream in portions of this size, and takes the length of an ArtPollReply from the
 // portion that it is in.
-constexpr std::size_t kPortion = 512;
-
-constexpr std::size_t kPollBody = sizeof(ArtPoll) - sizeof(ArtHeader);
-constexpr std::size_t kPollReplyBody = sizeof(ArtPollReply) - sizeof(ArtHeader);
-constexpr std::size_t kDmxFields = kDmxHeaderSize - kHeaderSize;
-constexpr std::size_t kTriggerFields = 8;
+constexpr std::size_t kPortion = ArtNetParser::kBufferSize;
 
 std::uint16_t low_byte_first(const std::uint8_t* bytes) {
   return static_cast<std::uint16_t>(bytes[0] | (bytes[1] << 8));
@@ -34,7 +30,7 @@ bool begins_delay(const std::uint8_t* bytes) {
 
 std::int64_t delay_pause(const std::uint8_t* bytes) {
   std::int64_t pause = 0;
-  memcpy(&pause, bytes + kHeaderSize, sizeof pause);
+  memcpy(&pause, bytes + kArtHeaderSize, sizeof pause);
   return pause;
 }
 
@@ -77,8 +73,8 @@ std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
       const std::size_t portion = (at - 1) / kPortion * kPortion;
       const std::size_t valid = std::min(kPortion, size - portion);
       if (valid > sizeof(ArtPollReply)) return kPollReplyBody;
-      if (valid < kHeaderSize) return std::nullopt;
-      return valid - kHeaderSize;
+      if (valid < kArtHeaderSize) return std::nullopt;
+      return valid - kArtHeaderSize;
     }
     case OpDmx:
       return kDmxFields;

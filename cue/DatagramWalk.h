@@ -5,21 +5,12 @@
 #include <optional>
 
 #include "artnet/ArtNet.h"
+#include "artnet/RecordingFormat.h"
 
 /// The walk over the packets of one datagram, step for step as ArtNetParser takes it, but in place and with
 /// the offset of each packet. What the parser finds in bytes that earlier datagrams left in its buffer has no
 /// part in it.
 namespace cue {
-
-/// Longest datagram that the recorder takes from its socket, in bytes.
-constexpr std::size_t kLongestDatagram = 8191;
-
-/// Size of a delay record, and of the identifier and OpCode that it begins with.
-constexpr std::size_t kDelaySize = sizeof(ArtOemVfpsNs);
-constexpr std::size_t kHeaderSize = sizeof(ArtHeader);
-
-/// Bytes of an ArtDmx before its slots.
-constexpr std::size_t kDmxHeaderSize = sizeof(ArtDmx) - sizeof(ArtDmx::data);
 
 /// Whether the identifier and the OpCode of a delay record stand at @p bytes, of which 10 must be readable.
 bool begins_delay(const std::uint8_t* bytes);

@@ -90,7 +90,7 @@ std::size_t dmx_size(const std::uint8_t* bytes, std::size_t available) {
 /// Whether the @p size bytes are the beginning of a delay record that is cut off.
 bool is_cut_delay(const std::uint8_t* bytes, std::size_t size) {
   const ArtOemVfpsNs whole = make_delay_record(0);
-  return size < kDelaySize && memcmp(bytes, &whole, std::min(size, kHeaderSize)) == 0;
+  return size < kDelaySize && memcmp(bytes, &whole, std::min(size, kArtHeaderSize)) == 0;
 }
 
 }  // namespace

@@ -270,6 +270,17 @@ int open(const char* path, int flags, ...) {
   return !holds_line_counts(path) && strikes(fault, File) ? -1 : next(path, flags, mode);
 }
 
+int fcntl(int fd, int command, ...) {
+  BEHIND(fcntl);
+  va_list rest;
+  va_start(rest, command);
+  void* const argument = va_arg(rest, void*);
+  va_end(rest);
+  return strikes_at(fault, fd) ? -1 : next(fd, command, argument);
+}
+
+// The names that calls have where _FILE_OFFSET_BITS is 64.
+
 int open64(const char* path, int flags, ...) {
   static const auto next = next_of<decltype(&open64)>("open64");
   static Fault* const fault = find_fault("open");
@@ -280,13 +291,20 @@ int open64(const char* path, int flags, ...) {
   return !holds_line_counts(path) && strikes(fault, File) ? -1 : next(path, flags, mode);
 }
 
-int fcntl(int fd, int command, ...) {
-  BEHIND(fcntl);
+int fcntl64(int fd, int command, ...) {
+  static const auto next = next_of<decltype(&fcntl64)>("fcntl64");
+  static Fault* const fault = find_fault("fcntl");
   va_list rest;
   va_start(rest, command);
   void* const argument = va_arg(rest, void*);
   va_end(rest);
   return strikes_at(fault, fd) ? -1 : next(fd, command, argument);
+}
+
+int fstat64(int fd, struct stat64* status) noexcept {
+  static const auto next = next_of<int (*)(int, struct stat64*)>("fstat64");
+  static Fault* const fault = find_fault("fstat");
+  return fault != nullptr && fault->times != 0 && strikes(fault, Any) ? -1 : next(fd, status);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {

@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::int64_t time = 0;
   for (const Read& record : reading.records) {
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(record.bytes.data());
-    REQUIRE(record.bytes.size() <= cue::kLongestDatagram);
+    REQUIRE(record.bytes.size() <= kLongestDatagram);
     REQUIRE(cue::shape_of(bytes, record.bytes.size()).recordable());
     REQUIRE(file.compare(record.offset, record.bytes.size(), record.bytes) == 0);
     REQUIRE(record.offset >= end);
@@ -111,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool before_damage =
         reading.damages.empty() || record.offset + record.bytes.size() <= reading.good_end;
     if (before_damage && record.offset > 0) {
-      REQUIRE(record.offset == end + cue::kDelaySize);
+      REQUIRE(record.offset == end + kDelaySize);
       REQUIRE(cue::begins_delay(data + end) && cue::delay_pause(data + end) == record.pause);
     }
     end = record.offset + record.bytes.size();
@@ -121,6 +121,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (reading.damages.empty()) REQUIRE(end == size);
   REQUIRE(std::is_sorted(reading.damages.begin(), reading.damages.end()));
 
-  if (!file.empty() && size <= cue::kLongestDatagram) compare_walk(file);
+  if (!file.empty() && size <= kLongestDatagram) compare_walk(file);
   return 0;
 }

@@ -66,8 +66,8 @@ bool fails(const std::string& function, const std::string& arguments = "") {
 extern "C" {
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol);
-int __real_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...);
+int __real_fcntl64(int fd, int command, ...);
+int __wrap_fcntl64(int fd, int command, ...);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
@@ -85,18 +85,15 @@ int __wrap_socket(int domain, int type, int protocol) {
   return __real_socket(domain, type, protocol);
 }
 
-int __wrap_fcntl(int fd, int command, ...) {
+int __wrap_fcntl64(int fd, int command, ...) {
   va_list args;
   va_start(args, command);
   int result = -1;
   if (command == F_GETFL) {
-    if (!fails("fcntl_get")) result = __real_fcntl(fd, command);
-  } else if (command == F_SETFL) {
-    const int flags = va_arg(args, int);
-    if (!fails("fcntl_set", std::to_string(flags))) result = __real_fcntl(fd, command, flags);
+    if (!fails("fcntl_get")) result = __real_fcntl64(fd, command);
   } else {
-    // Not the socket but the runtime of a coverage build, which locks its files.
-    result = __real_fcntl(fd, command, va_arg(args, void*));
+    const int flags = va_arg(args, int);
+    if (!fails("fcntl_set", std::to_string(flags))) result = __real_fcntl64(fd, command, flags);
   }
   va_end(args);
   return result;
