@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -124,6 +126,8 @@ bool UdpSocket::create() {
   if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) == -1) return false;
   const int on = 1;
   if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == -1) return false;
+  socklen_t length = sizeof send_buffer_size;
+  if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_size, &length) == -1) return false;
   batch.reset(new (std::nothrow) Batch);
   if (batch == nullptr || batch->bytes == nullptr) {
     errno = ENOMEM;
@@ -204,6 +208,15 @@ std::int64_t UdpSocket::writeDatagram(const char* data, unsigned int size, const
   }
   const sockaddr_in peer = socket_address(destination, port);
   return sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+}
+
+bool UdpSocket::sendBufferIsBelow(int percent) const {
+  if (!initialized) return true;
+  // Both numbers count memory, not payload: a datagram of 239 bytes takes 768 to 1280, whatever the driver
+  // asks for around it. They are the two that the kernel compares when it refuses a datagram with EAGAIN.
+  int used = 0;
+  if (ioctl(fd, SIOCOUTQ, &used) == -1) return true;
+  return used < static_cast<std::int64_t>(send_buffer_size) * percent / 100;
 }
 
 int UdpSocket::select_with_tm(int timeout_ms, bool read) const {

@@ -52,7 +52,13 @@ private:
 /// looks as if each operation asked the kernel itself.
 ///
 /// Every operation reports failure by its result and leaves errno as the failing call set it; nothing throws
-/// or logs. No lock: one thread reads; sends from several threads at once are safe in the kernel.
+/// or logs.
+///
+/// No lock. One thread does whatever creates the socket or looks at datagrams: initialize, bind,
+/// hasPendingDatagrams, hasFetchedDatagrams, pendingDatagramSize, readDatagram, takeDatagram,
+/// select_with_tm and waitForReadyRead; the const ones among them fetch, too. Once initialize() or bind()
+/// has succeeded, other threads may call writeDatagram and sendBufferIsBelow at the same time, also while
+/// that thread waits, and select_with_tm for writing.
 class UdpSocket {
 public:
   UdpSocket();
@@ -97,6 +103,11 @@ public:
   /// address).
   std::int64_t writeDatagram(const char* data, unsigned int size, const HostAddress& address, int port);
 
+  /// True while the datagrams that were sent and have not left yet take less than @p percent of the send
+  /// buffer. A datagram of any size is accepted while they take less than all of it. Creates no socket: true
+  /// when there is none.
+  bool sendBufferIsBelow(int percent) const;
+
   /// Waits until the socket is readable (@p read) or writable. Creates no socket.
   /// @param timeout_ms  negative: without limit
   /// @return above 0 ready, 0 time-out, -1 error (also without a descriptor that select() can take).
@@ -115,8 +126,11 @@ private:
   /// errno).
   bool fetch() const;
 
+  // Constant once the socket is there.
   std::int32_t fd = -1;
   bool initialized = false;
+  int send_buffer_size = 0;  // bytes, as SO_SNDBUF says
+
   std::unique_ptr<Batch> batch;  // made with the socket
 };
 

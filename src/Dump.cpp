@@ -11,12 +11,22 @@ Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
   listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
 }
 
+namespace {
+
+/// What the appliance says of itself.
+NodeIdentity identity_of_device() {
+  kesto::device::initialize();
+  return {kesto::device::ip_address(),      kesto::device::mac_address(), kesto::device::oem_id(),
+          kesto::device::manufacturer_id(), kesto::device::short_name(),  kesto::device::long_name()};
+}
+
+}  // namespace
+
 Dump::Dump(qint32 announced, std::nullptr_t)
-    : latest_grab_summary(std::make_shared<const GrabSummary>()), universe_count(announced) {
+    : latest_grab_summary(std::make_shared<const GrabSummary>()), responder(identity_of_device(), announced) {
   register_node_types();
   connect(&trigger_signals, &OnArtnetTriggerObject::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
   connect(this, &Dump::OnArtnetTrigger, this, [this] { trigger_handed_over(); });
-  kesto::device::initialize();
   device_ip_hex = kesto::device::ip_address();
   device_mac = kesto::device::mac_address();
   broadcast_ip = kesto::device::broadcast_ip();
@@ -42,9 +52,9 @@ void Dump::wire_parser() {
     if (!parser.from_stale_bytes()) holds_dmx = true;
     process_artnet_trigger_dmx(dmx);
   };
-  parser.on_poll = [this](ArtPoll& poll) {
+  parser.on_poll = [this](ArtPoll&) {
     // What lies in the buffer from before has been answered: else one byte would bring dozens of answers.
-    if (!parser.from_stale_bytes()) process_art_poll(poll);
+    if (!parser.from_stale_bytes()) process_art_poll();
   };
   parser.on_poll_reply = [this](ArtPollReply& reply) { process_art_poll_reply(reply); };
   parser.on_unknown = [this](ArtHeader&) {

@@ -7,7 +7,6 @@
 #include <bitset>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -23,6 +22,7 @@
 #include "src/ArtnetNode.h"
 #include "src/GrabSummary.h"
 #include "src/RecordingFile.h"
+#include "src/PollResponder.h"
 #include "src/SignalRelays.h"
 
 /// The service object: recorder, remote triggers, node detection and manual nodes behind one D-Bus interface.
@@ -90,15 +90,6 @@ private:
 
   enum GrabState : qint32 { Off = 0, Armed = 1, StartPending = 2, Running = 3, StopPending = 4 };
 
-  /// ArtPolls of one asker whose replies are not all sent yet.
-  struct PendingReplies {
-    kesto::net::HostAddress address;
-    int port;
-    qint32 next;     // port-address of the next reply
-    qint32 count;    // universes announced to this asker
-    qint32 repeats;  // further ArtPolls that came meanwhile
-  };
-
   /// Everything but the receive thread.
   explicit Dump(qint32 announced, std::nullptr_t);
 
@@ -113,7 +104,8 @@ private:
   bool parse_datagram(std::string_view datagram);
   void process_datagram(std::string_view datagram);
   void record_datagram(std::string_view datagram);
-  void process_art_poll(const ArtPoll& poll);
+  void process_art_poll();
+  int send_replies(bool between_datagrams);  // ms after which to go on
   void process_art_poll_reply(const ArtPollReply& reply);
   void process_artnet_trigger(const ArtTrigger& trigger);
   void process_artnet_trigger_dmx(const ArtDmx& dmx);
@@ -124,10 +116,6 @@ private:
   // Main thread.
   void trigger_handed_over();
   void ask_bus();
-
-  /// Sends at most @p limit of the replies that are due. @return ms after which to go on: 0 at once, a long
-  /// time when nothing is due
-  int send_poll_replies(int limit);
 
   // Main thread with state_lock as writer, or receive thread with state_lock as reader.
   void finalize_grabbing();
@@ -194,8 +182,6 @@ private:
   qint32 ctrl_record_channel = -1;    // 1..512
   qint32 ctrl_record_threshold = -1;  // 1..255
 
-  std::atomic<qint32> universe_count;  // universes announced in answer to an ArtPoll
-
   // Flags of node detection: set by D-Bus methods, read and cleared by the polling thread.
   std::atomic<bool> automatic_detection{true};
   std::atomic<bool> detection_requested{false};
@@ -234,5 +220,5 @@ private:
   // Receive thread only.
   std::string_view current_datagram;  // the current one, in the memory of the socket
   bool holds_dmx = false;  // the current datagram itself, not only stale bytes behind it, holds an ArtDmx
-  std::deque<PendingReplies> pending_replies;
+  PollResponder responder;
 };

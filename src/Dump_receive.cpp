@@ -1,5 +1,4 @@
 #include <QByteArray>
-#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -9,6 +8,7 @@
 #include "kesto/logger.h"
 #include "src/Dump.h"
 #include "src/RelayRequest.h"
+#include "src/UdpReplySender.h"
 
 // The receive thread: everything that arrives by UDP, and everything that leaves by it.
 
@@ -16,10 +16,9 @@ namespace {
 
 constexpr int kWaitMs = 1000;
 
-// Due ArtPollReplies sent between two datagrams, and between two looks at an idle socket: an answer of
-// thousands of replies goes out beside a recording without holding it up.
-constexpr int kRepliesPerDatagram = 4;
-constexpr int kRepliesPerWait = 64;
+// Wait while ArtPollReplies are due and have no room: a few of them leave by a slow link in this time, and
+// many would be late for nobody.
+constexpr int kNoRoomWaitMs = 1;
 
 // So many waits in a row may end without a datagram, be it that reading fails although the socket is readable
 // or that they are interrupted; then each is followed by a pause.
@@ -50,9 +49,7 @@ void Dump::listen_incoming_data(int port) {
   while (running) {
     if (!artpoll_request_done) serve_artpoll_request();
     int wait_ms = kWaitMs;
-    if (!pending_replies.empty()) {
-      wait_ms = std::min(wait_ms, send_poll_replies(ready ? kRepliesPerDatagram : kRepliesPerWait));
-    }
+    if (responder.waiting() > 0) wait_ms = send_replies(ready);
     // Behind a wait the kernel is asked; afterwards only what it gave, for the next wait asks it anyway.
     if (ready) ready = waited ? socket->hasPendingDatagrams() : socket->hasFetchedDatagrams();
     waited = !ready;
@@ -125,6 +122,27 @@ void Dump::handle_datagram(const kesto::net::HostAddress& this_device_ip) {
   if (sender_address == this_device_ip) return;
   process_datagram(current_datagram);
   if (grab_state == StopPending) finalize_grabbing();
+}
+
+void Dump::process_art_poll() {
+  UdpReplySender replies(*socket);
+  if (responder.ask(sender_address, sender_port, replies) != PollResponder::Asked::FirstRefused) return;
+  KESTO_LOG(-1, "[Dump::process_art_poll] Too many askers wait for replies, others get none (limit:%d)",
+            static_cast<int>(PollResponder::kAskers));
+}
+
+int Dump::send_replies(bool between_datagrams) {
+  UdpReplySender replies(*socket);
+  const int limit = between_datagrams ? PollResponder::kBetweenDatagrams : PollResponder::kAtOnce;
+  switch (responder.send_due(limit, kesto::Clock::now().time_since_epoch().count(), replies)) {
+    case PollResponder::Wait::MoreDue:
+      return 0;
+    case PollResponder::Wait::NoRoom:
+      return kNoRoomWaitMs;
+    case PollResponder::Wait::NothingDue:
+      break;
+  }
+  return kWaitMs;
 }
 
 void Dump::relay_datagram() {

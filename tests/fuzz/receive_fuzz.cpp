@@ -1,5 +1,7 @@
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
@@ -45,6 +48,13 @@ extern "C" ssize_t __wrap_sendto(int, const void* data, std::size_t size, int, c
   inet_ntop(AF_INET, &peer->sin_addr, text, sizeof text);
   sent_datagrams.push_back({text, ntohs(peer->sin_port), std::string(static_cast<const char*>(data), size)});
   return static_cast<ssize_t>(size);
+}
+
+extern "C" int __real_ioctl(int fd, unsigned long request, void* value);
+extern "C" int __wrap_ioctl(int fd, unsigned long request, void* value) {
+  if (request != SIOCOUTQ) return __real_ioctl(fd, request, value);
+  *static_cast<int*>(value) = send_buffer_full ? std::numeric_limits<int>::max() : 0;
+  return 0;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 
@@ -212,10 +222,12 @@ private:
       case 21: {
         send_buffer_full = model.send_buffer_full = script.byte() % 2 == 1;
         const int limit = script.byte();
-        const int wait = probe.send_poll_replies(limit);
-        const bool had_none = model.askers() == 0;
-        const bool full = model.send_replies(limit);
-        REQUIRE(had_none || model.askers() == 0 ? wait > 1000 : wait == (full ? 1 : 0));
+        const PollResponder::Wait wait = probe.send_poll_replies(limit, now);
+        const bool full = model.send_replies(limit, now);
+        const PollResponder::Wait expected = model.askers() == 0 ? PollResponder::Wait::NothingDue
+                                             : full              ? PollResponder::Wait::NoRoom
+                                                                 : PollResponder::Wait::MoreDue;
+        REQUIRE(wait == expected);
         return;
       }
       case 22:

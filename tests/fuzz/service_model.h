@@ -141,20 +141,38 @@ public:
     if (state == 4) finish();
   }
 
-  /// @return whether the send buffer was full
-  bool send_replies(int limit) {
+  /// The askers take a turn, and one that cannot be reached is forgotten. @return whether there was no room
+  bool send_replies(int limit, std::int64_t now) {
+    if (!take_turn(limit)) return false;
+    if (!no_room) no_room_since = now;
+    no_room = true;
+    if (now - no_room_since >= 500'000'000) {
+      for (auto asker = pending.begin(); asker != pending.end(); ++asker) {
+        if (asker->address != last_address || asker->port != last_port) continue;
+        pending.erase(asker);
+        break;
+      }
+    }
+    return true;
+  }
+
+  /// @return whether the send buffer had no room
+  bool take_turn(int limit) {
     if (pending.empty()) return false;
     Asker& first = pending.front();
     for (int i = 0; i < limit && first.next < announced_universes; ++i) {
       if (send_buffer_full) return true;
       sent.push_back({first.address, first.port, reply_bytes(first.next)});
       ++first.next;
+      last_address = first.address;
+      last_port = first.port;
+      no_room = false;
     }
     // Askers take turns; one that has asked again meanwhile begins anew.
     Asker asker = first;
     pending.pop_front();
-    if (asker.next >= announced_universes && asker.repeats > 0) {
-      --asker.repeats;
+    if (asker.next >= announced_universes && asker.again) {
+      asker.again = false;
       asker.next = 0;
     }
     if (asker.next < announced_universes) pending.push_back(asker);
@@ -275,19 +293,19 @@ private:
     std::string address;
     int port;
     int next;
-    int repeats;
+    bool again;
   };
 
   void take_poll(const std::string& address, int port) {
     for (Asker& asker : pending) {
       if (asker.address == address && asker.port == port) {
-        ++asker.repeats;
+        asker.again = true;
         return;
       }
     }
     if (pending.size() >= 256) return;
-    pending.push_front({address, port, 0, 0});
-    send_replies(64);
+    pending.push_front({address, port, 0, false});
+    take_turn(64);
   }
 
   static bool off_or(int value, int highest) { return value == -1 || (value >= 1 && value <= highest); }
@@ -460,6 +478,10 @@ private:
   int announced_universes;
   DatagramModel packets;
   std::deque<Asker> pending;
+  std::string last_address;  // whom the last reply went to
+  int last_port = 0;
+  bool no_room = false;  // since the time below; nothing was sent to an asker since
+  std::int64_t no_room_since = 0;
   std::int64_t last_time = 0;
 
 public:

@@ -6,7 +6,7 @@ import threading
 
 import pytest
 from harness import DEADLINE, WARNING, Recording
-from harness.artnet import art_dmx, art_poll, art_poll_reply, slots
+from harness.artnet import art_dmx, art_poll, art_poll_reply, relay, slots
 from texts import BANNER, LISTEN_STARTING, device_ip, unparsed
 
 HARDWARE_ADDRESS = "02:4b:61:64:72:65"
@@ -47,11 +47,18 @@ def replies(count):
 # What a cable carries, as seen by the appliance; replies wait for it in the socket's send buffer.
 LINK = "tbf rate 60mbit burst 32kb limit 4mb"
 
+# One that carries next to nothing while a test does its work.
+NARROW_LINK = "tbf rate 5mbit burst 2kb limit 4mb"
+
 # An ordinary user's sockets cannot queue an answer of thousands of replies; behind a slow link they need not.
 SLOW_FOR_MANY = os.geteuid() != 0
 
 # The service stays on one processor: the kernel keeps packets in order that one processor sends.
 ONE_PROCESSOR = ("taskset", "--cpu-list", str(max(os.sched_getaffinity(0))))
+
+
+def throttle(world, link=NARROW_LINK):
+    world.namespaces.run(["tc", "qdisc", "add", "dev", "eth0", "root", *link.split()])
 
 
 @pytest.fixture
@@ -62,7 +69,7 @@ def announcing(make_world):
         world = make_world(brand=brand or BRAND)
         world.namespaces.ip("appliance", f"link set eth0 address {HARDWARE_ADDRESS}")
         if slow:
-            world.namespaces.run(["tc", "qdisc", "add", "dev", "eth0", "root", *LINK.split()])
+            throttle(world, LINK)
         return world.start(environment={"KADREL_UNIVERSE_COUNT": count, "KADREL_LOG_LEVEL": level}, prefix=ONE_PROCESSOR)
 
     return start
@@ -253,10 +260,23 @@ def test_every_artpoll_of_a_datagram_is_answered(announcing):
 
 
 def test_every_artpoll_of_an_asker_is_answered_anew(announcing):
-    service = announcing(70)
+    service = announcing(60)
     for _ in range(5):
         service.world.console.send(art_poll())
-    assert Drain(service.world.console, 350).payloads() == replies(70) * 5
+    assert Drain(service.world.console, 300).payloads() == replies(60) * 5
+
+
+def test_artpolls_that_come_during_an_answer_are_answered_once_more(announcing):
+    """A console that asks ten times a second must not be answered for a minute after it has gone."""
+    service = announcing(1000, slow=SLOW_FOR_MANY)
+    asker = service.world.console_host.endpoint()
+    # All polls wait when the service goes on, so that the others come in the middle of the first answer.
+    service.send_signal(signal.SIGSTOP)
+    asker.send(*[art_poll()] * 100)
+    service.send_signal(signal.SIGCONT)
+    got = [asker.receive().data for _ in range(2000)]
+    assert in_order(got) == in_order(replies(1000) * 2)
+    assert_silent(service, asker)
 
 
 # Who gets the answer
@@ -319,13 +339,12 @@ def test_two_askers_of_thousands_of_universes_both_get_the_whole_answer(announci
 
 
 def test_every_poll_of_a_flood_is_answered_whole_and_in_order(announcing):
-    service = announcing(100, slow=SLOW_FOR_MANY)
+    service = announcing(60, slow=SLOW_FOR_MANY)
     asker = service.world.console_host.endpoint()
+    drain = Drain(asker, 400 * 60)
     service.feed([art_poll()] * 400, asker)
-    got = [asker.receive().data for _ in range(400 * 100)]
-    service.settle()
-    assert not asker.waiting()
-    assert in_order(got) == in_order(replies(100) * 400)
+    assert in_order(drain.payloads()) == in_order(replies(60) * 400)
+    assert_silent(service, asker)
 
 
 def test_a_long_answer_does_not_keep_another_asker_waiting(announcing):
@@ -365,6 +384,54 @@ def test_an_asker_that_is_gone_or_cannot_be_reached_harms_nobody(announcing):
     far.endpoint(6454, "192.168.50.1").send(art_poll())
     assert ask(world.console, 300) == replies(300)
     service.settle()
+    assert world.log.entries(lines) == []
+
+
+def test_an_asker_that_cannot_be_reached_does_not_keep_others_from_their_answers(announcing):
+    """The kernel keeps what is sent to it for seconds, in the service's send buffer."""
+    service = announcing(4000, slow=SLOW_FOR_MANY)
+    world = service.world
+    mute = world.network.peer("mute", "10.77.0.30")
+    asker, other, capture = mute.endpoint(), world.console_host.endpoint(), mute.capture()
+    world.namespaces.ip("mute", "link set eth0 arp off")
+    asker.send(art_poll())
+    service.settle()
+    other.send(art_poll())
+    assert in_order([other.receive().data for _ in range(4000)]) == in_order(replies(4000))
+    assert not [datagram for datagram in capture.datagrams() if len(datagram.data) == 239]
+
+
+def test_the_257th_asker_gets_no_answer_and_one_line_tells(announcing):
+    service = announcing(1000)
+    throttle(service.world)
+    host = service.world.network.peer("desks", [f"10.77.1.{number}" for number in range(1, 28)])
+    askers = [endpoint for _ in range(10) for endpoint in host.endpoints(0)]
+    lines = service.world.log.mark()
+    for asker in askers:
+        service.feed([art_poll()], asker)
+    assert [endpoint.waiting() for endpoint in askers[256:]] == [[]] * 14
+    assert service.world.log.entries(lines) == [
+        (WARNING, "[Dump::process_art_poll] Too many askers wait for replies, others get none (limit:256)")
+    ]
+
+
+# Beside what is relayed
+
+
+@pytest.mark.parametrize("count", [1024, 16384])
+def test_an_answer_leaves_room_for_every_relayed_datagram(announcing, count):
+    service = announcing(count)
+    world = service.world
+    throttle(world)
+    asker, player = world.console_host.endpoint(), world.console_host.endpoint()
+    lines = world.log.mark()
+    asker.send(art_poll())
+    # So many are on their way that the others wait for the cable.
+    for _ in range(100):
+        asker.receive()
+    frame = [art_dmx(universe, bytes(512)) for universe in range(100)]
+    world.appliance_process.send(*(relay(packet, player.address, player.port, world.manufacturer) for packet in frame))
+    assert [player.receive().data for _ in frame] == frame
     assert world.log.entries(lines) == []
 
 
@@ -431,13 +498,13 @@ def test_a_recording_goes_on_while_32768_replies_leave(announcing):
 
 
 def test_an_artpoll_is_never_recorded(announcing):
-    service = announcing(300)
+    service = announcing(60)
     path = service.world.path("cue")
     frames = [art_dmx(number, slots({1: number})) for number in range(10)]
     service.client.grab(path)
     for frame in frames:
         service.feed([frame])
         service.world.console.send(art_poll())
-    assert Drain(service.world.console, 3000).payloads() == replies(300) * 10
+    assert Drain(service.world.console, 600).payloads() == replies(60) * 10
     service.client.stop()
     assert Recording.read(path).datagrams == frames

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "src/Dump.h"
+#include "src/UdpReplySender.h"
 
 /// The service object without its threads, and its inside: a test or benchmark plays the receive thread and
 /// the polling thread itself, one step at a time, on the thread of its own.
@@ -40,8 +41,11 @@ public:
     receive(datagram.data(), datagram.size(), address, port, time);
   }
 
-  /// Sends at most @p limit of the due ArtPollReplies. @return ms after which to go on
-  int send_poll_replies(int limit) { return dump->send_poll_replies(limit); }
+  /// Sends at most @p limit of the due ArtPollReplies.
+  PollResponder::Wait send_poll_replies(int limit, std::int64_t now) {
+    UdpReplySender replies(*dump->socket);
+    return dump->responder.send_due(limit, now, replies);
+  }
 
   // Detection cycle, as the polling thread runs it without its pauses.
   void begin_detection_cycle() { dump->begin_detection_cycle(); }
@@ -83,7 +87,7 @@ public:
   const std::vector<ArtnetNode>& poll_new_nodes() const { return dump->poll_new_nodes; }
   const std::vector<ArtnetNode>& poll_missing_nodes() const { return dump->poll_missing_nodes; }
   const std::vector<ArtnetNode>& manual_nodes() const { return dump->manual_nodes; }
-  std::size_t pending_askers() const { return dump->pending_replies.size(); }
+  std::size_t pending_askers() const { return dump->responder.waiting(); }
 
 private:
   std::unique_ptr<Dump> dump;

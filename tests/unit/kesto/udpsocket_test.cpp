@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -38,8 +40,9 @@ namespace {
 /// The system as the socket sees it: which calls it made, and which of them a test lets fail.
 struct System {
   std::vector<std::string> calls;
-  std::map<std::string, std::deque<int>> errors;  // per function, the errno of its next calls; 0: go through
-  std::optional<int> select_result;               // what select() returns without waiting
+  std::map<std::string, std::deque<int>> errors;   // per function, the errno of its next calls; 0: go through
+  std::optional<int> select_result;                // what select() returns without waiting
+  std::optional<std::pair<int, int>> send_buffer;  // bytes in use and size that the system reports
   std::atomic<bool> selecting{false};
 };
 
@@ -70,6 +73,10 @@ int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
+int __real_getsockopt(int fd, int level, int name, void* value, socklen_t* length);
+int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* length);
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...);
 int __real_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout);
 ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
@@ -104,6 +111,24 @@ int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t 
                            std::to_string(*static_cast<const int*>(value)) + ' ' + std::to_string(length);
   if (fails("setsockopt", text)) return -1;
   return __real_setsockopt(fd, level, name, value, length);
+}
+
+int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* length) {
+  if (fails("getsockopt", std::to_string(level) + ' ' + std::to_string(name))) return -1;
+  if (!system_calls().send_buffer) return __real_getsockopt(fd, level, name, value, length);
+  *static_cast<int*>(value) = system_calls().send_buffer->second;
+  return 0;
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+  va_list args;
+  va_start(args, request);
+  int* const value = va_arg(args, int*);
+  va_end(args);
+  if (fails("ioctl", std::to_string(request))) return -1;
+  if (!system_calls().send_buffer) return __real_ioctl(fd, request, value);
+  *value = system_calls().send_buffer->first;
+  return 0;
 }
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout) {
@@ -237,6 +262,7 @@ protected:
     system_calls().calls.clear();
     system_calls().errors.clear();
     system_calls().select_result.reset();
+    system_calls().send_buffer.reset();
   }
 
   /// Binds the socket to a port that is free.
@@ -329,10 +355,10 @@ TEST_F(UdpSocketTest, QueriesBeforeCreationCreateNothing) {
 
 TEST_F(UdpSocketTest, InitializeMakesANonBlockingSocketWithBroadcastAndNothingElse) {
   EXPECT_TRUE(socket.initialize());
-  EXPECT_EQ(
-      system_calls().calls,
-      (Calls{"socket 2 2 0", "fcntl_get", "fcntl_set " + std::to_string(O_RDWR | O_NONBLOCK),
-             "setsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_BROADCAST) + " 1 4"}));
+  EXPECT_EQ(system_calls().calls,
+            (Calls{"socket 2 2 0", "fcntl_get", "fcntl_set " + std::to_string(O_RDWR | O_NONBLOCK),
+                   "setsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_BROADCAST) + " 1 4",
+                   "getsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_SNDBUF)}));
 }
 
 TEST_F(UdpSocketTest, InitializeDoesItsWorkOnce) {
@@ -355,8 +381,11 @@ TEST_F(UdpSocketTest, DestructionClosesTheSocket) {
 }
 
 TEST_F(UdpSocketTest, FailedStepOfInitializeIsReportedAndRetriedWithoutALeak) {
-  const std::vector<std::pair<std::string, int>> steps{
-      {"socket", EMFILE}, {"fcntl_get", EIO}, {"fcntl_set", EPERM}, {"setsockopt", ENOMEM}};
+  const std::vector<std::pair<std::string, int>> steps{{"socket", EMFILE},
+                                                       {"fcntl_get", EIO},
+                                                       {"fcntl_set", EPERM},
+                                                       {"setsockopt", ENOMEM},
+                                                       {"getsockopt", ENOMEM}};
   for (const auto& [function, error] : steps) {
     const int before = open_descriptors();
     {
@@ -742,6 +771,57 @@ TEST_F(UdpSocketTest, WriteIsNotRepeated) {
     EXPECT_EQ(errno, error);
   }
   EXPECT_EQ(system_calls().calls, Calls(3, "sendto 3 0"));
+}
+
+TEST_F(UdpSocketTest, TheSendBufferOfNoSocketIsEmpty) {
+  EXPECT_TRUE(const_socket.sendBufferIsBelow(1));
+  EXPECT_EQ(system_calls().calls, Calls{});
+}
+
+TEST_F(UdpSocketTest, TheSendBufferIsBelowAPartOfTheSizeThatTheSystemReports) {
+  struct Case {
+    int used;
+    int size;
+    int percent;
+    bool below;
+  };
+  for (const Case& c : {Case{0, 1000, 1, true}, Case{9, 1000, 1, true}, Case{10, 1000, 1, false},
+                        Case{499, 1000, 50, true}, Case{500, 1000, 50, false}, Case{999, 1000, 100, true},
+                        Case{1000, 1000, 100, false}, Case{1000, 1000, 12, false},
+                        Case{1073741822, 2147483647, 50, true}, Case{1073741823, 2147483647, 50, false}}) {
+    UdpSocket other;
+    system_calls().send_buffer = {c.used, c.size};
+    ASSERT_TRUE(other.initialize());
+    system_calls().calls.clear();
+    EXPECT_EQ(other.sendBufferIsBelow(c.percent), c.below) << c.used << ' ' << c.size << ' ' << c.percent;
+    EXPECT_EQ(system_calls().calls, (Calls{"ioctl " + std::to_string(SIOCOUTQ)}));
+  }
+}
+
+CHILD_SCENARIO(send_buffer) {
+  ASSERT_TRUE(unit::enter_private_network());
+  // Nobody answers for 10.9.0.2: what is sent there stays in the send buffer.
+  ASSERT_TRUE(
+      unit::shell("ip link add eth0 type veth peer name far && ip link set eth0 up && ip link set far up && "
+                  "ip addr add 10.9.0.1/24 dev eth0 && cd /proc/sys/net/ipv4/neigh/eth0 && "
+                  "echo 10000000 > unres_qlen_bytes && echo 100000000 > retrans_time_ms"));
+  UdpSocket socket;
+  const std::string reply(239, 'x');
+  const auto sent = [&] { return socket.writeDatagram(reply.data(), 239, "10.9.0.2", 6454) == 239; };
+  int first_half = 0;
+  while (socket.sendBufferIsBelow(50) && sent()) ++first_half;
+  int second_half = 0;
+  while (socket.sendBufferIsBelow(100) && sent()) ++second_half;
+  EXPECT_GT(first_half, 0);
+  EXPECT_NEAR(first_half, second_half, 1);
+  EXPECT_FALSE(sent());
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(UdpSocketTest, TheSendBufferIsFullWhenTheSystemRefusesADatagram) {
+  if (!network_is_private) GTEST_SKIP() << "needs a network of its own";
+  const unit::Outcome child = unit::run_child("send_buffer");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 CHILD_SCENARIO(broadcast) {

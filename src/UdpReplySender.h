@@ -1,0 +1,24 @@
+#pragma once
+
+#include "src/PollResponder.h"
+
+/// ArtPollReplies leave by the service's own socket, beside what the service relays.
+class UdpReplySender final : public ReplySender {
+public:
+  /// @param used  must outlive this object
+  explicit UdpReplySender(kesto::net::UdpSocket& used) : socket(used) {}
+
+  bool has_room() override { return socket.sendBufferIsBelow(kReplyPercent); }
+
+  void send(const ArtPollReply& reply, const kesto::net::HostAddress& address, int port) override {
+    socket.writeDatagram(reinterpret_cast<const char*>(&reply), sizeof reply, address, port);
+  }
+
+private:
+  // Part of the send buffer that replies may fill: two dozen of them. All the rest takes in a burst of
+  // relayed datagrams. At 20 Mbit/s a player with 95 universes lost one datagram in ten when this was 50, and
+  // replies took no less time.
+  static constexpr int kReplyPercent = 12;
+
+  kesto::net::UdpSocket& socket;
+};
