@@ -201,7 +201,7 @@ private:
     sigset_t asked;
     sigemptyset(&asked);
     sigaddset(&asked, SIGIO);
-    sigprocmask(SIG_BLOCK, &asked, nullptr);
+    pthread_sigmask(SIG_BLOCK, &asked, nullptr);
     const int fd = open(path.c_str(), O_RDONLY);
     if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0 && write(ready, "", 1) == 1) {
       int signal = 0;
