@@ -1,5 +1,6 @@
 """Fixtures for the tests of the running service."""
 
+import itertools
 import sys
 from pathlib import Path
 
@@ -13,6 +14,32 @@ from harness import EXECUTABLE, World  # noqa: E402  found through the path abov
 def pytest_configure():
     if not EXECUTABLE.exists():
         raise pytest.UsageError(f"{EXECUTABLE} is not built (KADREL_EXE names another)")
+
+
+# Files whose tests wait for detection cycles of three seconds rather than compute.
+WAITING = ("test_polling_shutdown", "test_node_detection", "test_node_intake", "test_real_peers")
+
+
+def pytest_collection_modifyitems(items):
+    """The tests that wait come early and spread among the others, so that others compute beside them and none is left over
+    at the end."""
+    waiting = [item for item in items if item.path.stem in WAITING]
+    computing = iter([item for item in items if item.path.stem not in WAITING])
+    items[:] = [one for item in waiting for one in (item, *itertools.islice(computing, 3))]
+    items.extend(computing)
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_xdist_make_scheduler(config, log):
+    """Tests are handed out singly: in the portions of dozens that xdist makes, one worker is left with minutes of waiting."""
+    from xdist.scheduler import LoadScheduling  # only there when the hook is called
+
+    class Singly(LoadScheduling):
+        def _send_tests(self, node, num):
+            # A worker begins a test when it knows the next.
+            super()._send_tests(node, min(num, 2 - len(self.node2pending[node])))
+
+    return Singly(config, log)
 
 
 @pytest.fixture

@@ -1,11 +1,15 @@
-"""The process that owns the namespaces of one test world.
+"""The processes that own the namespaces of test worlds, one for each world.
 
-It is started inside fresh mount and network namespaces (and a user namespace
-when the caller is not root) and makes there what the service expects of an
-appliance: a /dev with a /dev/log, an /opt with a place for the branding file.
-It then serves requests on a socket pair: new network namespaces, sockets made
-inside one of them, mounts. Every reply is one JSON object; descriptors
-travel beside it.
+The program itself is their parent: it only waits for the directories of new
+worlds and forks an agent for each, because starting the interpreter anew would
+take longer than everything else about a world.
+
+An agent enters fresh mount and network namespaces (and a user namespace when
+it is not root) and makes there what the service expects of an appliance: a
+/dev with a /dev/log, an /opt with a place for the branding file. It then
+serves requests on a socket pair: new network namespaces, sockets made inside
+one of them, mounts. Every reply is one JSON object; descriptors travel beside
+it.
 
 When the other end of the socket pair closes - the test has ended, failed,
 or its process is gone - the agent removes the world's directory and ends;
@@ -25,10 +29,13 @@ import struct
 import subprocess
 import sys
 
+CLONE_NEWNS = 0x00020000
+CLONE_NEWUSER = 0x10000000
 CLONE_NEWNET = 0x40000000
 MS_NOSUID = 2
 MS_BIND = 4096
 MS_REC = 16384
+MS_PRIVATE = 1 << 18
 MNT_DETACH = 2
 ETH_P_ALL = 3
 
@@ -297,18 +304,27 @@ class Agent:
                 os.close(descriptor)
 
 
-def main():
-    # The one who interrupts a test run means the tests; the agent goes when its caller does.
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, signal.SIG_IGN)
-    channel = socket.socket(fileno=int(sys.argv[1]))
-    directory = sys.argv[2]
+def enter_own_namespaces():
+    """Root stays root; an ordinary user becomes root of a user namespace."""
+    user, group = os.geteuid(), os.getegid()
+    if user != 0:
+        check(libc.unshare(CLONE_NEWUSER))
+        for name, text in (("setgroups", "deny"), ("uid_map", f"0 {user} 1"), ("gid_map", f"0 {group} 1")):
+            with open(f"/proc/self/{name}", "w", encoding="ascii") as file:
+                file.write(text)
+    check(libc.unshare(CLONE_NEWNS | CLONE_NEWNET))
+    mount("none", "/", flags=MS_REC | MS_PRIVATE)
+
+
+def serve_world(channel, directory):
+    """One world, from its first namespace to the removal of its directory. The first reply holds the agent's process id."""
     agent = Agent(directory)
     try:
+        enter_own_namespaces()
         agent.hold_network("appliance")
         private_dev(directory)
         private_opt(directory)
-        channel.send(b"{}")
+        channel.send(json.dumps({"pid": os.getpid()}).encode())
         agent.serve(channel)
     except (ConnectionError, BrokenPipeError):
         pass
@@ -318,6 +334,28 @@ def main():
         for path in ["/dev", "/opt", *staging, *agent.mounted]:
             libc.umount2(os.fsencode(path), MNT_DETACH)
         shutil.rmtree(directory, ignore_errors=True)
+
+
+def main():
+    """Forks an agent for every directory that arrives; the descriptor beside it is the agent's end of its socket pair."""
+    # The one who interrupts a test run means the tests; the agents go when their caller does.
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)
+    worlds = socket.socket(fileno=int(sys.argv[1]))
+    agents = set()
+    while True:
+        directory, descriptors, _, _ = socket.recv_fds(worlds, 4096, 1)
+        if not directory:
+            return
+        channel = socket.socket(fileno=descriptors[0])
+        agent = os.fork()
+        if agent == 0:
+            worlds.close()
+            serve_world(channel, os.fsdecode(directory))
+            return
+        channel.close()
+        agents.add(agent)
+        agents -= {one for one in agents if os.waitpid(one, os.WNOHANG)[0]}
 
 
 main()

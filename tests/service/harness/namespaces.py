@@ -1,10 +1,13 @@
 """The namespaces of one world, seen from the test process."""
 
+import atexit
 import json
 import os
+import select
 import socket
 import subprocess
 import sys
+import threading
 
 AGENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "agent.py")
 PYTHON = "/usr/bin/python3"
@@ -14,9 +17,41 @@ class AgentError(RuntimeError):
     pass
 
 
-def own_user_namespace():
-    """The options that give an ordinary user the rights of root in namespaces of his own."""
-    return [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+class _Agents:
+    """The parent of all agents of this test process; it ends with it."""
+
+    _instance = None
+
+    @classmethod
+    def instance(cls):
+        if cls._instance is None:
+            cls._instance = cls()
+        return cls._instance
+
+    def __init__(self):
+        self._lock = threading.Lock()
+        self._worlds, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        with theirs:
+            python = PYTHON if os.path.exists(PYTHON) else sys.executable
+            self._parent = subprocess.Popen(
+                [python, "-I", "-S", AGENT, str(theirs.fileno())],
+                pass_fds=[theirs.fileno()],
+                stdin=subprocess.DEVNULL,
+                # Out of the terminal's process group: an interrupt reaches the tests, which then close the world.
+                start_new_session=True,
+            )
+        atexit.register(self._end)
+
+    def _end(self):
+        self._worlds.close()
+        self._parent.wait()
+
+    def start(self, directory):
+        """A new agent: the socket pair's end that speaks with it."""
+        ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        with theirs, self._lock:
+            socket.send_fds(self._worlds, [os.fsencode(directory)], [theirs.fileno()])
+        return ours
 
 
 class Namespaces:
@@ -29,26 +64,19 @@ class Namespaces:
     def __init__(self, directory):
         self.directory = directory
         self._networks = {}
-        self._channel, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        with theirs:
-            python = PYTHON if os.path.exists(PYTHON) else sys.executable
-            self._agent = subprocess.Popen(
-                ["unshare", *own_user_namespace(), "--mount", "--net", "--", python, "-I", "-S", AGENT]
-                + [str(theirs.fileno()), directory],
-                pass_fds=[theirs.fileno()],
-                stdin=subprocess.DEVNULL,
-                # Out of the terminal's process group: an interrupt reaches the tests, which then close the world.
-                start_new_session=True,
-            )
-        if not self._channel.recv(100):
-            raise AgentError(f"the agent ended with {self._agent.wait()} before its namespaces stood")
+        self._channel = _Agents.instance().start(directory)
+        started = self._channel.recv(100)
+        if not started:
+            raise AgentError("the agent ended before its namespaces stood; standard error says why")
+        self._pid = json.loads(started)["pid"]
+        self._ended = os.pidfd_open(self._pid)
         _, (self._user, self._mounts) = self._ask("namespaces", descriptors=2)
         _, (self._networks["appliance"],) = self._ask("known_network", descriptors=1, name="appliance")
 
     @property
     def root(self):
         """The root directory of the mount namespace, as a path that this process can open."""
-        return f"/proc/{self._agent.pid}/root"
+        return f"/proc/{self._pid}/root"
 
     def _ask(self, operation, descriptors=0, **arguments):
         self._channel.send(json.dumps({"operation": operation, **arguments}).encode())
@@ -163,4 +191,6 @@ class Namespaces:
         self._channel.close()
         for descriptor in [self._user, self._mounts, *self._networks.values()]:
             os.close(descriptor)
-        self._agent.wait()
+        # It has removed the directory then.
+        select.select([self._ended], [], [])
+        os.close(self._ended)
