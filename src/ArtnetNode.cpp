@@ -1,22 +1,11 @@
 #include "src/ArtnetNode.h"
 
 #include <QDBusMetaType>
-#include <QHash>
 #include <tuple>
 
 bool operator<(const ArtnetNode& a, const ArtnetNode& b) {
   return std::tie(a.universe, a.ip, a.port, a.short_name, a.long_name) <
          std::tie(b.universe, b.ip, b.port, b.short_name, b.long_name);
-}
-
-std::size_t ArtnetNodeHash::operator()(const ArtnetNode& node) const {
-  QtPrivate::QHashCombine combine;
-  uint hash = 0;
-  hash = combine(hash, node.universe);
-  hash = combine(hash, node.port);
-  hash = combine(hash, node.ip);
-  hash = combine(hash, node.short_name);
-  return combine(hash, node.long_name);
 }
 
 QDBusArgument& operator<<(QDBusArgument& argument, const ArtnetNode& node) {

@@ -3,7 +3,6 @@
 #include <QDBusArgument>
 #include <QMetaType>
 #include <QString>
-#include <cstddef>
 #include <vector>
 
 /// One Art-Net node, found on the network or entered by hand. D-Bus structure (issisi), in field order.
@@ -26,11 +25,6 @@ struct ArtnetNode {
 
   /// By universe, address as text (10.0.0.10 before 10.0.0.2), port, short name, long name.
   friend bool operator<(const ArtnetNode& a, const ArtnetNode& b);
-};
-
-/// Hash that agrees with operator==.
-struct ArtnetNodeHash {
-  std::size_t operator()(const ArtnetNode& node) const;
 };
 
 Q_DECLARE_METATYPE(ArtnetNode)

@@ -31,19 +31,12 @@ Dump::Dump(qint32 announced, std::nullptr_t)
   device_mac = kesto::device::mac_address();
   broadcast_ip = kesto::device::broadcast_ip();
   wire_parser();
-  artpoll_request_done = true;
 }
 
 Dump::~Dump() {
   running = false;
-  {
-    // Wakes the polling thread, whatever it waits for.
-    const std::lock_guard<std::mutex> guard(artpoll_request_mutex);
-    artpoll_request_done = true;
-  }
-  artpoll_request_cv.notify_all();
+  node_detector.stop();
   if (listen_thread.joinable()) listen_thread.join();
-  if (poll_thread.joinable()) poll_thread.join();
 }
 
 void Dump::wire_parser() {
@@ -56,7 +49,7 @@ void Dump::wire_parser() {
     // What lies in the buffer from before has been answered: else one byte would bring dozens of answers.
     if (!parser.from_stale_bytes()) process_art_poll();
   };
-  parser.on_poll_reply = [this](ArtPollReply& reply) { process_art_poll_reply(reply); };
+  parser.on_poll_reply = [this](ArtPollReply& reply) { node_detector.process_art_poll_reply(reply); };
   parser.on_unknown = [this](ArtHeader&) {
     KESTO_LOG(6, "[Dump::ArtNetParser::on_unknown] Failed to parse unknown packet (%d)",
               static_cast<int>(parser.packet_count));
@@ -65,4 +58,57 @@ void Dump::wire_parser() {
     KESTO_LOG(-2, "[Dump::ArtNetParser::on_error] Failed to parse packet (%d, ec:%d)",
               static_cast<int>(parser.packet_count), ec.value());
   };
+}
+
+bool Dump::set_automatic_node_detection(bool enable) {
+  return node_detector.set_automatic_node_detection(enable);
+}
+
+bool Dump::request_node_detection() {
+  return node_detector.request_node_detection();
+}
+
+bool Dump::node_detection_request_pending() {
+  return node_detector.node_detection_request_pending();
+}
+
+bool Dump::start_polling_artnet_nodes() {
+  return node_detector.start_polling_artnet_nodes(broadcast_ip);
+}
+
+QString Dump::get_detected_nodes() {
+  return node_detector.get_detected_nodes();
+}
+
+bool Dump::remove_detected_nodes() {
+  const std::optional<QString> message = node_detector.remove_detected_nodes();
+  if (message) emit OnArtnetNodesUpdated(*message);
+  return message.has_value();
+}
+
+bool Dump::announce(const char* method, const std::optional<QString>& message) {
+  if (!message) return false;
+  KESTO_LOG(3, "[Dump::%s] Emitting OnArtnetNodesUpdated signal", method);
+  emit OnArtnetNodesUpdated(*message);
+  return true;
+}
+
+bool Dump::init_manual_nodes(const std::vector<ArtnetNode>& nodes) {
+  return announce("init_manual_nodes", manual_nodes.init(nodes));
+}
+
+bool Dump::add_manual_node(const ArtnetNode& node) {
+  return announce("add_manual_node", manual_nodes.add(node));
+}
+
+bool Dump::update_manual_node(const ArtnetNode& node) {
+  return announce("update_manual_node", manual_nodes.update(node));
+}
+
+bool Dump::remove_manual_node(int id) {
+  return announce("remove_manual_node", manual_nodes.remove(id));
+}
+
+void Dump::remove_all_manual_nodes() {
+  announce("remove_all_manual_nodes", manual_nodes.remove_all());
 }

@@ -5,10 +5,8 @@
 #include <QString>
 #include <atomic>
 #include <bitset>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -21,8 +19,10 @@
 #include "kesto/udpsocket.h"
 #include "src/ArtnetNode.h"
 #include "src/GrabSummary.h"
-#include "src/RecordingFile.h"
+#include "src/ManualNodes.h"
+#include "src/NodeDetector.h"
 #include "src/PollResponder.h"
+#include "src/RecordingFile.h"
 #include "src/SignalRelays.h"
 
 /// The service object: recorder, remote triggers, node detection and manual nodes behind one D-Bus interface.
@@ -97,7 +97,7 @@ private:
 
   // Receive thread.
   void listen_incoming_data(int port);
-  void serve_artpoll_request();
+  void send_artpoll(const ArtPollRequest& request);
   bool receive_datagram();
   void handle_datagram(const kesto::net::HostAddress& this_device_ip);
   void relay_datagram();
@@ -106,7 +106,6 @@ private:
   void record_datagram(std::string_view datagram);
   void process_art_poll();
   int send_replies(bool between_datagrams);  // ms after which to go on
-  void process_art_poll_reply(const ArtPollReply& reply);
   void process_artnet_trigger(const ArtTrigger& trigger);
   void process_artnet_trigger_dmx(const ArtDmx& dmx);
   void trigger_dmx_idle(const ArtDmx& dmx);
@@ -125,18 +124,7 @@ private:
   bool ctrl_record_enabled() const;
   static bool ctrl_action_with_step(int key);
 
-  // Receive thread, holding poll_mutex.
-  void take_in_node(const ArtnetNode& node);
-
-  // Polling thread. The two waits return false once the service is ending.
-  void poll_artnet_nodes();
-  bool run_detection_cycle(std::unique_lock<std::mutex>& request_lock, ArtnetNodesUpdatedObject& updates);
-  bool send_artpoll(std::unique_lock<std::mutex>& request_lock);
-  bool pause(std::unique_lock<std::mutex>& request_lock, std::chrono::milliseconds duration);
-  void begin_detection_cycle();
-  void evaluate_detection_cycle(ArtnetNodesUpdatedObject& updates);
-
-  std::vector<ArtnetNode>::iterator find_manual_node(qint32 id);
+  bool announce(const char* method, const std::optional<QString>& message);
 
   // Constant after construction.
   std::string device_ip_hex;  // own IPv4 address, 8 hexadecimal digits in the order of the dotted form
@@ -182,40 +170,15 @@ private:
   qint32 ctrl_record_channel = -1;    // 1..512
   qint32 ctrl_record_threshold = -1;  // 1..255
 
-  // Flags of node detection: set by D-Bus methods, read and cleared by the polling thread.
-  std::atomic<bool> automatic_detection{true};
-  std::atomic<bool> detection_requested{false};
-  std::atomic<bool> detection_in_progress{false};
+  NodeDetector node_detector{[this](ArtnetNodesUpdatedObject& updates) {
+    connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, this, &Dump::OnArtnetNodesUpdated);
+  }};
 
   // Main thread only.
   std::optional<QDBusConnection> bus;
   bool bus_asked = false;           // an answer is due
   qint32 triggers_handed_over = 0;  // to the bus, since it was asked last
-  std::thread poll_thread;
-
-  // Lock order: artpoll_request_mutex, poll_mutex, detected_mutex.
-  std::mutex poll_mutex;
-  std::mutex detected_mutex;
-  std::atomic<bool> nodes_changed{false};  // the current cycle met a node that the previous list did not hold
-  std::vector<ArtnetNode> detected_nodes;  // sorted; written with both mutexes held, read with either
-
-  // Guarded by poll_mutex: the current cycle.
-  std::vector<ArtnetNode> poll_seen_nodes;     // in the previous list, answered again
-  std::vector<ArtnetNode> poll_new_nodes;      // not in the previous list
-  std::vector<ArtnetNode> poll_missing_nodes;  // in the previous list, no answer yet; sorted as that list is
-  std::unordered_set<ArtnetNode, ArtnetNodeHash> poll_answered;  // what the first two lists hold
-
-  // Main thread only.
-  std::vector<ArtnetNode> manual_nodes;  // in order of insertion
-
-  // The ArtPoll that the polling thread asks the receive thread to send. Guarded by artpoll_request_mutex,
-  // which the polling thread lets go only while it waits.
-  char artpoll_request_address[16] = {};  // zero-terminated
-  qint32 artpoll_request_port = 0;
-  ArtPoll artpoll_request_packet{};
-  std::atomic<bool> artpoll_request_done{true};  // false while a request waits
-  std::mutex artpoll_request_mutex;
-  std::condition_variable artpoll_request_cv;
+  ManualNodes manual_nodes;
 
   // Receive thread only.
   std::string_view current_datagram;  // the current one, in the memory of the socket

@@ -47,7 +47,7 @@ void Dump::listen_incoming_data(int port) {
   bool waited = false;
   int fruitless_waits = 0;
   while (running) {
-    if (!artpoll_request_done) serve_artpoll_request();
+    if (const auto request = node_detector.take_request()) send_artpoll(*request);
     int wait_ms = kWaitMs;
     if (responder.waiting() > 0) wait_ms = send_replies(ready);
     // Behind a wait the kernel is asked; afterwards only what it gave, for the next wait asks it anyway.
@@ -74,25 +74,13 @@ void Dump::listen_incoming_data(int port) {
   KESTO_LOG(3, "[Dump::listen_incoming_data] Finished");
 }
 
-void Dump::serve_artpoll_request() {
-  std::string address;
-  qint32 port = 0;
-  ArtPoll poll{};
-  {
-    // The flag is raised under the mutex: raised before, the poller could see it early and keep the mutex for
-    // the rest of its cycle, and this thread would wait for it here.
-    const std::lock_guard<std::mutex> guard(artpoll_request_mutex);
-    address = static_cast<const char*>(artpoll_request_address);
-    port = artpoll_request_port;
-    poll = artpoll_request_packet;
-    artpoll_request_done = true;
-  }
-  artpoll_request_cv.notify_one();
-  if (!is_allowed_destination(address, port)) return;
-  if (socket->writeDatagram(reinterpret_cast<const char*>(&poll), sizeof poll, address, port) == -1) {
+void Dump::send_artpoll(const ArtPollRequest& request) {
+  if (!is_allowed_destination(request.address, request.port)) return;
+  if (socket->writeDatagram(reinterpret_cast<const char*>(&request.packet), sizeof request.packet,
+                            request.address, request.port) == -1) {
     const int error = errno;
-    KESTO_LOG(-2, "Failed to send artpoll datagram (ip:%s, port:%d) due to %s. errno %d", address.c_str(),
-              port, error_text(error).c_str(), error);
+    KESTO_LOG(-2, "Failed to send artpoll datagram (ip:%s, port:%d) due to %s. errno %d",
+              request.address.c_str(), request.port, error_text(error).c_str(), error);
   }
 }
 

@@ -6,6 +6,21 @@ QString entry(const QString& format, const ArtnetNode& node) {
   return format.arg(QString::number(node.universe), node.ip, QString::number(node.port));
 }
 
+const ArtnetNode& record_of(const ArtnetNode& node) {
+  return node;
+}
+
+ArtnetNode record_of(const DetectedNode& node) {
+  return node.record();
+}
+
+template <typename Node>
+QString entries(QString (*entry_of)(const ArtnetNode&), const std::vector<Node>& nodes) {
+  QString message;
+  for (const Node& node : nodes) message += entry_of(record_of(node)) + QLatin1Char(';');
+  return message;
+}
+
 }  // namespace
 
 QString appeared_entry(const ArtnetNode& node) {
@@ -17,24 +32,29 @@ QString vanished_entry(const ArtnetNode& node) {
 }
 
 QString appeared_entries(const std::vector<ArtnetNode>& nodes) {
-  QString message;
-  for (const ArtnetNode& node : nodes) message += appeared_entry(node) + QLatin1Char(';');
-  return message;
+  return entries(&appeared_entry, nodes);
+}
+
+QString appeared_entries(const DetectedNodes& nodes) {
+  return entries(&appeared_entry, nodes);
 }
 
 QString vanished_entries(const std::vector<ArtnetNode>& nodes) {
-  QString message;
-  for (const ArtnetNode& node : nodes) message += vanished_entry(node) + QLatin1Char(';');
-  return message;
+  return entries(&vanished_entry, nodes);
+}
+
+QString vanished_entries(const DetectedNodes& nodes) {
+  return entries(&vanished_entry, nodes);
 }
 
 QString changed_entry(const ArtnetNode& before, const ArtnetNode& after) {
   return vanished_entry(before) + QLatin1Char(';') + appeared_entry(after);
 }
 
-QString nodes_json(const std::vector<ArtnetNode>& nodes) {
+QString nodes_json(const DetectedNodes& nodes) {
   QString json = QStringLiteral("{ \"nodes\":[");
-  for (const ArtnetNode& node : nodes) {
+  for (const DetectedNode& each : nodes) {
+    const ArtnetNode node = each.record();
     if (json.endsWith(QLatin1Char('}'))) json += QLatin1Char(',');
     json +=
         QStringLiteral(R"({ "short_name": "%1", "long_name": "%2", "universe": %3, "ip": "%4", "port": %5 })")
@@ -43,25 +63,4 @@ QString nodes_json(const std::vector<ArtnetNode>& nodes) {
   }
   json += QStringLiteral("]}");
   return json;
-}
-
-bool is_accepted_port(const ArtPollReply& reply, int index) {
-  const unsigned type = reply.port_types[index];
-  const unsigned protocol = type & 0x3FU;
-  return (type & 0x80U) != 0 && (protocol == 0 || protocol == 5);
-}
-
-ArtnetNode node_of_reply(const ArtPollReply& reply, int index) {
-  ArtnetNode node{};
-  node.id = -1;
-  node.short_name = QString::fromLatin1(reply.short_name);
-  node.long_name = QString::fromLatin1(reply.long_name);
-  const unsigned sub_net = (static_cast<unsigned>(reply.sub_switch) << 4U) & 0xFFU;
-  node.universe = static_cast<qint32>((static_cast<unsigned>(reply.net_switch) << 8U) | sub_net |
-                                      (reply.sw_out[index] & 0x0FU));
-  node.ip = QStringLiteral("%1.%2.%3.%4")
-                .arg(QString::number(reply.ip[0]), QString::number(reply.ip[1]), QString::number(reply.ip[2]),
-                     QString::number(reply.ip[3]));
-  node.port = reply.port;
-  return node;
 }

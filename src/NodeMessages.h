@@ -1,11 +1,10 @@
 #pragma once
 
 #include <QString>
-#include <optional>
 #include <vector>
 
-#include "artnet/ArtNet.h"
 #include "src/ArtnetNode.h"
+#include "src/DetectedNode.h"
 
 /// Texts about nodes. A node-update message is made of entries "1:universe:ip:port" (a node appeared) and
 /// "0:universe:ip:port" (a node went away); what stands between entries depends on the operation.
@@ -16,16 +15,12 @@ QString vanished_entry(const ArtnetNode& node);
 
 /// One entry per node in list order, each followed by ";"; empty for an empty list.
 QString appeared_entries(const std::vector<ArtnetNode>& nodes);
+QString appeared_entries(const DetectedNodes& nodes);
 QString vanished_entries(const std::vector<ArtnetNode>& nodes);
+QString vanished_entries(const DetectedNodes& nodes);
 
 /// Old state, ";", new state.
 QString changed_entry(const ArtnetNode& before, const ArtnetNode& after);
 
 /// JSON text of a node list. Names stand in it as they are, without any escaping.
-QString nodes_json(const std::vector<ArtnetNode>& nodes);
-
-/// Whether port @p index (0..3) of a reply outputs DMX512 or Art-Net data from the network.
-bool is_accepted_port(const ArtPollReply& reply, int index);
-
-/// Record of port @p index (0..3) of a received reply; its names are Latin-1 on the wire.
-ArtnetNode node_of_reply(const ArtPollReply& reply, int index);
+QString nodes_json(const DetectedNodes& nodes);

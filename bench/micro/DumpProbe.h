@@ -22,10 +22,10 @@ public:
     dump->handle_datagram(own);
   }
 
-  void begin_detection_cycle() { dump->begin_detection_cycle(); }
+  void begin_detection_cycle() { dump->node_detector.begin_detection_cycle(); }
   void evaluate_detection_cycle() {
     ArtnetNodesUpdatedObject updates;
-    dump->evaluate_detection_cycle(updates);
+    dump->node_detector.evaluate_detection_cycle(updates);
   }
 
 private:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -51,6 +52,15 @@ inline Datagram art_poll_reply(int number) {
   std::strncpy(reply.short_name, name.c_str(), sizeof reply.short_name - 1);
   std::strncpy(reply.long_name, name.c_str(), sizeof reply.long_name - 1);
   return datagram_of(reply, OpPollReply);
+}
+
+/// The same for nodes at one address whose long names, up to number 32767, have one value in every hash that
+/// multiplies by 31 ("Aa" and "BB" have): what a forger would send.
+inline Datagram colliding_reply(int number) {
+  Datagram reply = art_poll_reply(0);
+  char* const name = &reply[offsetof(ArtPollReply, long_name)];
+  for (int bit = 0; bit < 15; ++bit) std::memcpy(name + 2 * bit, (number >> bit & 1) != 0 ? "BB" : "Aa", 2);
+  return reply;
 }
 
 }  // namespace micro

@@ -32,13 +32,18 @@ void ignore(benchmark::State& state) {
   for (auto step : state) probe.receive(datagram, ++time);
 }
 
-/// A reply of a node that the current cycle has met already, among @p known nodes.
-void intake(benchmark::State& state, int known) {
-  DumpProbe probe;
+std::vector<micro::Datagram> replies_of(int nodes, micro::Datagram (*reply)(int)) {
   std::vector<micro::Datagram> replies;
-  for (int i = 0; i < known; ++i) replies.push_back(micro::art_poll_reply(i));
+  for (int i = 0; i < nodes; ++i) replies.push_back(reply(i));
+  return replies;
+}
+
+/// A reply of a node that the current cycle has met already, among @p known nodes.
+void intake(benchmark::State& state, int known, micro::Datagram (*reply)(int)) {
+  DumpProbe probe;
+  const auto replies = replies_of(known, reply);
   probe.begin_detection_cycle();
-  for (const auto& reply : replies) probe.receive(reply, 1);
+  for (const auto& datagram : replies) probe.receive(datagram, 1);
   std::size_t next = 0;
   for (auto step : state) {
     probe.receive(replies[next], 1);
@@ -47,13 +52,12 @@ void intake(benchmark::State& state, int known) {
 }
 
 /// A whole cycle: all nodes of the cycle before answer once.
-void cycle(benchmark::State& state, int known) {
+void cycle(benchmark::State& state, int known, micro::Datagram (*reply)(int)) {
   DumpProbe probe;
-  std::vector<micro::Datagram> replies;
-  for (int i = 0; i < known; ++i) replies.push_back(micro::art_poll_reply(i));
+  const auto replies = replies_of(known, reply);
   const auto run = [&] {
     probe.begin_detection_cycle();
-    for (const auto& reply : replies) probe.receive(reply, 1);
+    for (const auto& datagram : replies) probe.receive(datagram, 1);
     probe.evaluate_detection_cycle();
   };
   run();
@@ -104,9 +108,13 @@ void register_service() {
   add("service/record_1_universe", [](auto& state) { record(state, 1); });
   add("service/record_4096_universes", [](auto& state) { record(state, 4096); });
   add("service/ArtDmx_when_off", ignore);
-  add("service/node_intake_1_known", [](auto& state) { intake(state, 1); });
-  add("service/node_intake_1200_known", [](auto& state) { intake(state, 1200); });
-  add("service/detection_cycle_1200_nodes", [](auto& state) { cycle(state, 1200); });
+  add("service/node_intake_1_known", [](auto& state) { intake(state, 1, micro::art_poll_reply); });
+  add("service/node_intake_1200_known", [](auto& state) { intake(state, 1200, micro::art_poll_reply); });
+  add("service/node_intake_32768_known", [](auto& state) { intake(state, 32768, micro::art_poll_reply); });
+  add("service/node_intake_32768_names_that_collide",
+      [](auto& state) { intake(state, 32768, micro::colliding_reply); });
+  add("service/detection_cycle_1200_nodes", [](auto& state) { cycle(state, 1200, micro::art_poll_reply); });
+  add("service/detection_cycle_32768_nodes", [](auto& state) { cycle(state, 32768, micro::art_poll_reply); });
   add("service/poll_reply", build_reply);
   add("service/grab_report_32768_universes", report);
   add("service/stop_32768_universes", finalize);

@@ -461,10 +461,11 @@ private:
     REQUIRE(std::all_of(model.manual_nodes.begin(), model.manual_nodes.end(),
                         [](const NodeModel& node) { return node.id >= 0; }));
     REQUIRE(same_list(probe.poll_new_nodes(), model.fresh));
-    REQUIRE(same_list(probe.poll_seen_nodes(), model.seen));
+    REQUIRE(same_content(probe.poll_seen_nodes(), model.seen));
     REQUIRE(same_content(probe.poll_missing_nodes(), model.missing));
-    REQUIRE(same_content(probe.detected_nodes(), model.detected));
-    REQUIRE(std::is_sorted(probe.detected_nodes().begin(), probe.detected_nodes().end()));
+    const std::vector<ArtnetNode> detected = probe.detected_nodes();
+    REQUIRE(same_content(detected, model.detected));
+    REQUIRE(std::is_sorted(detected.begin(), detected.end()));
     REQUIRE(probe.automatic_detection() == model.automatic);
     REQUIRE(probe.detection_requested() == model.requested);
     REQUIRE(probe.nodes_changed() == model.changed);

@@ -425,7 +425,7 @@ private:
       missing.erase(found);
       return;
     }
-    if (fresh.size() >= 32768) return;
+    if (missing.size() + seen.size() + fresh.size() >= 32768) return;
     fresh.push_back(node);
     changed = true;
   }

@@ -48,17 +48,15 @@ public:
   }
 
   // Detection cycle, as the polling thread runs it without its pauses.
-  void begin_detection_cycle() { dump->begin_detection_cycle(); }
+  void begin_detection_cycle() { detector().begin_detection_cycle(); }
   void evaluate_detection_cycle() {
     ArtnetNodesUpdatedObject updates;
     QObject::connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, dump.get(),
                      &Dump::OnArtnetNodesUpdated);
-    dump->evaluate_detection_cycle(updates);
+    detector().evaluate_detection_cycle(updates);
   }
   /// The polling thread has seen the request of a client.
-  void mark_detection_in_progress() {
-    if (dump->detection_requested) dump->detection_in_progress = true;
-  }
+  void mark_detection_in_progress() { detector().cycle_due(); }
 
   // State.
   int grab_state() const { return dump->grab_state; }
@@ -79,17 +77,27 @@ public:
   int ctrl_record_channel() const { return dump->ctrl_record_channel; }
   int ctrl_record_threshold() const { return dump->ctrl_record_threshold; }
 
-  bool automatic_detection() const { return dump->automatic_detection; }
-  bool detection_requested() const { return dump->detection_requested; }
-  bool nodes_changed() const { return dump->nodes_changed; }
-  const std::vector<ArtnetNode>& detected_nodes() const { return dump->detected_nodes; }
-  const std::vector<ArtnetNode>& poll_seen_nodes() const { return dump->poll_seen_nodes; }
-  const std::vector<ArtnetNode>& poll_new_nodes() const { return dump->poll_new_nodes; }
-  const std::vector<ArtnetNode>& poll_missing_nodes() const { return dump->poll_missing_nodes; }
-  const std::vector<ArtnetNode>& manual_nodes() const { return dump->manual_nodes; }
+  bool automatic_detection() const { return detector().automatic_detection; }
+  bool detection_requested() const { return detector().detection_requested; }
+  bool nodes_changed() const { return detector().cycle.nodes_changed(); }
+  std::vector<ArtnetNode> detected_nodes() const { return records(*detector().detected_nodes); }
+  std::vector<ArtnetNode> poll_seen_nodes() const { return records(detector().cycle.poll_seen_nodes()); }
+  std::vector<ArtnetNode> poll_new_nodes() const { return records(detector().cycle.poll_new_nodes()); }
+  std::vector<ArtnetNode> poll_missing_nodes() const {
+    return records(detector().cycle.poll_missing_nodes());
+  }
+  const std::vector<ArtnetNode>& manual_nodes() const { return dump->manual_nodes.nodes(); }
   std::size_t pending_askers() const { return dump->responder.waiting(); }
 
 private:
+  NodeDetector& detector() const { return dump->node_detector; }
+
+  static std::vector<ArtnetNode> records(const DetectedNodes& nodes) {
+    std::vector<ArtnetNode> records;
+    for (const DetectedNode& node : nodes) records.push_back(node.record());
+    return records;
+  }
+
   std::unique_ptr<Dump> dump;
   std::string own;
   std::vector<char> held;  // the datagram that is being handled

@@ -44,8 +44,8 @@ TEST(NodeEntries, OfAListEachEndWithASemicolon) {
 }
 
 TEST(NodeEntries, OfAnEmptyListAreAnEmptyText) {
-  EXPECT_EQ(utf8(appeared_entries({})), "");
-  EXPECT_EQ(utf8(vanished_entries({})), "");
+  EXPECT_EQ(utf8(appeared_entries(std::vector<ArtnetNode>())), "");
+  EXPECT_EQ(utf8(vanished_entries(std::vector<ArtnetNode>())), "");
 }
 
 TEST(NodeEntries, OfAChangeHaveTheOldStateFirst) {
@@ -54,88 +54,47 @@ TEST(NodeEntries, OfAChangeHaveTheOldStateFirst) {
   EXPECT_EQ(utf8(changed_entry(node(5, "a", 1), node(5, "a", 1))), "0:5:a:1;1:5:a:1");
 }
 
+DetectedNode detected(const std::string& short_name, const std::string& long_name, unsigned universe,
+                      std::uint8_t ip, std::uint16_t port) {
+  ArtPollReply reply{};
+  memcpy(reply.short_name, short_name.data(), short_name.size());
+  memcpy(reply.long_name, long_name.data(), long_name.size());
+  reply.net_switch = static_cast<std::uint8_t>(universe >> 8U);
+  reply.sub_switch = static_cast<std::uint8_t>(universe >> 4U & 15U);
+  reply.sw_out[0] = static_cast<std::uint8_t>(universe & 15U);
+  reply.ip[0] = 10;
+  reply.ip[3] = ip;
+  reply.port = port;
+  return {reply, 0};
+}
+
+TEST(NodeEntries, OfDetectedNodesAreTheSame) {
+  const DetectedNodes nodes{detected("a", "A", 2, 2, 6454), detected("b", "B", 0x7FFF, 1, 65535)};
+  EXPECT_EQ(utf8(appeared_entries(nodes)), "1:2:10.0.0.2:6454;1:32767:10.0.0.1:65535;");
+  EXPECT_EQ(utf8(vanished_entries(nodes)), "0:2:10.0.0.2:6454;0:32767:10.0.0.1:65535;");
+  EXPECT_EQ(utf8(appeared_entries(DetectedNodes())), "");
+}
+
 TEST(NodesJson, OfAnEmptyListIsItsFrame) {
   EXPECT_EQ(utf8(nodes_json({})), "{ \"nodes\":[]}");
 }
 
 TEST(NodesJson, ListsTheNodesInOrder) {
   EXPECT_EQ(
-      utf8(nodes_json({node(3, "10.0.0.2", 6454, "one", "Node one")})),
+      utf8(nodes_json({detected("one", "Node one", 3, 2, 6454)})),
       R"({ "nodes":[{ "short_name": "one", "long_name": "Node one", "universe": 3, "ip": "10.0.0.2", "port": 6454 }]})");
   EXPECT_EQ(
-      utf8(nodes_json({node(3, "b", 2, "x", "X"), node(-1, "a", -2, "y", "Y"), node(0, "c", 0, "", "")})),
-      R"({ "nodes":[{ "short_name": "x", "long_name": "X", "universe": 3, "ip": "b", "port": 2 },)"
-      R"({ "short_name": "y", "long_name": "Y", "universe": -1, "ip": "a", "port": -2 },)"
-      R"({ "short_name": "", "long_name": "", "universe": 0, "ip": "c", "port": 0 }]})");
+      utf8(nodes_json(
+          {detected("x", "X", 3, 2, 2), detected("y", "Y", 65535, 1, 65535), detected("", "", 0, 0, 0)})),
+      R"({ "nodes":[{ "short_name": "x", "long_name": "X", "universe": 3, "ip": "10.0.0.2", "port": 2 },)"
+      R"({ "short_name": "y", "long_name": "Y", "universe": 65535, "ip": "10.0.0.1", "port": 65535 },)"
+      R"({ "short_name": "", "long_name": "", "universe": 0, "ip": "10.0.0.0", "port": 0 }]})");
 }
 
 TEST(NodesJson, InsertsNamesAsTheyAre) {
-  EXPECT_EQ(utf8(nodes_json({node(1, "%5", 2, "\"%2\\\n", "%1%4 Ü \xF0\x9F\x8E\xAC")})),
-            "{ \"nodes\":[{ \"short_name\": \"\"%2\\\n\", \"long_name\": \"%1%4 Ü \xF0\x9F\x8E\xAC\", "
-            "\"universe\": 1, \"ip\": \"%5\", \"port\": 2 }]}");
-}
-
-TEST(AcceptedPort, OutputsDmx512OrArtNet) {
-  for (int index = 0; index < 4; ++index) {
-    for (unsigned type = 0; type < 256; ++type) {
-      ArtPollReply reply{};
-      reply.port_types[index] = static_cast<std::uint8_t>(type);
-      const bool expected = type == 0x80 || type == 0x85 || type == 0xC0 || type == 0xC5;
-      EXPECT_EQ(is_accepted_port(reply, index), expected) << type;
-    }
-  }
-}
-
-ArtPollReply reply_with_names(const char* short_name, const char* long_name) {
-  ArtPollReply reply{};
-  const std::uint8_t ip[4] = {10, 0, 255, 21};
-  memcpy(reply.ip, ip, sizeof ip);
-  reply.port = 6454;
-  strncpy(reply.short_name, short_name, sizeof reply.short_name - 1);
-  strncpy(reply.long_name, long_name, sizeof reply.long_name - 1);
-  return reply;
-}
-
-std::string fields(const ArtnetNode& n) {
-  return std::to_string(n.id) + '|' + utf8(n.short_name) + '|' + utf8(n.long_name) + '|' +
-         std::to_string(n.universe) + '|' + utf8(n.ip) + '|' + std::to_string(n.port);
-}
-
-TEST(NodeOfReply, TakesNamesAddressAndPort) {
-  EXPECT_EQ(fields(node_of_reply(reply_with_names("short", "long name"), 0)),
-            "-1|short|long name|0|10.0.255.21|6454");
-}
-
-TEST(NodeOfReply, ReadsNamesAsLatin1) {
-  EXPECT_EQ(fields(node_of_reply(reply_with_names("\xDC"
-                                                  "bung",
-                                                  "\xFF%1\""),
-                                 0)),
-            "-1|Übung|ÿ%1\"|0|10.0.255.21|6454");
-}
-
-TEST(NodeOfReply, TakesTheWholePortNumber) {
-  ArtPollReply reply = reply_with_names("", "");
-  reply.port = 65535;
-  EXPECT_EQ(fields(node_of_reply(reply, 0)), "-1|||0|10.0.255.21|65535");
-}
-
-TEST(NodeOfReply, ComposesTheUniverseFromTheSwitches) {
-  ArtPollReply reply = reply_with_names("", "");
-  reply.net_switch = 1;
-  reply.sub_switch = 2;
-  const std::uint8_t outputs[4] = {0x13, 0x00, 0xFF, 0x0A};
-  memcpy(reply.sw_out, outputs, sizeof outputs);
-  EXPECT_EQ(node_of_reply(reply, 0).universe, 0x123);
-  EXPECT_EQ(node_of_reply(reply, 1).universe, 0x120);
-  EXPECT_EQ(node_of_reply(reply, 2).universe, 0x12F);
-  EXPECT_EQ(node_of_reply(reply, 3).universe, 0x12A);
-  reply.net_switch = 0xFF;
-  reply.sub_switch = 0xFF;
-  EXPECT_EQ(node_of_reply(reply, 2).universe, 0xFFFF);
-  reply.net_switch = 0;
-  reply.sub_switch = 0x10;
-  EXPECT_EQ(node_of_reply(reply, 1).universe, 0);
+  EXPECT_EQ(utf8(nodes_json({detected("\"%2\\\n}", "%1%4 \xDC}", 1, 3, 2)})),
+            "{ \"nodes\":[{ \"short_name\": \"\"%2\\\n}\", \"long_name\": \"%1%4 Ü}\", "
+            "\"universe\": 1, \"ip\": \"10.0.0.3\", \"port\": 2 }]}");
 }
 
 }  // namespace

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QtGlobal>
+#include <vector>
+
+#include "artnet/ArtNet.h"
+#include "src/ArtnetNode.h"
+
+/// What an ArtPollReply says about one of its ports: the ArtnetNode of it (id -1) as plain bytes.
+///
+/// The bytes stand so that memcmp() orders them as operator< orders the ArtnetNodes: numbers high byte first,
+/// texts filled up with zero bytes. So a reply is looked up among thousands of nodes without a single
+/// allocation.
+class DetectedNode {
+public:
+  /// Port @p index (0..3) of a received reply.
+  DetectedNode(const ArtPollReply& reply, int index);
+
+  /// The next port of the same reply.
+  void set_port(const ArtPollReply& reply, int index);
+
+  qint32 universe() const { return universe_bytes[0] << 8 | universe_bytes[1]; }
+  const char* ip() const { return ip_text; }  // dotted decimal, at most 15 characters
+  qint32 port() const { return port_bytes[0] << 8 | port_bytes[1]; }
+  ArtnetNode record() const;
+
+  friend bool operator<(const DetectedNode& a, const DetectedNode& b);
+  friend bool operator==(const DetectedNode& a, const DetectedNode& b);
+
+private:
+  quint8 universe_bytes[2];
+  char ip_text[16] = {};
+  quint8 port_bytes[2];
+  char short_name[sizeof ArtPollReply::short_name] = {};  // Latin-1, zero-terminated as the long name is
+  char long_name[sizeof ArtPollReply::long_name] = {};
+};
+
+using DetectedNodes = std::vector<DetectedNode>;
+
+/// Whether port @p index (0..3) of a reply outputs DMX512 or Art-Net data from the network.
+bool is_accepted_port(const ArtPollReply& reply, int index);
