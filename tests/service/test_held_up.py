@@ -1,6 +1,7 @@
 """What could hold the service up from outside: a hanging log or bus, terminals, long copies, a strange parent, forgeries."""
 
 import contextlib
+import json
 import os
 import signal
 import socket
@@ -9,8 +10,9 @@ import threading
 
 import pytest
 from gi.repository import GLib
-from harness import SERVICE, Recording
-from harness.artnet import art_dmx, art_poll, art_poll_reply
+from harness import SERVICE, WARNING, Recording
+from harness.artnet import art_dmx, art_poll
+from harness.nodes import Detection, FakeNodes, node_reply
 from harness.service import EXECUTABLE
 from harness.waiting import spin_until
 from texts import BANNER, LISTEN_FINISHED, LISTEN_STARTING, device_ip
@@ -190,26 +192,53 @@ def test_a_hang_up_that_the_parent_ignores_is_ignored(world):
     assert world.log.entries()[3:] == [LISTEN_FINISHED]
 
 
-def test_forged_replies_cost_no_frame(service):
-    """More nodes than a cycle takes in; without a polling thread nothing ever clears the intake."""
-    path = service.world.path("cue")
-    forged = [
-        art_poll_reply(
-            ip=f"{10 + number // 62500}.{number // 250 % 250}.{number % 250}.1",
-            short_name=b"forged",
-            long_name=b"forged",
-            num_ports=4,
-            port_types=bytes([0x85] * 4),
-            sw_out=bytes([0, 1, 2, 3]),
-            oem=0x1111,
-            esta_man=0x2222,
-        )
-        for number in range(9000)
+# Nodes that a detection cycle knows at most.
+NODE_LIMIT = 32768
+TOO_MANY_NODES = (
+    WARNING,
+    f"[Dump::process_art_poll_reply] Too many artnet nodes, new ones are ignored (limit:{NODE_LIMIT})",
+)
+
+
+def collide(number):
+    """A long name: up to number 32767 all have one value in every hash that multiplies by 31, as "Aa" and "BB" have."""
+    return b"".join(b"BB" if number >> bit & 1 else b"Aa" for bit in range(15))
+
+
+@pytest.mark.parametrize("long_name", [lambda number: b"forged", collide], ids=["by address", "by names that collide"])
+def test_forged_replies_cost_no_frame(service, long_name):
+    """The same replies in each cycle, of four ports each, with more ports than a cycle takes in."""
+    world, client = service.world, service.client
+    path = world.path("cue")
+    addresses = [
+        "10.66.6.6" if long_name is collide else f"{10 + number // 62500}.{number // 250 % 250}.{number % 250}.1"
+        for number in range(NODE_LIMIT // 4 + 50)
     ]
-    service.client.grab(path)
-    service.feed(forged)
-    service.feed(MUSIC)
-    service.feed(forged[::-1])
-    service.feed(MUSIC)
-    service.client.stop()
-    assert Recording.read(path).datagrams == MUSIC * 2
+    forger = world.network.peer("forger", "10.77.0.66")
+    forged = [
+        ("10.77.0.66", node_reply(address, [0, 1, 2, 3], b"forged", long_name(number)))
+        for number, address in enumerate(addresses)
+    ]
+    lines = world.log.mark()
+    frames = []
+    client.grab(path)
+    with FakeNodes(service, forger, forged) as nodes:
+        detection = Detection(service)
+        detection.start()
+        for cycle in (1, 2):
+            while len(nodes.answered.items) < cycle:
+                frames += MUSIC
+                service.feed(MUSIC)
+            frames += MUSIC
+            service.feed(MUSIC)
+            assert detection.polls_waiting() == [], "the cycle was over before all replies were sent"
+            assert world.log.entries(lines).count(TOO_MANY_NODES) == cycle
+            detection.next_poll()
+            if cycle == 1:
+                announced = [f"1:{port}:{address}:6454;" for address in addresses for port in range(4)]
+                assert detection.messages() == ["".join(announced[:NODE_LIMIT])]
+            else:
+                assert detection.messages() == [], "every node of the cycle before was there again"
+            assert len(json.loads(client.get_detected_nodes())["nodes"]) == NODE_LIMIT
+    client.stop()
+    assert Recording.read(path).datagrams == frames

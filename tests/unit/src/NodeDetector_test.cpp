@@ -233,7 +233,7 @@ TEST_F(NodeDetectorTest, DiscardsACycleInWhichAutomaticDetectionIsSwitchedOff) {
   EXPECT_EQ(nodes(), R"({ "nodes":[)" + json(2, "10.0.0.8") + "]}");
 }
 
-TEST_F(NodeDetectorTest, FirstForgedReplyBeyondTheLimitLeavesKnownNodesInTheList) {
+TEST_F(NodeDetectorTest, SeesKnownNodesAgainWhenForgedRepliesHaveFilledTheList) {
   detector.start_polling_artnet_nodes("10.0.0.255");
   run_cycle({replies::of(7, {1})});
   await_cycle();
@@ -244,7 +244,8 @@ TEST_F(NodeDetectorTest, FirstForgedReplyBeyondTheLimitLeavesKnownNodesInTheList
   await_cycle();
   const Texts told = messages();
   ASSERT_EQ(told.size(), 1U);
-  EXPECT_EQ(told[0].find("0:"), std::string::npos) << "nobody is missing";
+  EXPECT_EQ(told[0].substr(0, 2), "1:");
+  EXPECT_EQ(told[0].find(";0:"), std::string::npos) << "nobody is missing";
   EXPECT_EQ(std::count(told[0].begin(), told[0].end(), ';'), NodeCycle::kLimit - 1);
 }
 
