@@ -3,7 +3,7 @@
 
 #include "artnet/ArtNetPackets.h"
 #include "kesto/logger.h"
-#include "src/CueFile.h"
+#include "src/CueCopy.h"
 #include "src/Dump.h"
 
 // The grabber: recordings, their summary, and copies of cues.

@@ -132,6 +132,10 @@ bool holds_line_counts(const char* path) {
   return size > 5 && std::strcmp(path + size - 5, ".gcda") == 0;
 }
 
+bool makes_unnamed_file(int flags) {
+  return (flags & O_TMPFILE) == O_TMPFILE;
+}
+
 }  // namespace
 
 // The function after us, and its line in the table.
@@ -263,10 +267,12 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 
 int open(const char* path, int flags, ...) {
   BEHIND(open);
+  static Fault* const unnamed = find_fault("tmpfile");
   va_list rest;
   va_start(rest, flags);
   const mode_t mode = va_arg(rest, mode_t);
   va_end(rest);
+  if (makes_unnamed_file(flags) && strikes(unnamed, File)) return -1;
   return !holds_line_counts(path) && strikes(fault, File) ? -1 : next(path, flags, mode);
 }
 
@@ -284,10 +290,12 @@ int fcntl(int fd, int command, ...) {
 int open64(const char* path, int flags, ...) {
   static const auto next = next_of<decltype(&open64)>("open64");
   static Fault* const fault = find_fault("open");
+  static Fault* const unnamed = find_fault("tmpfile");
   va_list rest;
   va_start(rest, flags);
   const mode_t mode = va_arg(rest, mode_t);
   va_end(rest);
+  if (makes_unnamed_file(flags) && strikes(unnamed, File)) return -1;
   return !holds_line_counts(path) && strikes(fault, File) ? -1 : next(path, flags, mode);
 }
 

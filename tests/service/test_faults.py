@@ -4,15 +4,20 @@ Whatever fails, the service goes on: it lives, answers on the bus, calls nothing
 again once the fault is over, and ends with 0 when it is told to.
 """
 
+import contextlib
 import errno
 import os
+import random
 import resource
 import select
 import signal
 import struct
+import threading
 from dataclasses import dataclass
+from pathlib import Path
 
 import pytest
+from gi.repository import GLib
 from harness import DEADLINE, ERROR, Recording, spin_until
 from harness.artnet import art_dmx, art_poll, art_trigger, relay
 from harness.bus import LazyClient
@@ -323,6 +328,53 @@ def test_a_recording_whose_writes_failed_for_a_while_is_whole_before_and_after(f
     assert found[:40] == frames[:40]
     assert found[-40:] == frames[160:]
     assert len(found) < len(frames)
+
+
+@pytest.fixture(params=["a_file_without_a_name", "a_hidden_name"])
+def long_copy(request, faulty, faults):
+    """A copy of several portions under way, the second of which takes as long as the test needs: (folder, cue, thread)."""
+    world = faulty.world
+    folder, cue = world.path("copies"), world.path("cue")
+    os.mkdir(folder)
+    Path(cue).write_bytes(random.Random(1).randbytes(5_000_000))
+    if request.param == "a_hidden_name":
+        faults.arm("tmpfile", errno.EOPNOTSUPP)
+    faults.arm("write", kind=FILE, skip=1, delay=LOOK)
+
+    def copy():
+        with contextlib.suppress(GLib.Error):  # a service that is killed does not answer
+            faulty.client.dup_cue(folder, cue)
+
+    thread = threading.Thread(target=copy)
+    thread.start()
+    spin_until(lambda: faults.struck("write") > 0, "the second portion")
+    yield folder, cue, thread
+    thread.join()
+
+
+def cues_in(folder):
+    return [os.path.join(folder, name) for name in os.listdir(folder) if not name.startswith(".")]
+
+
+def test_a_copy_appears_when_it_is_whole(faults, long_copy):
+    folder, cue, thread = long_copy
+    assert cues_in(folder) == []
+    faults.disarm("write")
+    found = []
+    while not found:
+        alive = thread.is_alive()
+        found = cues_in(folder)
+        assert found or alive
+    assert [Path(path).read_bytes() for path in found] == [Path(cue).read_bytes()]
+    thread.join()
+    assert len(os.listdir(folder)) == 1
+
+
+def test_a_copy_that_is_killed_is_no_cue(faulty, long_copy):
+    folder, _, thread = long_copy
+    faulty.kill()
+    thread.join()
+    assert cues_in(folder) == []
 
 
 def test_a_file_system_that_is_unmounted_under_a_recording(service):

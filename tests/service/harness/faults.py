@@ -14,7 +14,7 @@ SECOND = 1_000_000_000
 
 NAMES = (
     "bind close connect fchmod fcntl fstat ioctl nanosleep open pipe2 poll pthread_create read realtime recv "
-    "recvmmsg recvmsg select send sendmsg sendto setsockopt socket statx write writev"
+    "recvmmsg recvmsg select send sendmsg sendto setsockopt socket statx tmpfile write writev"
 ).split()
 _LINE = struct.Struct("=16siiqqqqq")
 _SETTINGS = struct.Struct("=ii")
