@@ -6,11 +6,6 @@
 
 // Life cycle of the service object and the wiring of its parser.
 
-Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
-  const EndSignalsBlocked blocked;
-  listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
-}
-
 namespace {
 
 /// What the appliance says of itself.
@@ -21,6 +16,11 @@ NodeIdentity identity_of_device() {
 }
 
 }  // namespace
+
+Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
+  const EndSignalsBlocked blocked;
+  listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
+}
 
 Dump::Dump(qint32 announced, std::nullptr_t)
     : latest_grab_summary(std::make_shared<const GrabSummary>()), responder(identity_of_device(), announced) {
@@ -45,9 +45,9 @@ void Dump::wire_parser() {
     if (!parser.from_stale_bytes()) holds_dmx = true;
     process_artnet_trigger_dmx(dmx);
   };
-  parser.on_poll = [this](ArtPoll&) {
+  parser.on_poll = [this](ArtPoll& poll) {
     // What lies in the buffer from before has been answered: else one byte would bring dozens of answers.
-    if (!parser.from_stale_bytes()) process_art_poll();
+    if (!parser.from_stale_bytes()) process_art_poll(poll);
   };
   parser.on_poll_reply = [this](ArtPollReply& reply) { node_detector.process_art_poll_reply(reply); };
   parser.on_unknown = [this](ArtHeader&) {

@@ -104,7 +104,7 @@ private:
   bool parse_datagram(std::string_view datagram);
   void process_datagram(std::string_view datagram);
   void record_datagram(std::string_view datagram);
-  void process_art_poll();
+  void process_art_poll(const ArtPoll& poll);
   int send_replies(bool between_datagrams);  // ms after which to go on
   void process_artnet_trigger(const ArtTrigger& trigger);
   void process_artnet_trigger_dmx(const ArtDmx& dmx);

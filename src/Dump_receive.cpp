@@ -112,7 +112,7 @@ void Dump::handle_datagram(const kesto::net::HostAddress& this_device_ip) {
   if (grab_state == StopPending) finalize_grabbing();
 }
 
-void Dump::process_art_poll() {
+void Dump::process_art_poll(const ArtPoll& /*poll*/) {
   UdpReplySender replies(*socket);
   if (responder.ask(sender_address, sender_port, replies) != PollResponder::Asked::FirstRefused) return;
   KESTO_LOG(-1, "[Dump::process_art_poll] Too many askers wait for replies, others get none (limit:%d)",
