@@ -16,8 +16,8 @@ namespace {
 
 constexpr int kWaitMs = 1000;
 
-// Wait while ArtPollReplies are due and have no room: a few of them leave by a slow link in this time, and
-// many would be late for nobody.
+// Wait while ArtPollReplies are due but have no room. Even a slow link sends a few datagrams in this time,
+// and the replies that have room keep a link of 40 Mbit/s busy for as long.
 constexpr int kNoRoomWaitMs = 1;
 
 // So many waits in a row may end without a datagram, be it that reading fails although the socket is readable

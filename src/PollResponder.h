@@ -43,7 +43,7 @@ public:
   /// asks.
   static constexpr std::size_t kAskers = 256;
 
-  /// So long a reply to a host that can be reached never stays in the send buffer, ns.
+  /// Replies to a host that can be reached leave the send buffer sooner than this, ns.
   static constexpr std::int64_t kUnreachable = 500'000'000;
 
   /// What became of an ArtPoll.

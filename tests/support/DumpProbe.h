@@ -20,6 +20,7 @@ public:
   explicit DumpProbe(qint32 announced = 1, std::string own_address = "0.0.0.0")
       : dump(new Dump(announced, nullptr)), own(std::move(own_address)) {
     dump->socket = std::make_unique<kesto::net::UdpSocket>();
+    dump->socket->initialize();
   }
 
   Dump& service() { return *dump; }
