@@ -262,9 +262,12 @@ void ArtNetParser::parse_artpoll(ArtHeader& header, std::istream& in, std::error
 void ArtNetParser::parse_artpollreply(ArtHeader& header, std::istream& in, std::error_code& ec) {
   if (!on_poll_reply) return;
   // The length of the reply is taken from the fill that it is assumed to begin: a short reply is copied as
-  // far as it goes. A fill that cannot even hold a header is a truncated packet.
+  // far as it goes. A fill that cannot even hold a header is a truncated packet, if its header ends in it.
   if (valid_count < sizeof(ArtHeader)) {
-    ec = parser_error(errc::UnexpectedEnd);
+    if (from_stale_bytes())
+      left_buffer = true;
+    else
+      ec = parser_error(errc::UnexpectedEnd);
     return;
   }
   const std::uint32_t size = valid_count > sizeof(ArtPollReply)

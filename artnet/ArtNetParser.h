@@ -51,7 +51,8 @@ private:
 /// goes on searching until the stream ends or a callback calls stop(). The search is a plain matcher without
 /// back-off over the whole 512-byte refill buffer, which also holds bytes of earlier refills and of earlier
 /// parses behind the valid ones. A packet found there is dispatched like any other; one that would need bytes
-/// from beyond the buffer ends the parse without a callback and without an error.
+/// from beyond the buffer ends the parse without a callback and without an error, and so does a stale
+/// ArtPollReply when the last refill is shorter than a header.
 ///
 /// One thread at a time. Callbacks run on the parsing thread; one that is unset is skipped. No allocation per
 /// packet.

@@ -5,8 +5,8 @@
 #include <istream>
 
 #include "artnet/ArtNetParser.h"
-#include "tests/fuzz/datagram_model.h"
 #include "tests/fuzz/script.h"
+#include "tests/support/DatagramModel.h"
 
 // Several datagrams in a row through one parser, whose buffer carries bytes from one to the next. Every
 // callback, every byte of its record and every result is compared with the model.
@@ -31,33 +31,6 @@ template <typename Record>
 std::vector<std::uint8_t> bytes_of(const Record& record) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
   return {bytes, bytes + sizeof record};
-}
-
-/// The record that the callback of an event is to get.
-std::vector<std::uint8_t> record_of(const DatagramModel::Event& event) {
-  std::vector<std::uint8_t> record = event.bytes;
-  const auto to_host_order = [&record](std::size_t offset) { std::swap(record[offset], record[offset + 1]); };
-  switch (event.kind) {
-    case DatagramModel::PollReply:
-      record.resize(239);
-      for (const std::size_t offset : {16U, 20U, 172U}) to_host_order(offset);
-      for (const std::size_t last : {43U, 107U, 171U}) record[last] = 0;
-      break;
-    case DatagramModel::Dmx:
-      record.resize(530);
-      to_host_order(16);
-      break;
-    case DatagramModel::Trigger:
-      record.resize(530);
-      for (const std::size_t offset : {10U, 14U}) to_host_order(offset);
-      break;
-    case DatagramModel::Oversized:
-      record.clear();
-      break;
-    default:
-      break;
-  }
-  return record;
 }
 
 class Comparison {
@@ -96,7 +69,7 @@ public:
     REQUIRE(calls.size() == expected.events.size());
     for (std::size_t i = 0; i < calls.size(); ++i) {
       const DatagramModel::Event& event = expected.events[i];
-      REQUIRE((calls[i] == Called{event.kind, event.packet_count, event.stale, record_of(event)}));
+      REQUIRE((calls[i] == Called{event.kind, event.packet_count, event.stale, event.record()}));
     }
     REQUIRE(ec.value() == expected.error);
     REQUIRE(!ec || &ec.category() == &errc::artnet_parser_error_category::instance());

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/fuzz/datagram_model.h"
+#include "tests/support/DatagramModel.h"
 
 /// One thing that left the service: a datagram or a signal, as text.
 struct Sent {

@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/DatagramModel.h"
 #include "unit/artnet/packets.h"
-#include "unit/artnet/parser_model.h"
 #include "unit/support/temporary_file.h"
 
 namespace {
@@ -55,6 +55,63 @@ constexpr std::size_t kEffort = 5;
 const errc::artnet_parser_error_category& category() {
   return errc::artnet_parser_error_category::instance();
 }
+
+/// What a parse did: its callbacks in order, as texts, and how it ended.
+struct ParseRecord {
+  std::vector<std::string> events;  // kind and bytes of the record
+  int code = 0;                     // of the error, 0: none
+  unsigned packet_count = 0;
+  bool running = false;
+
+  friend bool operator==(const ParseRecord& a, const ParseRecord& b) {
+    return a.events == b.events && a.code == b.code && a.packet_count == b.packet_count &&
+           a.running == b.running;
+  }
+  friend std::ostream& operator<<(std::ostream& out, const ParseRecord& record) {
+    out << "code " << record.code << ", " << record.packet_count << " packets"
+        << (record.running ? ", running" : "");
+    for (const std::string& each : record.events) out << "\n  " << testing::PrintToString(each);
+    return out;
+  }
+};
+
+/// Which callbacks are set, and after which callback (counted from 1) the parse is stopped.
+struct ParseOptions {
+  bool poll = true;
+  bool poll_reply = true;
+  bool others = true;
+  std::size_t stop_after = 0;  // 0: never
+};
+
+/// An event as ParseRecord holds it.
+std::string event(const char* kind, const std::string& bytes) {
+  return kind + (' ' + bytes);
+}
+
+/// The model, whose results are texts as well.
+class ParserModel {
+public:
+  ParseRecord parse(const std::string& stream, const ParseOptions& options = {}) {
+    model.takes_poll = options.poll;
+    model.takes_poll_reply = options.poll_reply;
+    model.takes_others = options.others;
+    const DatagramModel::Result result = model.parse(reinterpret_cast<const std::uint8_t*>(stream.data()),
+                                                     stream.size(), static_cast<int>(options.stop_after) - 1);
+    ParseRecord record{{}, result.error, result.packet_count, result.left_running};
+    for (const DatagramModel::Event& each : result.events) {
+      static constexpr std::array<const char*, 7> kNames{"poll",   "reply",   "dmx",    "oem",
+                                                         "oem_ns", "trigger", "unknown"};
+      const std::vector<std::uint8_t> bytes = each.record();
+      record.events.push_back(each.kind == DatagramModel::Oversized
+                                  ? "error 4"
+                                  : event(kNames.at(each.kind), {bytes.begin(), bytes.end()}));
+    }
+    return record;
+  }
+
+private:
+  DatagramModel model;
+};
 
 /// A parser whose callbacks note what they are given.
 class Recorder {
@@ -705,12 +762,16 @@ TEST(ArtNetParser, OldOversizedArtDmxIsReportedAgain) {
 TEST(ArtNetParser, OldArtPollReplyTakesItsLengthFromTheNewDatagram) {
   Recorder recorder;
   recorder.parse(packets::padding(60) + packets::poll_reply(239));
-  ParseRecord truncated = outcome({}, 2);
-  truncated.packet_count = 1;
-  EXPECT_EQ(recorder.parse("x"), truncated);
-  EXPECT_EQ(recorder.parse(packets::padding(9)), truncated);
+  EXPECT_EQ(recorder.parse("x"), outcome({}));
+  EXPECT_EQ(recorder.parse(packets::padding(9)), outcome({}));
   EXPECT_EQ(recorder.parse(packets::padding(10)), outcome({reply_event(packets::poll_reply(10))}));
   EXPECT_EQ(recorder.parse(packets::padding(50)), outcome({reply_event(packets::poll_reply(50))}));
+}
+
+TEST(ArtNetParser, WhatCameBeforeAnOldArtPollReplyCounts) {
+  Recorder recorder;
+  recorder.parse(packets::padding(530) + packets::poll() + packets::poll_reply(239));
+  EXPECT_EQ(recorder.parse("x"), outcome({poll_event()}));
 }
 
 TEST(ArtNetParser, OldArtPollReplyAtTheEndOfTheBufferEndsTheParseQuietly) {

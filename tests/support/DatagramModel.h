@@ -4,11 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What the parser does with a datagram, written a second time in the plainest way: one byte after the other,
-/// no streams, no callbacks, a list of events as result. Shares no code with the parser; tests compare the
-/// two.
+/// no streams, no callbacks, a list of events as result. Shares no code with the parser; unit tests and
+/// fuzzers compare the two.
 class DatagramModel {
 public:
   enum Kind { Poll, PollReply, Dmx, OemVfps, OemVfpsNs, Trigger, Unknown, Oversized };
@@ -19,6 +20,35 @@ public:
     std::uint32_t packet_count;       // packets dispatched before this one
     bool stale;                       // found, whole or in part, in bytes of an earlier datagram or refill
     std::vector<std::uint8_t> bytes;  // the packet as the wire has it: header and what was read behind it
+
+    /// What the callback is given: the record as the parser hands it over, empty for an error.
+    std::vector<std::uint8_t> record() const {
+      std::vector<std::uint8_t> record = bytes;
+      const auto to_host_order = [&record](std::size_t offset) {
+        std::swap(record[offset], record[offset + 1]);
+      };
+      switch (kind) {
+        case PollReply:
+          record.resize(239);
+          for (const std::size_t offset : {16U, 20U, 172U}) to_host_order(offset);
+          for (const std::size_t last : {43U, 107U, 171U}) record[last] = 0;
+          break;
+        case Dmx:
+          record.resize(530);
+          to_host_order(16);
+          break;
+        case Trigger:
+          record.resize(530);
+          for (const std::size_t offset : {10U, 14U}) to_host_order(offset);
+          break;
+        case Oversized:
+          record.clear();
+          break;
+        default:
+          break;
+      }
+      return record;
+    }
 
     friend bool operator==(const Event& a, const Event& b) {
       return a.kind == b.kind && a.packet_count == b.packet_count && a.stale == b.stale && a.bytes == b.bytes;
@@ -32,9 +62,10 @@ public:
     bool left_running = false;  // the parse ended inside an OpCode
   };
 
-  // Which callbacks are set; a poll or a reply without one is not read.
+  // Which callbacks are set; a poll or a reply without one is not read, others are read without an event.
   bool takes_poll = true;
   bool takes_poll_reply = true;
+  bool takes_others = true;
 
   /// Parses one datagram. Bytes that it leaves in the buffer stay there for the next one.
   /// @param stop_at  the parser is stopped within the callback of this number, counted from 0; -1: never
@@ -134,6 +165,7 @@ private:
   int word_at(std::size_t offset) const { return packet[offset] << 8 | packet[offset + 1]; }
 
   void call_back(Kind kind) {
+    if (!takes_others && kind != Poll && kind != PollReply) return;
     result.events.push_back({kind, result.packet_count, cursor > valid, packet});
     if (static_cast<int>(result.events.size()) - 1 == stop_event) stopped = true;
   }
@@ -152,6 +184,7 @@ private:
       case 0x2100:
         if (!takes_poll_reply) return Done;
         if (valid < 10) {
+          if (cursor > valid) return BeyondBuffer;
           result.error = kUnexpectedEnd;
           return Short;
         }
