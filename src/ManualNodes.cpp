@@ -21,7 +21,7 @@ std::optional<QString> ManualNodes::add(const ArtnetNode& node) {
 std::optional<QString> ManualNodes::update(const ArtnetNode& node) {
   const auto found = find(node.id);
   if (found == manual_nodes.end()) return std::nullopt;
-  const QString message = changed_entry(*found, node);
+  QString message = changed_entry(*found, node);
   *found = node;
   return message;
 }
@@ -29,13 +29,13 @@ std::optional<QString> ManualNodes::update(const ArtnetNode& node) {
 std::optional<QString> ManualNodes::remove(qint32 id) {
   const auto found = find(id);
   if (found == manual_nodes.end()) return std::nullopt;
-  const QString message = vanished_entry(*found);
+  QString message = vanished_entry(*found);
   manual_nodes.erase(found);
   return message;
 }
 
 QString ManualNodes::remove_all() {
-  const QString message = vanished_entries(manual_nodes);
+  QString message = vanished_entries(manual_nodes);
   manual_nodes.clear();
   return message;
 }

@@ -49,7 +49,7 @@ void NodeCycle::conclude(const Result& result) {
 }
 
 QString NodeCycle::forget() {
-  const QString message = vanished_entries(*detected);
+  QString message = vanished_entries(*detected);
   detected = nothing();
   clear();
   return message;

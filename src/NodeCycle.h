@@ -11,8 +11,8 @@
 
 /// The nodes of a detection cycle, compared with those of the cycle before.
 ///
-/// Replies can be forged, so nothing here takes longer than in proportion to the logarithm of what is known:
-/// every look-up goes by order, and what answers is marked, not moved.
+/// Replies can be forged, so no reply may cost more than the logarithm of what is known: every look-up goes
+/// by order, not by a hash, and a node that answers again is marked, not moved.
 ///
 /// Knows nothing of threads: the caller holds a mutex around every call.
 class NodeCycle {

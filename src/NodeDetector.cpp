@@ -92,7 +92,7 @@ std::optional<QString> NodeDetector::remove_detected_nodes() {
   }
   const kesto::MutexLock poll_lock(poll_mutex);
   const kesto::MutexLock detected_lock(detected_mutex);
-  const QString message = cycle.forget();
+  QString message = cycle.forget();
   detected_nodes = cycle.detected_nodes();
   KESTO_LOG(3, "[Dump::remove_detected_nodes] Emitting OnArtnetNodesUpdated signal");
   return message;

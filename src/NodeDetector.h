@@ -39,7 +39,7 @@ public:
   /// lives and emits, when that begins.
   using ConnectUpdates = std::function<void(ArtnetNodesUpdatedObject&)>;
 
-  explicit NodeDetector(ConnectUpdates connect_updates, Waits waits = kWaits);
+  explicit NodeDetector(ConnectUpdates connect, Waits durations = kWaits);
 
   /// Ends the polling thread as stop() does.
   ~NodeDetector();

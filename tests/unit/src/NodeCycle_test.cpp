@@ -227,10 +227,8 @@ TEST(NodeCycle, ServesAsManyNodesAsItsLimitWhoseNamesCollideInAHash) {
   }
   NodeCycle cycle;
   run(cycle, nodes);
-  for (int round = 0; round < 3; ++round) {
-    std::reverse(nodes.begin(), nodes.end());
-    ASSERT_EQ(run(cycle, nodes), "-");
-  }
+  std::reverse(nodes.begin(), nodes.end());
+  EXPECT_EQ(run(cycle, nodes), "-");
   EXPECT_EQ(cycle.detected_nodes()->size(), kLimit);
 }
 
