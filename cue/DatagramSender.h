@@ -6,9 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "cue/Arguments.h"
-
 namespace cue {
+
+/// An IPv4 address in dotted decimals, and a port.
+struct Destination {
+  std::string address;
+  int port = 0;
+};
 
 /// Where a playback goes.
 class DatagramSink {

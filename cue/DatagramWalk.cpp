@@ -64,7 +64,7 @@ bool DatagramWalk::search(Step& step) {
   return false;
 }
 
-/// Bytes behind the header that a packet needs; nothing when there is no such number.
+/// Bytes that a packet needs after its header; nothing when there is no such number.
 std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
   switch (opcode) {
     case OpPoll:

@@ -76,7 +76,7 @@ struct DatagramShape {
   bool holds_delay = false;     // a delay record stands in it
   std::size_t dmx_count = 0;    // whole ArtDmx packets
   std::size_t dmx_bytes = 0;    // of them, headers included
-  bool tail_is_header = false;  // behind its last packet it holds nothing but the beginning of an identifier
+  bool tail_is_header = false;  // after its last packet it holds nothing but the beginning of an identifier
 
   /// Whether the recorder can have written it.
   bool recordable() const { return !truncated && dmx_count > 0; }

@@ -6,7 +6,7 @@
 
 namespace cue {
 
-/// How far the datagrams of a playback were sent behind their time, in a memory that does not grow with them.
+/// How late the datagrams of a playback were sent, in memory that does not grow with their number.
 /// Percentiles are exact to 1/32.
 class Lateness {
 public:

@@ -2,12 +2,27 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
-#include "cue/Arguments.h"
 #include "cue/RecordingReader.h"
 
 namespace cue {
+
+/// A set of universes, kept by port-address.
+class UniverseSet {
+public:
+  UniverseSet() : members(kPortAddresses, false) {}
+
+  void insert(std::uint16_t port_address) { members[port_address] = true; }
+  bool holds(std::uint16_t port_address) const { return members[port_address]; }
+
+  /// Port-addresses of 16 bits: a packet may set the bit that Art-Net leaves zero.
+  static constexpr std::size_t kPortAddresses = 65536;
+
+private:
+  std::vector<bool> members;
+};
 
 /// The part of a recording that a command is about.
 struct Selection {

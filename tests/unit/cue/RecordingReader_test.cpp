@@ -138,8 +138,7 @@ TEST(RecordingReader, RecoversWhateverTheRecorderWrites) {
     for (unsigned n = 1 + chance.below(6); n > 0; --n) {
       const std::string datagram = chance.datagram();
       const auto* const bytes = recordings::bytes_of(datagram);
-      if (!cue::shape_of(bytes, datagram.size()).recordable() || datagram.size() > kLongestDatagram)
-        continue;
+      if (!cue::shape_of(bytes, datagram.size()).recordable() || datagram.size() > kLongestDatagram) continue;
       // What can be read in two ways is left out: a delay record with an ArtDmx behind it in one datagram.
       bool two_ways = false;
       for (std::size_t at = 0; at + 18 <= datagram.size(); ++at) {

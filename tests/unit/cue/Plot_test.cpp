@@ -1,0 +1,103 @@
+#include "cue/Plot.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "cue/Time.h"
+#include "unit/cue/directory.h"
+#include "unit/cue/errors.h"
+#include "unit/cue/recordings.h"
+
+using cue::kSecond;
+using packets::dmx;
+using recordings::file_of;
+using unit::error_of;
+
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+
+class Plot : public testing::Test {
+protected:
+  const unit::Directory directory;
+  cue::PlotOptions options;
+  std::int64_t shown = 0;
+
+  void record(const std::vector<recordings::Datagram>& datagrams) {
+    options.file = directory.write("a<b>&.cue", file_of(datagrams));
+    options.output = directory / "out.svg";
+  }
+
+  std::string plot() {
+    shown = cue::plot(options);
+    return directory.content("out.svg");
+  }
+
+  static int count(const std::string& svg, const std::string& what) {
+    int found = 0;
+    for (std::size_t at = svg.find(what); at != std::string::npos; at = svg.find(what, at + 1)) ++found;
+    return found;
+  }
+};
+
+TEST_F(Plot, DrawsABandForEachUniverse) {
+  record({{dmx("ab", 0), 0}, {dmx("ab", 6), 0}, {dmx("ab", 0), 2 * kSecond}});
+  const std::string svg = plot();
+  EXPECT_EQ(count(svg, "<image "), 2);
+  EXPECT_NE(svg.find(">a&lt;b&gt;&amp;.cue</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">2.000 s, 3 datagrams, 2 universes</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">7</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">0.5 Hz</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">1.2 s</text>"), std::string::npos);
+  EXPECT_EQ(svg.rfind("</svg>\n"), svg.size() - 7);
+}
+
+TEST_F(Plot, DrawsTheSlotsOfOneUniverse) {
+  record({{dmx("abcd", 0), 0}, {dmx("ab", 6), 0}, {dmx("abcd", 0), 2 * kSecond}});
+  options.port_address = 0;
+  const std::string svg = plot();
+  EXPECT_EQ(count(svg, "<image "), 1);
+  EXPECT_NE(svg.find(">universe 1</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">4</text>"), std::string::npos);
+}
+
+TEST_F(Plot, DrawsAPart) {
+  record({{dmx("a", 0), 0}, {dmx("b", 1), kSecond}, {dmx("c", 0), 20 * kMs}, {dmx("d", 2), 3 * kSecond}});
+  options.selection.start = kSecond;
+  options.selection.stop = 2 * kSecond;
+  options.selection.only = cue::UniverseSet();
+  options.selection.only->insert(0);
+  options.selection.only->insert(1);
+  const std::string svg = plot();
+  EXPECT_EQ(count(svg, "<image "), 2);
+  EXPECT_EQ(shown, kSecond);
+  EXPECT_NE(svg.find("; shown from 1.000 s to 2.000 s</text>"), std::string::npos);
+}
+
+TEST_F(Plot, DrawsManyUniversesAndRefusesTooMany) {
+  std::vector<recordings::Datagram> datagrams;
+  for (unsigned universe = 0; universe < 512; ++universe) datagrams.emplace_back(dmx("a", universe), kMs);
+  record(datagrams);
+  EXPECT_EQ(count(plot(), "<image "), 512);
+  datagrams.emplace_back(dmx("a", 512), kMs);
+  record(datagrams);
+  EXPECT_EQ(error_of([this] { plot(); }),
+            options.file + ": holds 513 universes; choose at most 512 with --only");
+}
+
+TEST_F(Plot, RefusesToDrawNothing) {
+  record({});
+  EXPECT_EQ(error_of([this] { plot(); }), options.file + ": holds nothing to draw");
+  options.port_address = 3;
+  EXPECT_EQ(error_of([this] { plot(); }), options.file + ": holds no universe 4");
+}
+
+TEST_F(Plot, DrawsOneDatagramAndTheLongestTime) {
+  record({{dmx("", 0), 0}});
+  EXPECT_EQ(count(plot(), "<image "), 1);
+  record({{dmx("a", 0), 0}, {dmx("a", 0), std::numeric_limits<std::int64_t>::max()}});
+  EXPECT_EQ(count(plot(), "<image "), 1);
+}
+
+}  // namespace

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "cue/CueError.h"
+
+namespace unit {
+
+/// What an action says that cannot be done.
+template <typename Action>
+std::string error_of(Action&& action) {
+  try {
+    action();
+  } catch (const cue::CueError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+}  // namespace unit

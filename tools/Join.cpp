@@ -1,0 +1,44 @@
+#include <ostream>
+
+#include "cue/Edit.h"
+#include "cue/Text.h"
+#include "cue/Time.h"
+#include "tools/Command.h"
+#include "tools/Options.h"
+#include "tools/Signals.h"
+
+namespace kadrel_cue {
+namespace {
+
+class Join : public Command {
+public:
+  CLI::App* add_to(CLI::App& app) override {
+    CLI::App* const command = add_command(app, "join", "Writes recordings one behind the other as one.",
+                                          "  kadrel-cue join verse.cue chorus.cue -o song.cue\n"
+                                          "  kadrel-cue join --gap 2 verse.cue chorus.cue -o song.cue");
+    command->add_option("FILE", options.files, "Recordings, in order")->required()->type_name("");
+    add_gap(*command, options.gap, "recordings");
+    add_only(*command, options.selection);
+    add_output(*command, options.output)->required();
+    return command;
+  }
+
+  int run(std::ostream& out, std::ostream& /*err*/) override {
+    clear_away_on_signals();
+    const cue::Written written = cue::join(options);
+    out << options.output << ": " << cue::counted(written.datagrams, "datagram") << ", "
+        << cue::format_time(written.duration) << "\n";
+    return 0;
+  }
+
+private:
+  cue::JoinOptions options;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> make_join() {
+  return std::make_unique<Join>();
+}
+
+}  // namespace kadrel_cue

@@ -1,0 +1,74 @@
+#include "tools/Options.h"
+
+#include "tools/Arguments.h"
+
+namespace kadrel_cue {
+namespace {
+
+constexpr const char* kTimeWords = "a time such as 90, 1.5 or 1m30.5";
+constexpr const char* kUniverseWords = "a list of universes such as 1,3,5-8 (they count from 1)";
+
+/// A universe as its port-address.
+std::optional<std::uint16_t> parse_universe(const std::string& word) {
+  std::uint32_t universe = 0;
+  if (!CLI::detail::lexical_cast(word, universe) || universe == 0 ||
+      universe > cue::UniverseSet::kPortAddresses)
+    return std::nullopt;
+  return static_cast<std::uint16_t>(universe - 1);
+}
+
+}  // namespace
+
+CLI::App* add_command(CLI::App& app, const std::string& name, const std::string& description,
+                      const std::string& examples) {
+  CLI::App* const command = app.add_subcommand(name, description);
+  command->footer("Examples:\n" + examples);
+  return command;
+}
+
+void add_time_range(CLI::App& command, cue::Selection& selection) {
+  add_parsed<std::int64_t>(
+      command, "--start", parse_time, [&selection](std::int64_t time) { selection.start = time; }, kTimeWords,
+      "Leave out what is before TIME (seconds, or 1m30.5)")
+      ->type_name("TIME");
+  add_parsed<std::int64_t>(
+      command, "--stop", parse_time, [&selection](std::int64_t time) { selection.stop = time; }, kTimeWords,
+      "Leave out what is at TIME and after it")
+      ->type_name("TIME");
+}
+
+void check_time_range(const cue::Selection& selection) {
+  if (selection.stop && *selection.stop < selection.start)
+    throw CLI::ValidationError("--stop is before --start");
+}
+
+CLI::Option* add_only(CLI::App& command, cue::Selection& selection) {
+  return add_parsed<cue::UniverseSet>(
+             command, "--only", parse_universes,
+             [&selection](const cue::UniverseSet& universes) { selection.only = universes; }, kUniverseWords,
+             "Only these universes, for example 1,3,5-8 (they count from 1)")
+      ->type_name("UNIVERSES");
+}
+
+CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_address,
+                          const std::string& help) {
+  return add_parsed<std::uint16_t>(
+             command, "--universe", parse_universe,
+             [&port_address](std::uint16_t universe) { port_address = universe; },
+             "a universe (they count from 1)", help)
+      ->type_name("N");
+}
+
+void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between) {
+  add_parsed<std::int64_t>(
+      command, "--gap", parse_time, [&gap](std::int64_t time) { gap = time; }, kTimeWords,
+      "Pause between two " + between + "; without it one frame at 44 Hz")
+      ->type_name("TIME");
+}
+
+CLI::Option* add_output(CLI::App& command, std::string& output) {
+  return command.add_option("-o,--output", output, "File to write; it appears when it is complete")
+      ->type_name("OUT");
+}
+
+}  // namespace kadrel_cue

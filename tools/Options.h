@@ -1,0 +1,52 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "cue/Selection.h"
+
+/// Options that several commands have.
+namespace kadrel_cue {
+
+/// Adds an option whose words are parsed by @p parse and handed to @p take.
+/// @param what  the words are, for the message about one that is not
+template <typename Value, typename Parse, typename Take>
+CLI::Option* add_parsed(CLI::App& command, const std::string& name, Parse parse, Take take, const char* what,
+                        const std::string& help) {
+  return command.add_option(
+      name,
+      [parse, take, what](const CLI::results_t& words) {
+        for (const std::string& word : words) {
+          const std::optional<Value> value = parse(word);
+          if (!value) throw CLI::ValidationError("\"" + word + "\" is not " + what);
+          take(*value);
+        }
+        return true;
+      },
+      help);
+}
+
+/// A command with examples below its help.
+CLI::App* add_command(CLI::App& app, const std::string& name, const std::string& description,
+                      const std::string& examples);
+
+/// --start and --stop.
+void add_time_range(CLI::App& command, cue::Selection& selection);
+
+/// @throws CLI::ValidationError when --stop is before --start
+void check_time_range(const cue::Selection& selection);
+
+CLI::Option* add_only(CLI::App& command, cue::Selection& selection);
+
+/// --universe, counted from 1.
+CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_address,
+                          const std::string& help);
+
+/// --gap. @param between  the things that it separates
+void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between);
+
+CLI::Option* add_output(CLI::App& command, std::string& output);
+
+}  // namespace kadrel_cue

@@ -1,0 +1,48 @@
+#include "cue/Plot.h"
+
+#include <ostream>
+
+#include "cue/Time.h"
+#include "tools/Command.h"
+#include "tools/Options.h"
+#include "tools/Signals.h"
+
+namespace kadrel_cue {
+namespace {
+
+class Plot : public Command {
+public:
+  CLI::App* add_to(CLI::App& app) override {
+    CLI::App* const command =
+        add_command(app, "plot", "Draws a recording as a picture (SVG).",
+                    "  kadrel-cue plot show.cue -o show.svg\n"
+                    "  kadrel-cue plot show.cue --universe 5 --start 10 --stop 20 -o front.svg");
+    command->add_option("FILE", options.file, "Recording")->required()->type_name("");
+    CLI::Option* const universe =
+        add_universe(*command, options.port_address, "One universe slot by slot instead of a band for each");
+    add_only(*command, options.selection)->excludes(universe);
+    add_time_range(*command, options.selection);
+    add_output(*command, options.output)->required();
+    return command;
+  }
+
+  void check() const override { check_time_range(options.selection); }
+
+  int run(std::ostream& out, std::ostream& /*err*/) override {
+    clear_away_on_signals();
+    const std::int64_t shown = cue::plot(options);
+    out << options.output << ": " << cue::format_time(shown) << "\n";
+    return 0;
+  }
+
+private:
+  cue::PlotOptions options;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> make_plot() {
+  return std::make_unique<Plot>();
+}
+
+}  // namespace kadrel_cue

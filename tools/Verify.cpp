@@ -1,0 +1,65 @@
+#include "cue/Verify.h"
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "cue/CueError.h"
+#include "tools/Command.h"
+#include "tools/Options.h"
+#include "tools/Signals.h"
+
+namespace kadrel_cue {
+namespace {
+
+class Verify : public Command {
+public:
+  CLI::App* add_to(CLI::App& app) override {
+    CLI::App* const command = add_command(app, "verify", "Checks whether recordings are whole.",
+                                          "  kadrel-cue verify show.cue\n"
+                                          "  kadrel-cue verify --repair -o good.cue broken.cue");
+    command->add_option("FILE", files, "Recordings")->required()->type_name("");
+    command->add_flag("--strict", options.strict,
+                      "Also report datagrams that are more than one ArtDmx packet");
+    CLI::Option* const repair_flag =
+        command->add_flag("--repair", repair, "Write what is good of one FILE to OUT");
+    CLI::Option* const repaired = add_output(*command, options.repaired);
+    repair_flag->needs(repaired);
+    repaired->needs(repair_flag);
+    return command;
+  }
+
+  void check() const override {
+    if (repair && files.size() != 1) throw CLI::ValidationError("--repair takes one FILE");
+  }
+
+  int run(std::ostream& out, std::ostream& err) override {
+    clear_away_on_signals();
+    const cue::VerifyReport report{
+        [&out](const std::string& line) { out << line << "\n"; },
+        [&err](const std::string& line) { err << "kadrel-cue: " << line << "\n"; }};
+    int code = 0;
+    for (const std::string& file : files) {
+      try {
+        if (!cue::verify(file, options, report)) code = 1;
+      } catch (const cue::CueError& error) {
+        report.damage(error.what());
+        code = 1;
+      }
+    }
+    return code;
+  }
+
+private:
+  std::vector<std::string> files;
+  bool repair = false;
+  cue::VerifyOptions options;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> make_verify() {
+  return std::make_unique<Verify>();
+}
+
+}  // namespace kadrel_cue
