@@ -64,14 +64,18 @@ bool DatagramWalk::search(Step& step) {
   return false;
 }
 
+/// Where the portion begins in which the OpCode before `at` ends.
+std::size_t DatagramWalk::portion() const {
+  return (at - 1) / kPortion * kPortion;
+}
+
 /// Bytes that a packet needs after its header; nothing when there is no such number.
 std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
   switch (opcode) {
     case OpPoll:
       return kPollBody;
     case OpPollReply: {
-      const std::size_t portion = (at - 1) / kPortion * kPortion;
-      const std::size_t valid = std::min(kPortion, size - portion);
+      const std::size_t valid = std::min(kPortion, size - portion());
       if (valid > sizeof(ArtPollReply)) return kPollReplyBody;
       if (valid < kArtHeaderSize) return std::nullopt;
       return valid - kArtHeaderSize;
@@ -95,8 +99,9 @@ DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
   if (size - at < sizeof(ArtHeader::opcode)) return Step::Truncated;
   const std::uint16_t opcode = low_byte_first(bytes + at);
   at += sizeof opcode;
-  if (opcode == OpPollReply) poll_reply = true;
   const std::optional<std::size_t> body = body_size(opcode);
+  const bool may_be_cut = opcode == OpPollReply && at - portion() <= kArtHeaderSize;
+  if (may_be_cut) reply = {portion() + kArtHeaderSize, portion() + sizeof(ArtPollReply)};
   if (!body || *body > size - at) return Step::Truncated;
   const std::uint8_t* const fields = bytes + at;
   at += *body;
@@ -112,7 +117,7 @@ DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
     return Step::Dmx;
   }
   packet_end = at;
-  return Step::End;
+  return may_be_cut ? Step::Reply : Step::End;
 }
 
 DatagramWalk::Step DatagramWalk::next() {
@@ -135,6 +140,8 @@ DatagramShape shape_of(const std::uint8_t* bytes, std::size_t size) {
         break;
       case DatagramWalk::Step::Delay:
         shape.holds_delay = true;
+        break;
+      case DatagramWalk::Step::Reply:
         break;
       case DatagramWalk::Step::Truncated:
         shape.truncated = true;

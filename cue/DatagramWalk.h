@@ -31,6 +31,7 @@ class DatagramWalk {
 public:
   enum class Step {
     Dmx,        // dmx() is a whole ArtDmx
+    Reply,      // an ArtPollReply that may be cut: the datagram could end anywhere in cut_reply()
     Delay,      // a delay record stands at position(), where the datagram could end; next() goes on over it
     Truncated,  // a packet needs more bytes than there are: the recorder refuses such a datagram
     End,        // all bytes are walked
@@ -50,14 +51,22 @@ public:
   /// End of the last whole packet, 0 before the first.
   std::size_t last_packet_end() const { return packet_end; }
 
-  /// Whether the walk has met an ArtPollReply, the one packet whose length depends on where the datagram
-  /// ends.
-  bool met_poll_reply() const { return poll_reply; }
+  /// Where a datagram can end within the ArtPollReply of the last step: from begin up to and with end.
+  ///
+  /// The parser takes a reply as far as the portion goes that it stands in. Where that is less than a whole
+  /// reply, one that begins after the portion does needs bytes that are not there. So a reply has 239 bytes,
+  /// or its OpCode ends in the first 10 bytes of a portion and the datagram ends within 239 bytes of them.
+  struct Range {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+  };
+  const Range& cut_reply() const { return reply; }
 
 private:
   bool search(Step& step);
   Step dispatch(std::size_t start);
   std::optional<std::size_t> body_size(std::uint16_t opcode) const;
+  std::size_t portion() const;
 
   const std::uint8_t* bytes;
   std::size_t size;
@@ -66,7 +75,7 @@ private:
   std::size_t packet_end = 0;           // see last_packet_end()
   std::size_t matched = 0;              // identifier bytes matched so far
   std::size_t passed_delay = SIZE_MAX;  // offset of the delay record that was reported last
-  bool poll_reply = false;
+  Range reply;
   DmxPacket packet;
 };
 

@@ -140,6 +140,8 @@ RecordingReader::Behind RecordingReader::behind(std::size_t at) const {
       case DatagramWalk::Step::Delay:
         if (pause_counts(at + walk.position())) return Behind::Delay;
         break;
+      case DatagramWalk::Step::Reply:
+        break;
       case DatagramWalk::Step::Truncated:
       case DatagramWalk::Step::End:
         return Behind::Nothing;
@@ -169,7 +171,11 @@ RecordingReader::End RecordingReader::find_end() const {
   std::optional<std::size_t> passed;  // a delay record that stands before another one
   for (;;) {
     const DatagramWalk::Step step = walk.next();
-    if (walk.met_poll_reply()) return find_end_by_trial();
+    if (step == DatagramWalk::Step::Reply) {
+      const End end_in_reply = find_end_in(walk.cut_reply().begin, walk.cut_reply().end);
+      if (end_in_reply.kind != EndKind::None) return end_in_reply;
+      continue;
+    }
     if (step == DatagramWalk::Step::Dmx) {
       holds_dmx = holds_dmx || walk.dmx().end() <= kLongestDatagram;
     } else if (step == DatagramWalk::Step::Delay) {
@@ -186,16 +192,12 @@ RecordingReader::End RecordingReader::find_end() const {
   return {};
 }
 
-/// As find_end(), for a datagram with an ArtPollReply: the length of that packet depends on where the
-/// datagram ends, so every end is tried.
-RecordingReader::End RecordingReader::find_end_by_trial() const {
-  const std::size_t reach = std::min(available(), kLongestDatagram + kDelaySize);
-  for (std::size_t at = 1; at + kDelaySize <= reach; ++at) {
-    const auto* const next =
-        static_cast<const std::uint8_t*>(memchr(data() + at, kArtNetId[0], reach - kDelaySize + 1 - at));
-    if (next == nullptr) break;
-    at = static_cast<std::size_t>(next - data());
-    if (!begins_delay(next) || !shape_of(data(), at).recordable()) continue;
+/// The first end within an ArtPollReply that may be cut. It need not stand between two packets: the reply
+/// takes what the datagram has.
+RecordingReader::End RecordingReader::find_end_in(std::size_t from, std::size_t to) const {
+  const std::size_t last = std::min(to, kLongestDatagram);
+  for (std::size_t at = from; at <= last && at + kDelaySize <= available(); ++at) {
+    if (!begins_delay(data() + at) || !shape_of(data(), at).recordable()) continue;
     const EndKind kind = kind_of_end(at);
     if (kind != EndKind::None) return {kind, at};
   }

@@ -96,7 +96,7 @@ private:
   Behind behind(std::size_t at) const;
   EndKind kind_of_end(std::size_t at) const;
   End find_end() const;
-  End find_end_by_trial() const;
+  End find_end_in(std::size_t from, std::size_t to) const;
   bool take_simple(Record& record);
   bool take(Record& record);
   bool take_rest(Record& record);

@@ -109,10 +109,27 @@ TEST(RecordingReader, DoesNotTakeAPauseBeyondAllTimeForTheEndOfADatagram) {
   expect_recovered({{kDmx, 0}, {kDmx + delay(kMost) + kDmx, 1}, {kDmx, 2}});
 }
 
-TEST(RecordingReader, TriesTheEndsOfADatagramWithACutPollReply) {
+TEST(RecordingReader, EndsADatagramInAPollReplyThatItCuts) {
   const std::string aligned = dmx(std::string(494, 'x'));  // 512 bytes
   expect_recovered(
       {{aligned + packets::poll_reply(100), 0}, {aligned + packets::poll_reply(), 1}, {kDmx, 2}});
+}
+
+TEST(RecordingReader, FindsEveryEndOfADatagramWithAPollReplyThatTheRecorderTakes) {
+  int cut = 0;
+  // The OpCode of the reply ends in the last bytes of the first portion of 512 bytes, or in the first of the
+  // second.
+  for (std::size_t slots = 480; slots <= 496; ++slots) {
+    for (std::size_t size = 10; size <= 239; ++size) {
+      for (const char* tail : {"", "tail", "Art-Net"}) {
+        const std::string datagram = dmx(std::string(slots, 'x')) + packets::poll_reply(size) + tail;
+        if (!cue::shape_of(recordings::bytes_of(datagram), datagram.size()).recordable()) continue;
+        cut += size < 239 ? 1 : 0;
+        ASSERT_NO_FATAL_FAILURE(expect_recovered({{datagram, 0}, {datagram, 1}, {kDmx, 2}}));
+      }
+    }
+  }
+  EXPECT_GT(cut, 2000);
 }
 
 TEST(RecordingReader, TellsOfADelayRecordInsideADatagram) {
