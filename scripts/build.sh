@@ -9,6 +9,6 @@ build_preset() {
   local preset=$1 all=$2 targets=()
   shift 2
   if (($# > 0)); then targets=(--target "$@"); fi
-  cmake --preset "$preset" -D "KADREL_BUILD_TESTS=$all" -D "KADREL_BUILD_TOOLS=$all" -D "KADREL_BUILD_MAN=$all"
-  cmake --build --preset "$preset" --parallel "$(nproc)" "${targets[@]}"
+  cmake --preset "$preset" -D "KADREL_BUILD_TESTS=$all" -D "KADREL_BUILD_TOOLS=$all" -D "KADREL_BUILD_MAN=$all" &&
+    cmake --build --preset "$preset" --parallel "$(nproc)" "${targets[@]}"
 }

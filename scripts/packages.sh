@@ -52,7 +52,7 @@ KADREL_RUN_PACKAGES=(
 )
 
 # What ./test needs besides: GoogleTest and pytest, the network and capture tools of the service tests, an Art-Net
-# controller to record from, the checkers, and what builds and checks the manual pages and the unit file.
+# controller to record from, what checks the style, and what builds and checks the manual pages and the unit file.
 KADREL_TEST_PACKAGES=(
   googletest
   libgtest-dev
@@ -65,13 +65,19 @@ KADREL_TEST_PACKAGES=(
   tshark
   ola
   qlcplus
-  gcovr
   clang-format
-  clang-tidy
   shellcheck
   groff-base
   python3-docutils
   systemd
+)
+
+# What ./test --full needs besides: the checkers of locks, of code and of coverage, and what the benchmarks are built with.
+KADREL_FULL_PACKAGES=(
+  clang-14
+  clang-tidy
+  gcovr
+  libbenchmark-dev
 )
 
 # What ./fuzz needs besides the build packages: the compiler that carries libFuzzer.

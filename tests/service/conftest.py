@@ -1,6 +1,7 @@
 """Fixtures for the tests of the running service."""
 
 import itertools
+import os
 import sys
 from pathlib import Path
 
@@ -27,6 +28,12 @@ def pytest_collection_modifyitems(items):
     computing = iter([item for item in items if item.path.stem not in WAITING])
     items[:] = [one for item in waiting for one in (item, *itertools.islice(computing, 3))]
     items.extend(computing)
+
+
+@pytest.hookimpl(optionalhook=True)
+def pytest_xdist_auto_num_workers():
+    """-n auto: the tests wait more than they compute, so there are several for each processor."""
+    return 4 * len(os.sched_getaffinity(0))
 
 
 @pytest.hookimpl(optionalhook=True)
