@@ -1,22 +1,16 @@
 #include "kesto/logger.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <pthread.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <QByteArray>
 #include <QString>
-#include <chrono>
+#include <csignal>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <string>
-
-#include "kesto/wait_budget.h"
+#include <utility>
 
 namespace kesto {
 namespace {
@@ -28,100 +22,16 @@ constexpr int kWarningLevel = -1;
 constexpr size_t kErrorPathSkip = 133;
 constexpr size_t kWarningPathSkip = 131;
 
-constexpr char kLogSocket[] = "/dev/log";
+constexpr size_t kQueueLines = 4096;
+constexpr size_t kQueueBytes = size_t{4} << 20;
 
-// The logger has been destroyed: a framework message during static destruction must not revive it.
-std::atomic<bool> logger_gone{false};
+// How long the end of the process waits for its last lines.
+constexpr std::chrono::seconds kLastLines(1);
 
 /// @p file behind its first @p skip characters; empty when it has no more than that or is null.
 const char* file_piece(const char* file, size_t skip) {
   if (file == nullptr || strnlen(file, skip) < skip) return "";
   return file + skip;
-}
-
-// How long lines wait for a system log that takes none: far less than a socket's receive buffer holds of a
-// show. Once one has waited in vain, none waits until the log takes lines again.
-WaitBudget log_waits(std::chrono::milliseconds(25), 40);
-
-std::atomic<bool> log_stalled{false};
-
-// One line at most in this time says that lines were dropped.
-constexpr std::chrono::seconds kDropReportPause(1);
-std::atomic<std::int64_t> drop_reported{-kDropReportPause / std::chrono::nanoseconds(1)};
-
-// Lines dropped since the system log last took one.
-std::atomic<unsigned int> dropped_lines{0};
-
-// What unread lines take of the send buffer of the C library's log socket (208 KiB on a Debian), counted on
-// the safe side. Before it is full, and syslog() would wait, the socket is given up for a new one.
-constexpr size_t kLogSocketShare = 65536;
-constexpr size_t kLogLineCost = 1024;
-std::atomic<size_t> log_socket_use{0};
-
-// Held from the look for room until the line is written: another thread would take the room meanwhile, and
-// syslog() would wait.
-std::mutex system_log_mutex;
-
-void send_to_system_log(int priority, const QByteArray& format) {
-  if (log_socket_use.fetch_add(static_cast<size_t>(format.size()) + kLogLineCost) > kLogSocketShare) {
-    closelog();  // syslog() opens it anew, as openlog() has set it up
-    log_socket_use.store(0);
-  }
-#pragma GCC diagnostic push
-  // The line is the format by design; it holds no conversion, every percent sign in it is doubled.
-#pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  syslog(priority, format.constData());
-#pragma GCC diagnostic pop
-}
-
-std::chrono::nanoseconds steady_time() {
-  return std::chrono::steady_clock::now().time_since_epoch();
-}
-
-/// Whether the descriptor can be written to, if need be after a wait. A look that fails, because a signal
-/// comes in between, counts as one that found no room.
-bool wait_for_room(int fd) {
-  pollfd probe{fd, POLLOUT, 0};
-  if (poll(&probe, 1, 0) > 0) return true;
-  if (log_stalled.load()) return false;
-  const std::chrono::nanoseconds began = steady_time();
-  const auto most = std::chrono::duration_cast<std::chrono::milliseconds>(log_waits.left(began));
-  if (most.count() == 0) return false;
-  const bool room = poll(&probe, 1, static_cast<int>(most.count())) > 0;
-  const std::chrono::nanoseconds ended = steady_time();
-  log_waits.spend(ended, ended - began);
-  return room;
-}
-
-/// Whether the system log takes a line without making the caller wait. A log daemon that has stopped reading,
-/// with its queue full, would otherwise hold up every thread that logs. When there is no daemon at all,
-/// syslog() sees to that.
-bool system_log_has_room() {
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd == -1) return !log_stalled.load();
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, kLogSocket, sizeof kLogSocket);
-  bool room = true;
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    room = wait_for_room(fd);
-    log_stalled.store(!room);
-  }
-  close(fd);
-  return room;
-}
-
-/// @return whether that took a line
-bool report_dropped_lines() {
-  if (dropped_lines.load() == 0) return false;
-  const std::int64_t now = steady_time().count();
-  if (now - drop_reported.load() < std::chrono::nanoseconds(kDropReportPause).count()) return false;
-  drop_reported.store(now);
-  const unsigned int dropped = dropped_lines.exchange(0);
-  if (dropped == 0) return false;
-  send_to_system_log(LOG_WARNING, QByteArray::number(dropped) + " lines dropped, the system log took none");
-  return true;
 }
 
 int framework_level(QtMsgType type) {
@@ -138,19 +48,35 @@ int framework_level(QtMsgType type) {
 }  // namespace
 
 Logger* Logger::instance() {
-  static Logger logger;
-  return &logger;
+  static Logger* const logger = new Logger;
+  return logger;
 }
 
-Logger::Logger() : QObject(nullptr) {
+Logger::Logger() : QObject(nullptr), queue(kQueueLines, kQueueBytes) {
   qInstallMessageHandler(&Logger::MessageHandler);
   openlog(nullptr, 0, LOG_LOCAL0);
+  std::atexit(&Logger::end);
+  // The thread that writes is not in the child, and the mutex may be held for ever there.
+  pthread_atfork(nullptr, nullptr, [] { instance()->route.store(Route::ToOutput); });
 }
 
-Logger::~Logger() {
-  logger_gone.store(true);
-  qInstallMessageHandler(nullptr);
-  closelog();
+// At exit. Only the writer may close the system log: the C library holds a lock while it waits for one.
+void Logger::end() {
+  Logger& logger = *instance();
+  if (logger.route.load() != Route::ToQueue) return;
+  const auto deadline = std::chrono::steady_clock::now() + kLastLines;
+  const MutexLock lock(logger.mutex);
+  logger.ending = true;
+  if (!logger.has_writer) {
+    logger.route.store(Route::ToOutput);
+    closelog();
+    return;
+  }
+  logger.changed.notify_one();
+  while (logger.route.load() == Route::ToQueue) {
+    if (!logger.settled.wait_until(logger.mutex, deadline)) break;
+  }
+  if (logger.route.load() == Route::ToQueue) logger.route.store(Route::Nowhere);
 }
 
 void Logger::log(int message_level, const char* file, int line_number, const char* function,
@@ -170,7 +96,12 @@ void Logger::log(int message_level, const char* file, int line_number, const cha
     message.pop_back();
   }
   va_end(args);
+  deliver({message_level, output.load(std::memory_order_relaxed),
+           finished_line(message_level, file, line_number, function, message)});
+}
 
+std::string Logger::finished_line(int message_level, const char* file, int line_number, const char* function,
+                                  const std::string& message) const {
   std::string line;
   if (use_context.load(std::memory_order_relaxed) &&
       (message_level == kErrorLevel || message_level == kWarningLevel)) {
@@ -181,19 +112,103 @@ void Logger::log(int message_level, const char* file, int line_number, const cha
     line += ") ";
   }
   line += message;
-  write(message_level, line.c_str());
+  return line;
 }
 
 void Logger::write(int message_level, const char* line) {
-  switch (output.load(std::memory_order_relaxed)) {
+  deliver({message_level, output.load(std::memory_order_relaxed), line});
+}
+
+void Logger::deliver(LogLine line) {
+  const bool may_wait = line.output == Console || line.output == Syslog;
+  if (may_wait && enqueue(line)) return;
+  if (route.load() != Route::Nowhere) put(line);
+}
+
+/// @return false when the line is not taken and stays as it is: there is no writer
+bool Logger::enqueue(LogLine& line) {
+  if (route.load() != Route::ToQueue) return false;
+  const MutexLock lock(mutex);
+  if (route.load() != Route::ToQueue || !start_writer()) return false;
+  queue.push(std::move(line));
+  changed.notify_one();
+  return true;
+}
+
+bool Logger::start_writer() {
+  if (has_writer) return true;
+  // Signals are for other threads: the writer inherits this mask.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  pthread_t writer{};
+  has_writer = pthread_create(&writer, nullptr, &Logger::write_lines, this) == 0;
+  if (has_writer) {
+    pthread_setname_np(writer, "log writer");
+    pthread_detach(writer);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return has_writer;
+}
+
+// The writer.
+void* Logger::write_lines(void* that) {
+  auto& logger = *static_cast<Logger*>(that);
+  LogQueue::Next next;
+  while (logger.wait_for_next(next)) {
+    if (next.dropped > 0) logger.report_dropped(next.dropped);
+    if (next.line) logger.put(*next.line);
+  }
+  return nullptr;
+}
+
+/// @return false when the writer is to end
+bool Logger::wait_for_next(LogQueue::Next& next) {
+  const MutexLock lock(mutex);
+  writing = false;
+  while (queue.empty() && route.load() == Route::ToQueue) {
+    if (ending) {
+      closelog();
+      route.store(Route::ToOutput);
+    }
+    settled.notify_all();
+    if (!ending) changed.wait(mutex);
+  }
+  if (route.load() != Route::ToQueue) return false;
+  next = queue.take();
+  writing = true;
+  return true;
+}
+
+void Logger::report_dropped(size_t count) {
+  if (level.load(std::memory_order_relaxed) < kWarningLevel) return;
+  const std::string message =
+      "Dropped log lines, their output takes too few (lines:" + std::to_string(count) + ")";
+  put({kWarningLevel, output.load(std::memory_order_relaxed),
+       finished_line(kWarningLevel, __FILE__, __LINE__, __PRETTY_FUNCTION__, message)});
+}
+
+bool Logger::flush(std::chrono::milliseconds most) {
+  if (route.load() != Route::ToQueue) return true;
+  const auto deadline = std::chrono::steady_clock::now() + most;
+  const MutexLock lock(mutex);
+  while (writing || !queue.empty()) {
+    if (!settled.wait_until(mutex, deadline)) return !writing && queue.empty();
+  }
+  return true;
+}
+
+void Logger::put(const LogLine& line) {
+  switch (line.output) {
     case None:
-      writeToNone(message_level, line);
+      writeToNone(line.level, line.text.c_str());
       break;
     case Console:
-      writeToConsole(message_level, line);
+      writeToConsole(line.level, line.text.c_str());
       break;
     case Syslog:
-      writeToSyslog(message_level, line);
+      writeToSyslog(line.level, line.text.c_str());
       break;
     default:
       break;
@@ -210,20 +225,17 @@ void Logger::writeToSyslog(int message_level, const char* line) {
   int priority = LOG_INFO;
   if (message_level == kErrorLevel) priority = LOG_ERR;
   if (message_level == kWarningLevel) priority = LOG_WARNING;
-  const std::lock_guard<std::mutex> guard(system_log_mutex);
-  if (!system_log_has_room()) {
-    ++dropped_lines;
-    return;
-  }
-  if (report_dropped_lines() && !system_log_has_room()) {
-    ++dropped_lines;
-    return;
-  }
-  send_to_system_log(priority, escape_percent(line));
+  const QByteArray format = escape_percent(line);
+#pragma GCC diagnostic push
+  // The line is the format by design; it holds no conversion, every percent sign in it is doubled.
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  syslog(priority, format.constData());
+#pragma GCC diagnostic pop
 }
 
 void Logger::MessageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message) {
-  if (logger_gone.load() || type == QtInfoMsg) return;
+  if (type == QtInfoMsg) return;
   const QByteArray format = escape_percent(message.toLocal8Bit().constData());
 #pragma GCC diagnostic push
   // As above: a format without a conversion.
@@ -231,6 +243,7 @@ void Logger::MessageHandler(QtMsgType type, const QMessageLogContext& context, c
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   instance()->log(framework_level(type), context.file, context.line, context.function, format.constData());
 #pragma GCC diagnostic pop
+  if (type == QtFatalMsg) instance()->flush(kLastLines);
 }
 
 void Logger::setOutput(Output new_output) {

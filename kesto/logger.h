@@ -3,6 +3,12 @@
 #include <QObject>
 #include <QtGlobal>
 #include <atomic>
+#include <chrono>
+#include <string>
+
+#include "kesto/log_queue.h"
+#include "kesto/mutex.h"
+#include "kesto/thread_annotations.h"
 
 class QMessageLogContext;
 class QString;
@@ -15,8 +21,13 @@ namespace kesto {
 ///
 /// Levels are signed, smaller is more important: -2 error, -1 warning, 1 debug and start banner, 3
 /// operational, 4 detail, 6 per packet. Nothing here throws or reports a failure; a line that cannot be
-/// written is lost. log() may be called from any thread; every line leaves in a single call, so lines are not
-/// interleaved.
+/// written is lost. Any thread may call anything here, and none waits for an output: lines go into a queue,
+/// and a thread of the logger's own, which the first line starts, writes them in order, each in a single
+/// call. When the output takes no lines for so long that the queue is full, lines are dropped (see LogQueue),
+/// and a warning tells how many. At exit what the queue holds is written, for at most a second.
+///
+/// Without that thread the thread that logs writes its line itself: when none can be made, in a child process
+/// after fork(), and after the end of the queue at exit.
 class Logger : public QObject {
   Q_OBJECT
 
@@ -24,7 +35,8 @@ public:
   /// Where finished lines go. Any other value drops them.
   enum Output : qint32 { None = 0, Console = 1, Syslog = 2 };
 
-  /// The logger of the process; made by the first call, on any thread, and destroyed at exit.
+  /// The logger of the process; made by the first call, on any thread. It is there to the very end of the
+  /// process, for what is logged during static destruction and for its own thread.
   static Logger* instance();
 
   /// Formats one message as printf does, whole whatever its length, and writes it when @p level is at most
@@ -37,28 +49,66 @@ public:
   /// Routes a finished line (no newline at its end) to the present output.
   void write(int level, const char* line);
 
+  /// Waits until no line is left in the queue or on its way to the output, for @p most at most.
+  /// @return whether none is
+  bool flush(std::chrono::milliseconds most);
+
   /// Framework message handler: debug becomes level 1, warning -1, critical and fatal -2; informational
-  /// messages are dropped.
+  /// messages are dropped. A fatal one is on its output before this returns, or after a second: the
+  /// framework ends the process then.
   static void MessageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message);
 
 public slots:
+  /// Lines that were logged before still go to the output of their time.
   void setOutput(Output output);
   void setLevel(int level);
   int getLevel();
   void useContext(bool use_context);
 
 private:
-  Logger();
-  ~Logger() override;
+  /// What becomes of a finished line.
+  enum class Route {
+    ToQueue,
+    ToOutput,  // there is no thread, and will be none, that empties the queue
+    Nowhere    // the process ends while that thread waits for its output
+  };
 
+  Logger();
+  ~Logger() override = default;
+
+  std::string finished_line(int level, const char* file, int line, const char* function,
+                            const std::string& message) const;
+  void deliver(LogLine line);
+  bool enqueue(LogLine& line);
+  bool start_writer() REQUIRES(mutex);
+
+  static void* write_lines(void* that);
+  bool wait_for_next(LogQueue::Next& next);
+  void report_dropped(std::size_t count);
+
+  void put(const LogLine& line);
   void writeToNone(int level, const char* line);
   void writeToConsole(int level, const char* line);
   void writeToSyslog(int level, const char* line);
+
+  static void end();
 
   // Written by the setters, read by every logging thread; no order among them is needed.
   std::atomic<qint32> output{Console};
   std::atomic<qint32> level{3};
   std::atomic<bool> use_context{true};
+
+  // Leaves ToQueue once, with the mutex held, or without in a child process, which may not take it.
+  std::atomic<Route> route{Route::ToQueue};
+
+  // Held for a look at the queue, never during a write.
+  Mutex mutex;
+  ConditionVariable changed;  // for the writer: there is a line, or the end has come
+  ConditionVariable settled;  // for who waits for the writer: it has nothing to do, or has ended
+  LogQueue queue GUARDED_BY(mutex);
+  bool has_writer GUARDED_BY(mutex) = false;
+  bool writing GUARDED_BY(mutex) = false;  // a line has left the queue and is not yet out
+  bool ending GUARDED_BY(mutex) = false;
 };
 
 /// @p text with every percent sign doubled, for calls that take their text as a printf format.

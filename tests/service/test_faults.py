@@ -21,7 +21,7 @@ from gi.repository import GLib
 from harness import DEADLINE, ERROR, Recording, spin_until
 from harness.artnet import art_dmx, art_poll, art_trigger, relay
 from harness.bus import LazyClient
-from harness.faults import ANY, BUS, FILE, FOREVER, LOG, NAMES, OTHER, UDP, Faults
+from harness.faults import ANY, BUS, FILE, FOREVER, NAMES, OTHER, UDP, Faults
 from harness.service import EXECUTABLE
 from harness.waiting import now
 from texts import FINALIZED, GRAB, GRAB_CANNOT_OPEN, GRABBING_STARTED, STOP, grab_text
@@ -118,9 +118,6 @@ FAILURES = [
     ("statx", ANY, True, "EIO ENOMEM"),
     ("read", FILE, True, "EIO"),
     ("pthread_create", ANY, True, "EAGAIN EPERM"),
-    ("socket", LOG, True, "EMFILE ENFILE ENOBUFS ENOMEM EPERM"),
-    ("connect", LOG, True, "ECONNREFUSED EAGAIN EPERM ENOENT EINTR"),
-    ("poll", LOG, True, "EINTR ENOMEM"),
     ("nanosleep", ANY, False, "EINTR"),
     ("write", FILE, False, "EINTR"),
     ("poll", OTHER, False, "EINTR ENOMEM"),
@@ -147,7 +144,6 @@ CHOSEN = {
     "write-file-EIO-for_ever",
     "open-file-EMFILE-for_ever",
     "pthread_create-EAGAIN-for_ever",
-    "socket-log-EMFILE-for_ever",
     "sendmsg-bus-EAGAIN-often",
 }
 
@@ -187,7 +183,6 @@ START_FAILURES = [
     ("ioctl", UDP, SERVES, "ENODEV EPERM", 0),
     ("open", FILE, SERVES, "EMFILE EPERM", 0),
     ("recvmsg", OTHER, SERVES, "ENOBUFS", 0),
-    ("socket", LOG, SERVES, "EMFILE", 0),
     ("connect", BUS, ENDS, "ECONNREFUSED EPERM ENOMEM", 0),
     ("socket", BUS, ENDS, "EMFILE ENOBUFS", 0),
     ("pipe2", ANY, ENDS, "EMFILE", 0),
@@ -538,41 +533,6 @@ def test_a_client_that_does_not_read_loses_signals_and_costs_the_others_none(mak
     spin_until(caught_up, "a signal for the client that reads again")
     assert received.count(struct.pack("<ii", 1, 1)) < sent.count((1, 1))
     deaf.close()
-
-
-def fill_log(world):
-    """The log daemon stops reading, and there is no room for a line any more."""
-    world.log.stop_reading()
-    for _ in range(10):
-        world.console.send(*[b"no packet"] * 100, art_poll())
-        world.console.receive()
-
-
-@pytest.mark.parametrize("call, error", [("poll", errno.EINTR), ("socket", errno.EMFILE)])
-def test_a_log_daemon_that_hangs_is_not_waited_for_when_nobody_can_look_whether_it_does(faulty, faults, call, error):
-    world = faulty.world
-    fill_log(world)
-    faults.arm(call, error, LOG)
-    world.console.send(b"no packet", art_poll())
-    world.console.receive()
-    assert faults.struck(call) > 0
-    assert faulty.end() == 0
-    world.log.go_on_reading()
-
-
-def test_the_room_for_one_line_is_not_taken_for_that_of_two(faulty, faults):
-    """Two threads have a line each for a log daemon that has read one and hangs again."""
-    world = faulty.world
-    fill_log(world)
-    # Between the look for room and the line.
-    faults.arm("close", kind=LOG, times=2, delay=LOOK)
-    world.log.read_one()
-    world.console.send(b"no packet", art_poll())
-    spin_until(lambda: faults.struck("close") > 0, "the first look")
-    faulty.client.node_detection_request_pending()
-    world.console.receive()
-    assert faulty.end() == 0
-    world.log.go_on_reading()
 
 
 def test_without_a_log_daemon_everything_works(world):

@@ -3,6 +3,8 @@
 import contextlib
 import json
 import os
+import re
+import select
 import signal
 import socket
 import subprocess
@@ -10,12 +12,24 @@ import threading
 
 import pytest
 from gi.repository import GLib
-from harness import SERVICE, WARNING, Recording
+from harness import DEADLINE, SERVICE, WARNING, Recording
 from harness.artnet import art_dmx, art_poll
 from harness.nodes import Detection, FakeNodes, node_reply
-from harness.service import EXECUTABLE
+from harness.service import EXECUTABLE, READY
 from harness.waiting import spin_until
-from texts import BANNER, LISTEN_FINISHED, LISTEN_STARTING, device_ip
+from texts import (
+    BANNER,
+    GRAB_CANNOT_OPEN,
+    LISTEN_FINISHED,
+    LISTEN_STARTING,
+    STOP,
+    STOP_IDLE,
+    device_ip,
+    unparsed,
+)
+
+CONSOLE = {"KADREL_LOG_OUTPUT": "console"}
+CONTROL_S = b"\x13"
 
 MUSIC = [art_dmx(3, bytes([number] * 100)) for number in range(50)]
 
@@ -35,42 +49,113 @@ sys.stdin.read()
 """
 
 
-def test_a_log_daemon_that_stops_reading_holds_nothing_up(service):
+def flood(world, count, start=0):
+    """So many datagrams that are a line of the log each, and all different; returns when they have been processed."""
+    for first in range(start, start + count, 100):
+        send_and_wait(world, [f"noise {number}".encode() for number in range(first, min(first + 100, start + count))])
+
+
+def noise_lines(count):
+    return [unparsed(f"noise {number}".encode()) for number in range(count)]
+
+
+def test_a_slow_log_daemon_gets_every_line(service):
+    log = service.world.log
+    lines = log.mark()
+    log.read_slowly(0.001)
+    flood(service.world, 2000)
+    assert log.entries(lines) == noise_lines(2000)
+
+
+def test_a_log_daemon_that_stops_reading_costs_the_oldest_ordinary_lines(service):
     world = service.world
-    path = world.path("cue")
-    world.log.stop_reading()
-    for _ in range(20):
-        send_and_wait(world, [b"no packet"] * 100)
-    service.client.grab(path)
-    send_and_wait(world, MUSIC)
-    service.client.stop()
-    assert Recording.read(path).datagrams == MUSIC
-    assert service.client.get_status() == "off"
-    world.log.go_on_reading()
     lines = world.log.mark()
-    service.client.stop()
-    world.log.wait_for_text("[Dump::stop] Failed to stop grabber, idle", lines)
-    world.log.wait_for(lambda line: line.message.endswith(" lines dropped, the system log took none"))
-
-
-def test_a_log_daemon_that_reads_a_line_now_and_then_holds_nothing_up(service):
-    """There is room for one line, and the report about dropped lines is one already."""
-    world = service.world
     world.log.stop_reading()
-    for _ in range(10):
-        send_and_wait(world, [b"no packet"] * 100)
-    for _ in range(5):
-        world.log.read_one()
-        send_and_wait(world, [b"no packet"] * 100)
-    assert service.client.get_status() == "off"
+    service.client.grab("/missing/cue")
+    flood(world, 6000)
+    service.client.stop()
+    world.log.go_on_reading()
+    entries = world.log.entries(lines)
+    (report,) = [text for priority, text in entries if priority == WARNING]
+    dropped = int(re.fullmatch(r"Dropped log lines, their output takes too few \(lines:(\d+)\)", report)[1])
+    assert entries[-2:] == [STOP, STOP_IDLE]
+    assert GRAB_CANNOT_OPEN in entries
+    # Whatever the daemon's queue took before, then a gap, then the newest.
+    noise = noise_lines(6000)
+    arrived = [entry for entry in entries if entry in noise]
+    before = next(number for number, entry in enumerate(arrived) if entry != noise[number])
+    assert arrived == noise[:before] + noise[before + dropped :]
+
+
+def read_until_ready(descriptor):
+    """Reads the log of a starting service up to the line that says that it listens."""
+    text = b""
+    while READY.encode() not in text:
+        assert select.select([descriptor], [], [], DEADLINE)[0], text
+        text += os.read(descriptor, 1 << 16)
+
+
+@contextlib.contextmanager
+def hanging_datagram_log(world):
+    service = world.start()
+    world.log.stop_reading()
+    yield service
     world.log.go_on_reading()
 
 
-def test_the_end_does_not_wait_for_a_log_daemon_that_stops_reading(service):
-    service.world.log.stop_reading()
-    for _ in range(10):
-        send_and_wait(service.world, [b"no packet"] * 100)
-    assert service.end() == 0
+@contextlib.contextmanager
+def hanging_stream_log(world):
+    path = world.path("syslog")
+    os.unlink(path)
+    with socket.socket(socket.AF_UNIX) as daemon:
+        daemon.bind(path)
+        daemon.listen()
+        service = world.start(wait_for_socket=False)
+        connection, _ = daemon.accept()
+        with connection:
+            read_until_ready(connection.fileno())
+            yield service
+
+
+@contextlib.contextmanager
+def hanging_pipe(world):
+    read_end, write_end = os.pipe()
+    service = world.start(environment=CONSOLE, error_output=write_end, wait_for_socket=False)
+    read_until_ready(read_end)
+    yield service
+    os.close(read_end)
+    os.close(write_end)
+
+
+@contextlib.contextmanager
+def stopped_terminal(world):
+    master, slave = os.openpty()
+    service = world.start(environment=CONSOLE, error_output=slave, wait_for_socket=False)
+    read_until_ready(master)
+    os.write(master, CONTROL_S)
+    yield service
+    os.close(master)
+    os.close(slave)
+
+
+@pytest.mark.parametrize("hanging", [hanging_datagram_log, hanging_stream_log, hanging_pipe, stopped_terminal])
+def test_a_log_that_hangs_holds_nothing_up(world, hanging):
+    """Not the recording of 64 universes with a line for every frame, not a call, not the end."""
+    path = world.path("cue")
+    frames = [[art_dmx(universe, bytes([number] * 512)) for universe in range(64)] for number in range(20)]
+    with hanging(world) as service:
+        flood(world, 3000)
+        service.client.grab(path)
+        for number, frame in enumerate(frames):
+            send_and_wait(world, [b"no packet", *frame[:32]])
+            send_and_wait(world, frame[32:])
+            assert service.client.get_status() == "run", number
+        service.client.stop()
+        assert service.client.get_status() == "off"
+        assert Recording.read(path).datagrams == [data for frame in frames for data in frame]
+        assert service.client.dup_cue(world.directory, path)
+        assert service.writes_log()
+        assert service.end() == 0
 
 
 def test_a_terminal_that_nobody_reads_holds_nothing_up(service):

@@ -1,5 +1,6 @@
 """The real executable, started, watched and stopped."""
 
+import contextlib
 import os
 import select
 import signal
@@ -21,6 +22,11 @@ READY = "[Dump::listen_incoming_data] This device IP is: "
 DATAGRAM_COST = 900
 PORTION = 90_000
 
+# The thread that writes log lines, and the operation of its futex call while it waits for one: a wait without an end on a
+# condition variable (FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG | FUTEX_CLOCK_REALTIME).
+LOG_WRITER = "log writer"
+CONDITION_WAIT = "0x189"
+
 # Seconds between two datagrams that wake the receive thread while the service ends.
 WAKE_PERIOD = 0.005
 
@@ -28,7 +34,12 @@ WAKE_PERIOD = 0.005
 class Process:
     """A run of the executable inside a world; standard error as a list of lines."""
 
-    def __init__(self, world, arguments, environment=None, locale=None, prefix=(), directory=None):
+    pid = None  # until it has been started
+
+    def __init__(
+        self, world, arguments, environment=None, locale=None, prefix=(), directory=None, error_output=None
+    ):
+        """`error_output`: a descriptor that takes standard error in place of `errors`."""
         self.world = world
         variables = {
             "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
@@ -50,7 +61,7 @@ class Process:
             directory=directory,
             env=variables,
             stdout=subprocess.DEVNULL,
-            stderr=subprocess.PIPE,
+            stderr=subprocess.PIPE if error_output is None else error_output,
         )
         self.pid = self._process.pid
         self._pidfd = os.pidfd_open(self.pid)
@@ -61,6 +72,8 @@ class Process:
         self._reader.start()
 
     def _read(self):
+        if self._process.stderr is None:
+            return
         for line in self._process.stderr:
             self._raw.append(line)
             self.errors.append(line.decode("utf-8", "surrogateescape").rstrip("\n"))
@@ -119,6 +132,24 @@ class Process:
 
         spin_until(catches, f"a handler for signal {number}", deadline)
 
+    def wait_until_logged(self, deadline=DEADLINE):
+        """Returns once every line that the process has logged so far is on its output (or the process has ended)."""
+        if self.pid is not None:
+            spin_until(lambda: not self.writes_log(), "the last line to be written", deadline)
+
+    def writes_log(self):
+        """Whether lines that were logged are not yet on their output."""
+        tasks = f"/proc/{self.pid}/task"
+        # Files of threads that end meanwhile are not there any more; nor is anything after the end of the process.
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            for task in os.listdir(tasks):
+                with open(f"{tasks}/{task}/comm", encoding="utf-8") as name:
+                    if name.read().rstrip("\n") != LOG_WRITER:
+                        continue
+                with open(f"{tasks}/{task}/syscall", encoding="ascii") as call:
+                    return call.read().split()[2:3] != [CONDITION_WAIT]
+        return False
+
     def wait_waking(self, deadline=DEADLINE):
         """As wait(), with datagrams that wake the receive thread from its wait of up to a second."""
         end = now() + deadline
@@ -146,15 +177,16 @@ class Process:
         if self.alive:
             self.kill()
         os.close(self._pidfd)
-        self._process.stderr.close()
+        if self._process.stderr is not None:
+            self._process.stderr.close()
 
 
 class Service(Process):
     """The service, ready: its name is owned and its socket bound.
 
     `client` is a bus client that was there before the service, so that no signal is missed. With a log level below 3
-    (say `wait_for_socket=False`) or the output "none" the socket announces itself nowhere; wait for an effect of a datagram
-    then.
+    or a log of the test's own (say `wait_for_socket=False`) or the output "none" the socket announces itself nowhere; wait
+    for an effect of a datagram then.
     """
 
     def __init__(self, world, port=None, wait_for_socket=True, **arguments):
@@ -169,7 +201,7 @@ class Service(Process):
         super().__init__(world, [self.port], **arguments)
         if output == "syslog" and wait_for_socket:
             self._wait_for_start(world.log, lambda line: line.text.startswith(READY), lines)
-        elif output == "console":
+        elif output == "console" and wait_for_socket:
             self._wait_for_start(self.errors, lambda line: line.startswith(READY), 0)
         self.unique_name = self._wait_for_start(
             world.bus.owners, lambda change: change[0] == SERVICE and change[1], owners

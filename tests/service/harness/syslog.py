@@ -4,6 +4,7 @@ import itertools
 import re
 import socket
 import threading
+import time
 from dataclasses import dataclass
 
 from .waiting import DEADLINE, Collector
@@ -20,8 +21,7 @@ _LINE = re.compile(
 _CONTEXT = re.compile(r"\d+ (?:|.*?[)>\]])\) ", re.DOTALL)
 
 
-# Lines that wait for the reader. The kernel's own 10 are soon full when the reader has to wait for a busy processor, and
-# what finds the queue full may be dropped.
+# Lines that wait for the reader. The kernel's own 10 are soon full when the reader has to wait for a busy processor.
 QUEUE = 512
 
 _PROBE = b"\0probe "
@@ -52,11 +52,13 @@ def without_context(text):
 class SystemLog(Collector):
     """Everything that reached /dev/log, in order. `hidden` texts (the harness's own markers) are kept apart.
 
-    `items`, `mark`, `entries`, `messages` hold whatever was written before the call: they wait until it has been read.
+    `items`, `mark`, `entries`, `messages` hold whatever the `writers` (see `Process`) logged before the call: they wait
+    until it has been written and read.
     """
 
-    def __init__(self, namespaces, path):
+    def __init__(self, namespaces, path, writers=()):
         super().__init__("system log")
+        self._writers = writers
         self.hidden = Collector("hidden system log")
         self._hide = set()
         self.foreign = []
@@ -65,6 +67,7 @@ class SystemLog(Collector):
         self._probe_socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._probe_socket.connect(path)
         self._probes_read = Collector("probes of the system log")
+        self._pause = 0.0
         self._reading = threading.Event()
         self._reading.set()
         self._thread = threading.Thread(target=self._read, daemon=True)
@@ -81,6 +84,8 @@ class SystemLog(Collector):
             if not data:  # close() has shut the socket down
                 return
             self._take(data)
+            if self._pause:
+                time.sleep(self._pause)
 
     def _take(self, data):
         if data.startswith(_PROBE):
@@ -100,15 +105,17 @@ class SystemLog(Collector):
         """A log daemon that hangs: it takes one more line at most, and its queue fills up."""
         self._reading.clear()
 
-    def read_one(self):
-        """One line is read by a log daemon that has stopped reading."""
-        self._take(self._socket.recv(1 << 20))
+    def read_slowly(self, seconds):
+        """A log daemon that takes so long for each line."""
+        self._pause = seconds
 
     def go_on_reading(self):
         self._reading.set()
 
     def _catch_up(self):
-        """Returns when everything that lay in the socket's queue has been read."""
+        """Returns when everything that has been logged has been read."""
+        for writer in self._writers:
+            writer.wait_until_logged()
         probe = _PROBE + str(next(self._probes)).encode()
         self._probe_socket.send(probe)
         self._probes_read.wait_for(lambda read: read == probe)

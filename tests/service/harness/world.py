@@ -35,10 +35,11 @@ class World:
         self._markers = itertools.count()
         self._lazy = {}
         self.manufacturer = 0
+        self.processes = []
         try:
             self.namespaces = Namespaces(self.directory)
             self._closers.append(self.namespaces.close)
-            self.log = SystemLog(self.namespaces, f"{self.directory}/syslog")
+            self.log = SystemLog(self.namespaces, f"{self.directory}/syslog", self.processes)
             self._closers.append(self.log.close)
             self.network = Network(self.namespaces, port, with_eth0, broadcast)
             self._closers.append(self.network.close)
@@ -48,7 +49,6 @@ class World:
         except BaseException:
             self.close()
             raise
-        self.processes = []
         if brand is not None:
             self.write_brand(brand)
 
@@ -133,7 +133,7 @@ class World:
         self.log.close()
         os.unlink(path)
         meanwhile()
-        self.log = SystemLog(self.namespaces, path)
+        self.log = SystemLog(self.namespaces, path, self.processes)
         self._closers.append(self.log.close)
 
     def finish(self):
@@ -144,7 +144,7 @@ class World:
         assert self.log.foreign == [], "lines that the service's logger did not write"
 
     def close(self):
-        for process in getattr(self, "processes", []):
+        for process in self.processes:
             if hasattr(process, "_pidfd"):
                 process.close()
         for closer in reversed(self._closers):

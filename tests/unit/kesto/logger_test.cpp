@@ -1,7 +1,11 @@
 #include "kesto/logger.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QByteArray>
@@ -11,11 +15,16 @@
 #include <QTextCodec>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -48,8 +57,13 @@ struct SystemLogLine {
 
 struct SystemLog {
   std::mutex mutex;
+  std::condition_variable changed;
   std::vector<std::string> connection;  // openlog and closelog, as text
   std::vector<SystemLogLine> lines;
+  bool hangs = false;     // it takes no line
+  int waiting = 0;        // threads that have a line for it meanwhile
+  std::string last_name;  // of the thread that wrote last
+  sigset_t last_mask{};   // and the signals it blocks
 };
 
 SystemLog& system_log() {
@@ -64,18 +78,64 @@ __attribute__((format(printf, 2, 0))) void record_syslog(int priority, const cha
   va_end(measured);
   vsnprintf(text.data(), text.size(), format, args);
   text.pop_back();
-  const std::lock_guard<std::mutex> guard(system_log().mutex);
-  system_log().lines.push_back({priority, format, text});
+  SystemLog& log = system_log();
+  std::unique_lock<std::mutex> lock(log.mutex);
+  ++log.waiting;
+  log.changed.notify_all();
+  log.changed.wait(lock, [&log] { return !log.hangs; });
+  --log.waiting;
+  log.lines.push_back({priority, format, text});
+  std::array<char, 16> name{};
+  prctl(PR_GET_NAME, name.data());
+  log.last_name = name.data();
+  pthread_sigmask(SIG_SETMASK, nullptr, &log.last_mask);
 }
+
+/// Returns when every line that was logged before is out.
+void settle() {
+  EXPECT_TRUE(Logger::instance()->flush(std::chrono::minutes(1)));
+}
+
+/// What the system log has been given.
+std::vector<SystemLogLine> system_log_lines() {
+  settle();
+  const std::lock_guard<std::mutex> guard(system_log().mutex);
+  return system_log().lines;
+}
+
+/// The system log takes no line from now on; returns when the writer has one for it.
+void hang_system_log(const char* line) {
+  SystemLog& log = system_log();
+  {
+    const std::lock_guard<std::mutex> guard(log.mutex);
+    log.hangs = true;
+  }
+  Logger::instance()->write(3, line);
+  std::unique_lock<std::mutex> lock(log.mutex);
+  log.changed.wait(lock, [&log] { return log.waiting > 0; });
+}
+
+void wake_system_log() {
+  const std::lock_guard<std::mutex> guard(system_log().mutex);
+  system_log().hangs = false;
+  system_log().changed.notify_all();
+}
+
+// Whether the logger can make a thread.
+std::atomic<bool> threads_can_be_made{true};
 
 }  // namespace
 
-// The linker sends the system log calls of the logger here. The names are the linker's.
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// The linker sends the system log calls of the logger, and its attempt to make a thread, here. The names are
+// the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 void __wrap_openlog(const char* ident, int option, int facility);
 void __wrap_closelog();
 void __wrap_syslog(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                          void* argument);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                          void* argument);
 void __wrap___syslog_chk(int priority, int flag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
@@ -83,6 +143,12 @@ void __wrap_openlog(const char* ident, int option, int facility) {
   const std::lock_guard<std::mutex> guard(system_log().mutex);
   system_log().connection.push_back(std::string("open ") + (ident != nullptr ? ident : "null") + ' ' +
                                     std::to_string(option) + ' ' + std::to_string(facility));
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                          void* argument) {
+  if (!threads_can_be_made) return EAGAIN;
+  return __real_pthread_create(thread, attributes, start, argument);
 }
 
 void __wrap_closelog() {
@@ -113,11 +179,11 @@ namespace {
 class CapturedStandardError {
 public:
   CapturedStandardError() : saved(dup(STDERR_FILENO)), file(memfd_create("stderr", MFD_CLOEXEC)) {
-    fflush(stderr);
+    settle();
     dup2(file, STDERR_FILENO);
   }
   ~CapturedStandardError() {
-    fflush(stderr);
+    settle();
     dup2(saved, STDERR_FILENO);
     close(saved);
     close(file);
@@ -128,7 +194,7 @@ public:
   CapturedStandardError& operator=(CapturedStandardError&&) = delete;
 
   std::string text() const {
-    fflush(stderr);
+    settle();
     std::string all;
     std::array<char, 4096> piece{};
     for (;;) {
@@ -152,6 +218,8 @@ protected:
     logger->setLevel(3);
     logger->setOutput(Logger::Console);
     logger->useContext(true);
+    settle();
+    const std::lock_guard<std::mutex> guard(system_log().mutex);
     system_log().lines.clear();
   }
   ~LoggerTest() override {
@@ -343,7 +411,7 @@ TEST_F(LoggerTest, OutputNoneDiscardsEveryLine) {
   for (const int level : kLevels) logger->log(level, "file", 1, "f", "m");
   logger->write(-2, "line");
   EXPECT_EQ(console.text(), "");
-  EXPECT_EQ(system_log().lines, Lines{});
+  EXPECT_EQ(system_log_lines(), Lines{});
 }
 
 TEST_F(LoggerTest, OutputValuesWithoutAMeaningDiscardEveryLine) {
@@ -353,7 +421,7 @@ TEST_F(LoggerTest, OutputValuesWithoutAMeaningDiscardEveryLine) {
     for (const int level : kLevels) logger->log(level, "file", 1, "f", "m");
     logger->write(-2, "line");
     EXPECT_EQ(console.text(), "") << output;
-    EXPECT_EQ(system_log().lines, Lines{}) << output;
+    EXPECT_EQ(system_log_lines(), Lines{}) << output;
   }
 }
 
@@ -374,7 +442,7 @@ TEST_F(LoggerTest, SystemLogPriorityFollowsTheLevel) {
     logger->log(level, "file", 1, "f", "m");
     expected.push_back({level == -2 ? kErr : level == -1 ? kWarning : kInfo, "m", "m"});
   }
-  EXPECT_EQ(system_log().lines, expected);
+  EXPECT_EQ(system_log_lines(), expected);
   EXPECT_EQ(console.text(), "");
 }
 
@@ -383,7 +451,7 @@ TEST_F(LoggerTest, SystemLogGetsTheFinishedLineAsItsFormatWithPercentSignsDouble
   logger->log(3, "file", 1, "f", "%s", "100 % %n%s%1%2 %%");
   logger->log(-2, nullptr, 57, "void %f()", "%s", "%d");
   logger->write(-1, "%");
-  EXPECT_EQ(system_log().lines, (Lines{{kInfo, "100 %% %%n%%s%%1%%2 %%%%", "100 % %n%s%1%2 %%"},
+  EXPECT_EQ(system_log_lines(), (Lines{{kInfo, "100 %% %%n%%s%%1%%2 %%%%", "100 % %n%s%1%2 %%"},
                                        {kErr, "57 void %%f()) %%d", "57 void %f()) %d"},
                                        {kWarning, "%%", "%"}}));
 }
@@ -392,7 +460,7 @@ TEST_F(LoggerTest, SystemLogGetsLongMessagesWhole) {
   logger->setOutput(Logger::Syslog);
   const std::string text(100000, '%');
   logger->log(3, "file", 1, "f", "%s", text.c_str());
-  EXPECT_EQ(system_log().lines, (Lines{{kInfo, text + text, text}}));
+  EXPECT_EQ(system_log_lines(), (Lines{{kInfo, text + text, text}}));
 }
 
 TEST_F(LoggerTest, FrameworkMessagesAreMappedToLevels) {
@@ -402,7 +470,7 @@ TEST_F(LoggerTest, FrameworkMessagesAreMappedToLevels) {
   Logger::MessageHandler(QtWarningMsg, context, QStringLiteral("warning"));
   Logger::MessageHandler(QtCriticalMsg, context, QStringLiteral("critical"));
   Logger::MessageHandler(QtFatalMsg, context, QStringLiteral("fatal"));
-  EXPECT_EQ(system_log().lines, (Lines{{kInfo, "debug", "debug"},
+  EXPECT_EQ(system_log_lines(), (Lines{{kInfo, "debug", "debug"},
                                        {kWarning, "12 void f()) warning", "12 void f()) warning"},
                                        {kErr, "12 void f()) critical", "12 void f()) critical"},
                                        {kErr, "12 void f()) fatal", "12 void f()) fatal"}}));
@@ -440,7 +508,7 @@ TEST_F(LoggerTest, PercentSignsOfAFrameworkMessageStay) {
 TEST_F(LoggerTest, PercentSignsOfAFrameworkMessageStayInTheSystemLogToo) {
   logger->setOutput(Logger::Syslog);
   Logger::MessageHandler(QtDebugMsg, QMessageLogContext(), QStringLiteral("%s %%"));
-  EXPECT_EQ(system_log().lines, (Lines{{kInfo, "%%s %%%%", "%s %%"}}));
+  EXPECT_EQ(system_log_lines(), (Lines{{kInfo, "%%s %%%%", "%s %%"}}));
 }
 
 TEST_F(LoggerTest, FrameworkHandsItsMessagesToTheLogger) {
@@ -490,7 +558,7 @@ TEST_F(LoggerTest, SlotsCanBeInvokedByName) {
   logger->log(-2, "file", 1, "f", "m");
   logger->log(0, "file", 1, "f", "m");
   EXPECT_EQ(console.text(), "");
-  EXPECT_EQ(system_log().lines, (Lines{{kErr, "m", "m"}}));
+  EXPECT_EQ(system_log_lines(), (Lines{{kErr, "m", "m"}}));
 }
 
 TEST_F(LoggerTest, LinesOfSeveralThreadsStayWhole) {
@@ -518,6 +586,112 @@ TEST_F(LoggerTest, LinesOfSeveralThreadsStayWhole) {
   EXPECT_EQ(next, (std::array<int, kThreads>{kMessages, kMessages, kMessages, kMessages}));
 }
 
+TEST_F(LoggerTest, WriterHasANameAndTakesNoSignal) {
+  logger->setOutput(Logger::Syslog);
+  logger->log(3, "file", 1, "f", "m");
+  settle();
+  EXPECT_EQ(system_log().last_name, "log writer");
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGPIPE, SIGUSR1, SIGCHLD, SIGTTOU, SIGRTMIN}) {
+    EXPECT_EQ(sigismember(&system_log().last_mask, signal), 1) << signal;
+  }
+  sigset_t mine;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mine);
+  EXPECT_EQ(sigismember(&mine, SIGTERM), 0);
+}
+
+TEST_F(LoggerTest, LinesGoToTheOutputThatWasInForceWhenTheyWereLogged) {
+  const CapturedStandardError console;
+  logger->setOutput(Logger::Syslog);
+  hang_system_log("first");
+  logger->log(3, "file", 1, "f", "second");
+  logger->setOutput(Logger::None);
+  logger->log(3, "file", 1, "f", "discarded");
+  logger->setOutput(Logger::Console);
+  logger->log(3, "file", 1, "f", "third");
+  logger->setOutput(Logger::None);
+  wake_system_log();
+  EXPECT_EQ(system_log_lines(), (Lines{{kInfo, "first", "first"}, {kInfo, "second", "second"}}));
+  EXPECT_EQ(console.text(), "third\n");
+}
+
+TEST_F(LoggerTest, WaitsForItsLinesNoLongerThanItIsTold) {
+  EXPECT_TRUE(logger->flush(std::chrono::milliseconds(0)));
+  logger->setOutput(Logger::Syslog);
+  hang_system_log("hangs");
+  EXPECT_FALSE(logger->flush(std::chrono::milliseconds(0)));
+  EXPECT_FALSE(logger->flush(std::chrono::milliseconds(1)));
+  wake_system_log();
+  settle();
+}
+
+/// What the system log gets when it has been hanging while @p logger was given more lines than it keeps:
+/// 5,000 of level 3 with an error after every hundredth.
+Lines after_a_hang(Logger& logger, int threshold) {
+  logger.setOutput(Logger::Syslog);
+  hang_system_log("before");
+  for (int i = 0; i < 5000; ++i) {
+    if (i % 100 == 0) logger.log(-2, nullptr, i, "f", "error");
+    logger.log(3, nullptr, 0, nullptr, "%d", i);
+  }
+  logger.setLevel(threshold);
+  wake_system_log();
+  return system_log_lines();
+}
+
+/// The same as it is to be: of the 5,050 lines 4,096 are kept, all errors among them.
+Lines kept_lines(const std::string& context, const std::string& report) {
+  Lines lines{{kInfo, "before", "before"}};
+  if (!report.empty()) lines.push_back({kWarning, report, report});
+  for (int i = 0; i < 5000; ++i) {
+    const std::string error = (context.empty() ? "" : std::to_string(i) + context) + "error";
+    if (i % 100 == 0) lines.push_back({kErr, error, error});
+    const std::string text = std::to_string(i);
+    if (i >= 954) lines.push_back({kInfo, text, text});
+  }
+  return lines;
+}
+
+TEST_F(LoggerTest, HangingOutputCostsTheOldestOrdinaryLinesAndAWarningSaysSo) {
+  logger->useContext(false);
+  EXPECT_EQ(after_a_hang(*logger, 3),
+            kept_lines("", "Dropped log lines, their output takes too few (lines:954)"));
+}
+
+TEST_F(LoggerTest, WarningAboutDroppedLinesHasAContextLikeAnyOther) {
+  const Lines lines = after_a_hang(*logger, -1);
+  ASSERT_GT(lines.size(), 1U);
+  const std::regex report(
+      R"(\d+ void kesto::Logger::report_dropped\(.*\)\) Dropped log lines, their output takes too few \(lines:954\))");
+  EXPECT_TRUE(std::regex_match(lines[1].text, report)) << lines[1];
+  EXPECT_EQ(lines, kept_lines(" f) ", lines[1].text));
+}
+
+TEST_F(LoggerTest, WarningAboutDroppedLinesIsSubjectToTheThreshold) {
+  EXPECT_EQ(after_a_hang(*logger, -2), kept_lines(" f) ", ""));
+}
+
+TEST_F(LoggerTest, PipeThatNobodyReadsHoldsNobodyUp) {
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+  const int saved = dup(STDERR_FILENO);
+  dup2(pipe[1], STDERR_FILENO);
+  const std::string text(100, 'x');  // far more than a pipe takes
+  for (int i = 0; i < 4000; ++i) logger->log(3, nullptr, 0, nullptr, "%d %s", i, text.c_str());
+  EXPECT_FALSE(logger->flush(std::chrono::milliseconds(0)));
+  std::string expected;
+  for (int i = 0; i < 4000; ++i) expected += std::to_string(i) + ' ' + text + '\n';
+  std::string got(expected.size(), '\0');
+  for (size_t size = 0; size < got.size();) {
+    const ssize_t more = read(pipe[0], &got[size], got.size() - size);
+    ASSERT_GT(more, 0);
+    size += static_cast<size_t>(more);
+  }
+  settle();
+  dup2(saved, STDERR_FILENO);
+  for (const int fd : {saved, pipe[0], pipe[1]}) close(fd);
+  EXPECT_EQ(got, expected);
+}
+
 CHILD_SCENARIO(new_logger) {
   EXPECT_EQ(system_log().connection, std::vector<std::string>{});
   Logger* const logger = Logger::instance();
@@ -526,7 +700,7 @@ CHILD_SCENARIO(new_logger) {
   const std::string path = std::string(131, 'p') + "/x";
   for (const int level : {-2, -1, 0, 1, 3, 4, 6})
     logger->log(level, path.c_str(), 9, "f()", "level %d", level);
-  EXPECT_EQ(system_log().lines, Lines{});
+  EXPECT_EQ(system_log_lines(), Lines{});
 }
 
 TEST(Logger, StartsAtThresholdThreeOnTheConsoleWithContext) {
@@ -561,24 +735,136 @@ TEST(Logger, IsConstructedOnceWhenSeveralThreadsCallFirst) {
   EXPECT_EQ(child.err, "");
 }
 
-void after_the_logger_is_gone() {
-  Logger::MessageHandler(QtWarningMsg, QMessageLogContext(), QStringLiteral("too late"));
-  const bool handler_is_installed = qInstallMessageHandler(nullptr) == &Logger::MessageHandler;
-  std::string report = handler_is_installed ? "handler still installed\n" : "handler uninstalled\n";
-  for (const std::string& event : system_log().connection) report += event + '\n';
-  fputs(report.c_str(), stdout);
+/// What the system log has seen, as text; once the logger has ended or is not used any more.
+void print_system_log() {
+  for (const std::string& event : system_log().connection) printf("%s\n", event.c_str());
+  for (const SystemLogLine& line : system_log().lines) printf("%s\n", line.text.c_str());
 }
 
-CHILD_SCENARIO(message_after_the_end) {
-  EXPECT_EQ(std::atexit(&after_the_logger_is_gone), 0);
+void after_the_end() {
+  Logger::MessageHandler(QtWarningMsg, QMessageLogContext(), QStringLiteral("framework, after the end"));
+  print_system_log();
+}
+
+/// Logs when it is destroyed.
+struct Farewell {
+  const char* text;
+  ~Farewell() { KESTO_LOG(3, "%s", text); }
+};
+
+CHILD_SCENARIO(lines_at_static_destruction) {
+  EXPECT_EQ(std::atexit(&after_the_end), 0);
+  static const Farewell made_before{"after the end"};
+  Logger::instance();
+  static const Farewell made_afterwards{"before the end"};
+  KESTO_LOG(3, "last line of main");
+}
+
+TEST(Logger, ClosesTheSystemLogAtExitAndStillTakesLines) {
+  const unit::Outcome child = unit::run_child("lines_at_static_destruction");
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.out, "open null 0 128\nclose\n");
+  EXPECT_EQ(child.err, "last line of main\nbefore the end\nafter the end\n0 ) framework, after the end\n");
+}
+
+CHILD_SCENARIO(nothing_logged) {
+  EXPECT_EQ(std::atexit(&print_system_log), 0);
   Logger::instance();
 }
 
-TEST(Logger, ClosesTheSystemLogAtExitAndIgnoresLaterFrameworkMessages) {
-  const unit::Outcome child = unit::run_child("message_after_the_end");
+TEST(Logger, ClosesTheSystemLogAtExitWhenNothingWasLogged) {
+  const unit::Outcome child = unit::run_child("nothing_logged");
   EXPECT_EQ(child.status, 0);
-  EXPECT_EQ(child.out, "handler uninstalled\nopen null 0 128\nclose\n");
-  EXPECT_EQ(child.err, "");
+  EXPECT_EQ(child.out, "open null 0 128\nclose\n");
+}
+
+CHILD_SCENARIO(lines_at_the_end) {
+  EXPECT_EQ(std::atexit(&print_system_log), 0);
+  Logger::instance()->setOutput(Logger::Syslog);
+  hang_system_log("0");
+  for (int i = 1; i < 1000; ++i) KESTO_LOG(3, "%d", i);
+  wake_system_log();
+}
+
+TEST(Logger, WritesAtExitWhatTheQueueHolds) {
+  const unit::Outcome child = unit::run_child("lines_at_the_end");
+  EXPECT_EQ(child.status, 0);
+  std::string expected = "open null 0 128\nclose\n";
+  for (int i = 0; i < 1000; ++i) expected += std::to_string(i) + '\n';
+  EXPECT_EQ(child.out, expected);
+}
+
+void after_an_end_that_hangs() {
+  KESTO_LOG(-2, "after the end");
+  Logger::MessageHandler(QtWarningMsg, QMessageLogContext(), QStringLiteral("framework"));
+  const std::lock_guard<std::mutex> guard(system_log().mutex);
+  print_system_log();
+}
+
+CHILD_SCENARIO(hanging_at_the_end) {
+  EXPECT_EQ(std::atexit(&after_an_end_that_hangs), 0);
+  Logger::instance()->setOutput(Logger::Syslog);
+  hang_system_log("hangs");
+  KESTO_LOG(-2, "waits");
+}
+
+TEST(Logger, ProcessEndsWhileTheSystemLogTakesNoLine) {
+  const unit::Outcome child = unit::run_child("hanging_at_the_end");
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.out, "open null 0 128\n");
+}
+
+CHILD_SCENARIO(no_thread) {
+  EXPECT_EQ(std::atexit(&print_system_log), 0);
+  threads_can_be_made = false;
+  Logger* const logger = Logger::instance();
+  logger->setOutput(Logger::Syslog);
+  KESTO_LOG(3, "without a thread");
+  EXPECT_EQ(system_log().lines, (Lines{{kInfo, "without a thread", "without a thread"}}));
+  threads_can_be_made = true;
+  KESTO_LOG(3, "with one");
+  EXPECT_EQ(system_log_lines().size(), 2U);
+  EXPECT_EQ(system_log().last_name, "log writer");
+  threads_can_be_made = false;
+  KESTO_LOG(3, "with the same");
+}
+
+TEST(Logger, WritesByItselfWhileNoThreadCanBeMade) {
+  const unit::Outcome child = unit::run_child("no_thread");
+  EXPECT_EQ(child.status, 0) << child.out;
+  EXPECT_EQ(child.out, "open null 0 128\nclose\nwithout a thread\nwith one\nwith the same\n");
+}
+
+CHILD_SCENARIO(forked) {
+  KESTO_LOG(3, "parent");
+  settle();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    KESTO_LOG(3, "child");
+    exit(7);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7);
+  KESTO_LOG(3, "parent again");
+}
+
+TEST(Logger, LinesOfAForkedChildArrive) {
+  const unit::Outcome child = unit::run_child("forked");
+  EXPECT_EQ(child.status, 0) << child.out;
+  EXPECT_EQ(child.err, "parent\nchild\nparent again\n");
+}
+
+CHILD_SCENARIO(fatal) {
+  prctl(PR_SET_DUMPABLE, 0);
+  Logger::instance();
+  qFatal("nothing goes any more");
+}
+
+TEST(Logger, FatalFrameworkMessageIsOutBeforeTheProcessIsEnded) {
+  const unit::Outcome child = unit::run_child("fatal");
+  EXPECT_EQ(child.status, -SIGABRT);
+  EXPECT_EQ(child.err, "0 ) nothing goes any more\n");
 }
 
 CHILD_SCENARIO(message_before_the_first_call) {
