@@ -76,7 +76,11 @@ void Logger::end() {
   while (logger.route.load() == Route::ToQueue) {
     if (!logger.settled.wait_until(logger.mutex, deadline)) break;
   }
-  if (logger.route.load() == Route::ToQueue) logger.route.store(Route::Nowhere);
+  if (logger.route.load() == Route::ToQueue) {
+    logger.route.store(Route::Nowhere);
+  } else {
+    pthread_join(logger.writer, nullptr);  // it takes the mutex no more
+  }
 }
 
 void Logger::log(int message_level, const char* file, int line_number, const char* function,
@@ -142,12 +146,8 @@ bool Logger::start_writer() {
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  pthread_t writer{};
   has_writer = pthread_create(&writer, nullptr, &Logger::write_lines, this) == 0;
-  if (has_writer) {
-    pthread_setname_np(writer, "log writer");
-    pthread_detach(writer);
-  }
+  if (has_writer) pthread_setname_np(writer, "log writer");
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return has_writer;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <QObject>
 #include <QtGlobal>
 #include <atomic>
@@ -107,6 +109,7 @@ private:
   ConditionVariable settled;  // for who waits for the writer: it has nothing to do, or has ended
   LogQueue queue GUARDED_BY(mutex);
   bool has_writer GUARDED_BY(mutex) = false;
+  pthread_t writer GUARDED_BY(mutex) = 0;
   bool writing GUARDED_BY(mutex) = false;  // a line has left the queue and is not yet out
   bool ending GUARDED_BY(mutex) = false;
 };

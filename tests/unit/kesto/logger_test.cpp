@@ -852,7 +852,9 @@ CHILD_SCENARIO(forked) {
 TEST(Logger, LinesOfAForkedChildArrive) {
   const unit::Outcome child = unit::run_child("forked");
   EXPECT_EQ(child.status, 0) << child.out;
-  EXPECT_EQ(child.err, "parent\nchild\nparent again\n");
+  // The address sanitizer's search for leaks says that it cannot stop the writer, which the child has not.
+  const std::regex remark("==.*False leaks are possible\\.\n");
+  EXPECT_EQ(std::regex_replace(child.err, remark, ""), "parent\nchild\nparent again\n");
 }
 
 CHILD_SCENARIO(fatal) {
