@@ -236,8 +236,15 @@ int UdpSocket::select_with_tm(int timeout_ms, bool read) const {
 }
 
 bool UdpSocket::waitForReadyRead(int timeout_ms) {
-  if (!initialize()) return false;
-  return select_with_tm(timeout_ms, true) > 0;
+  return waitFor(timeout_ms) == Wait::Ready;
+}
+
+UdpSocket::Wait UdpSocket::waitFor(int timeout_ms) {
+  if (!initialize()) return Wait::Failed;
+  const int result = select_with_tm(timeout_ms, true);
+  if (result > 0) return Wait::Ready;
+  if (result == 0) return Wait::TimeOut;
+  return errno == EINTR ? Wait::Interrupted : Wait::Failed;
 }
 
 }  // namespace kesto::net

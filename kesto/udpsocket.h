@@ -116,6 +116,10 @@ public:
   /// True when a datagram can be read within the time-out.
   bool waitForReadyRead(int timeout_ms);
 
+  /// The same, and why not. Failed: there is no socket to wait for, or the wait failed (see errno).
+  enum class Wait { Ready, TimeOut, Interrupted, Failed };
+  Wait waitFor(int timeout_ms);
+
 private:
   struct Batch;
 

@@ -1,87 +1,186 @@
 #include "src/Dump.h"
 
+#include <QFile>
+
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
+#include "src/CueCopy.h"
 #include "src/ThreadSignals.h"
 
-// Life cycle of the service object and the wiring of its parser.
-
-namespace {
-
-/// What the appliance says of itself.
-NodeIdentity identity_of_device() {
-  kesto::device::initialize();
-  return {kesto::device::ip_address(),      kesto::device::mac_address(), kesto::device::oem_id(),
-          kesto::device::manufacturer_id(), kesto::device::short_name(),  kesto::device::long_name()};
-}
-
-}  // namespace
-
-Dump::Dump(int port, qint32 announced) : Dump(announced, nullptr) {
+Dump::Dump(int port, qint32 announced) : Dump(look_at_device(), announced) {
   const EndSignalsBlocked blocked;
-  listen_thread = std::thread(&Dump::listen_incoming_data, this, port);
+  listen_thread = std::thread(&ReceiveLoop::listen_incoming_data, &receive_loop, port);
 }
 
-Dump::Dump(qint32 announced, std::nullptr_t)
-    : latest_grab_summary(std::make_shared<const GrabSummary>()), responder(identity_of_device(), announced) {
+Dump::Dump(Device own, qint32 announced)
+    : device(std::move(own)),
+      detector([this](ArtnetNodesUpdatedObject& updates) {
+        connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, this, &Dump::OnArtnetNodesUpdated);
+      }),
+      responder({device.device_ip_hex, device.device_mac, kesto::device::oem_id(),
+                 kesto::device::manufacturer_id(), kesto::device::short_name(), kesto::device::long_name()},
+                announced),
+      receive_loop(device.device_ip_hex, {state, responder, detector, triggers, [this] {
+                                            QMetaObject::invokeMethod(
+                                                this, [this] { conclude_ended_grab(); },
+                                                Qt::QueuedConnection);
+                                          }}) {
   register_node_types();
-  connect(&trigger_signals, &OnArtnetTriggerObject::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
-  connect(this, &Dump::OnArtnetTrigger, this, [this] { trigger_handed_over(); });
-  device_ip_hex = kesto::device::ip_address();
-  device_mac = kesto::device::mac_address();
-  broadcast_ip = kesto::device::broadcast_ip();
-  wire_parser();
+  connect(&triggers, &TriggerQueue::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
+}
+
+Dump::Device Dump::look_at_device() {
+  kesto::device::initialize();
+  return {kesto::device::ip_address(), kesto::device::mac_address(), kesto::device::broadcast_ip()};
 }
 
 Dump::~Dump() {
-  running = false;
-  node_detector.stop();
+  receive_loop.stop();
+  detector.stop();
   if (listen_thread.joinable()) listen_thread.join();
+  conclude_ended_grab();
 }
 
-void Dump::wire_parser() {
-  parser.on_trigger = [this](ArtTrigger& trigger) { process_artnet_trigger(trigger); };
-  parser.on_dmx = [this](ArtDmx& dmx) {
-    if (!parser.from_stale_bytes()) holds_dmx = true;
-    process_artnet_trigger_dmx(dmx);
-  };
-  parser.on_poll = [this](ArtPoll& poll) {
-    // What lies in the buffer from before has been answered: else one byte would bring dozens of answers.
-    if (!parser.from_stale_bytes()) process_art_poll(poll);
-  };
-  parser.on_poll_reply = [this](ArtPollReply& reply) { node_detector.process_art_poll_reply(reply); };
-  parser.on_unknown = [this](ArtHeader&) {
-    KESTO_LOG(6, "[Dump::ArtNetParser::on_unknown] Failed to parse unknown packet (%d)",
-              static_cast<int>(parser.packet_count));
-  };
-  parser.on_error = [this](const std::error_code ec) {
-    KESTO_LOG(-2, "[Dump::ArtNetParser::on_error] Failed to parse packet (%d, ec:%d)",
-              static_cast<int>(parser.packet_count), ec.value());
-  };
+// ---- recorder ----
+
+void Dump::conclude_ended_grab() {
+  std::optional<EndedGrab> ended;
+  {
+    GuardedState::Writer guard(state);
+    ended = guard.recorder().take_ended_grab();
+  }
+  if (!ended) return;
+  latest_grab_summary = ended->conclude();
+  if (ended->dropped > 0) {
+    KESTO_LOG(-1, "[Dump::finalize_grabbing] File took no data at the end (dropped:%llu)",
+              static_cast<unsigned long long>(ended->dropped));
+  }
 }
+
+void Dump::grab(const QString& filename) {
+  KESTO_LOG(3, "[Dump::grab] Preparing to grab");
+  conclude_ended_grab();
+  bool off = false;
+  {
+    GuardedState::Writer guard(state);
+    off = guard.recorder().is_off();
+  }
+  if (!off) {
+    KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
+    return;
+  }
+  // Only this thread starts a recording, so it stays off meanwhile.
+  auto file = RecordingFile::open(filename);
+  if (file == nullptr) {
+    KESTO_LOG(-2, "Can't open file for grabbing");
+    return;
+  }
+  GuardedState::Writer guard(state);
+  guard.recorder().arm(std::move(file), guard.control().ctrl_record_enabled());
+}
+
+void Dump::stop() {
+  KESTO_LOG(3, "[Dump::stop] Stopping grabber");
+  bool off = false;
+  {
+    GuardedState::Writer guard(state);
+    off = guard.recorder().is_off();
+    if (!off) guard.recorder().finalize_grabbing();
+  }
+  if (off)
+    KESTO_LOG(3, "[Dump::stop] Failed to stop grabber, idle");
+  else
+    KESTO_LOG(3, "[Dump::finalize_grabbing] Grabbing finalized");
+  conclude_ended_grab();
+}
+
+QString Dump::get_status() {
+  // Whoever reads "off" finds the file complete.
+  conclude_ended_grab();
+  GuardedState::Writer guard(state);
+  return QString::fromLatin1(guard.recorder().status());
+}
+
+QString Dump::latest_grab() {
+  conclude_ended_grab();
+  const std::string report = grab_report(latest_grab_summary);
+  KESTO_LOG(3, "[Dump::latest_grab] Get latest grab (%s)", report.c_str());
+  return QString::fromLocal8Bit(report.data(), static_cast<int>(report.size()));
+}
+
+QString Dump::dup_cue(const QString& destpath, const QString& filename) {
+  KESTO_LOG(3, "[Dump::dup_cue] Preparing to clone cue");
+  conclude_ended_grab();
+  if (!QFile::exists(filename)) return QString::fromLatin1("");
+  KESTO_LOG(3, "[Dump::dup_cue] Generating new cue path");
+  QString path = new_cue_path(destpath);
+  KESTO_LOG(3, "[Dump::dup_cue] New cue path is: %s", path.toLocal8Bit().constData());
+  if (!path.isEmpty()) copy_cue(filename, path);
+  KESTO_LOG(3, "[Dump::dup_cue] cue cloned");
+  return path;
+}
+
+// ---- control universe ----
+
+template <typename Setter>
+bool Dump::set_control(const char* subject, Setter setter) {
+  using Refusal = ControlUniverse::Refusal;
+  Refusal refusal = Refusal::GrabberNotIdle;
+  {
+    GuardedState::Writer guard(state);
+    if (guard.recorder().is_off()) refusal = setter(guard.control());
+  }
+  if (refusal == Refusal::None) return true;
+  KESTO_LOG(3, "[Dump::set_ctrl_%s] Failed to set control %s, %s", subject, subject,
+            ControlUniverse::reason(refusal));
+  return false;
+}
+
+bool Dump::set_ctrl_universe(int universe) {
+  KESTO_LOG(3, "[Dump::set_ctrl_universe] Setting control universe (universe:%d)", universe);
+  return set_control("universe",
+                     [universe](ControlUniverse& control) { return control.set_ctrl_universe(universe); });
+}
+
+bool Dump::set_ctrl_action(int key_channel, int value_channel, int step) {
+  KESTO_LOG(3, "[Dump::set_ctrl_action] Setting control action (key_channel:%d, value_channel:%d, step:%d)",
+            key_channel, value_channel, step);
+  return set_control("action", [=](ControlUniverse& control) {
+    return control.set_ctrl_action(key_channel, value_channel, step);
+  });
+}
+
+bool Dump::set_ctrl_record(int channel, int threshold) {
+  KESTO_LOG(3, "[Dump::set_ctrl_record] Setting control record (channel:%d, threshold:%d)", channel,
+            threshold);
+  return set_control("record",
+                     [=](ControlUniverse& control) { return control.set_ctrl_record(channel, threshold); });
+}
+
+// ---- node detection ----
 
 bool Dump::set_automatic_node_detection(bool enable) {
-  return node_detector.set_automatic_node_detection(enable);
+  return detector.set_automatic_node_detection(enable);
 }
 
 bool Dump::request_node_detection() {
-  return node_detector.request_node_detection();
+  return detector.request_node_detection();
 }
 
 bool Dump::node_detection_request_pending() {
-  return node_detector.node_detection_request_pending();
+  return detector.node_detection_request_pending();
 }
 
 bool Dump::start_polling_artnet_nodes() {
-  return node_detector.start_polling_artnet_nodes(broadcast_ip);
+  return detector.start_polling_artnet_nodes(device.broadcast_ip);
 }
 
 QString Dump::get_detected_nodes() {
-  return node_detector.get_detected_nodes();
+  return detector.get_detected_nodes();
 }
 
 bool Dump::remove_detected_nodes() {
-  const std::optional<QString> message = node_detector.remove_detected_nodes();
+  const std::optional<QString> message = detector.remove_detected_nodes();
   if (message) emit OnArtnetNodesUpdated(*message);
   return message.has_value();
 }
@@ -92,6 +191,8 @@ bool Dump::announce(const char* method, const std::optional<QString>& message) {
   emit OnArtnetNodesUpdated(*message);
   return true;
 }
+
+// ---- manual nodes ----
 
 bool Dump::init_manual_nodes(const std::vector<ArtnetNode>& nodes) {
   return announce("init_manual_nodes", manual_nodes.init(nodes));

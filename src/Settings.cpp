@@ -9,30 +9,64 @@
 namespace {
 
 /// Whole decimal number that fills @p text from its first to its last character.
-std::optional<int> parse_int(const char* text) {
-  int value = 0;
+/// @return whether it is one
+bool take_int(const char* text, int& value) {
+  int number = 0;
   const char* const end = text + strlen(text);
-  const auto result = std::from_chars(text, end, value);
-  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-  return value;
+  const auto result = std::from_chars(text, end, number);
+  if (result.ec != std::errc() || result.ptr != end) return false;
+  value = number;
+  return true;
 }
+
+bool take_log_level(const char* text, Settings& settings) {
+  return take_int(text, settings.log_level);
+}
+
+bool take_log_output(const char* text, Settings& settings) {
+  const std::string_view name = text;
+  if (name == "syslog")
+    settings.log_output = kesto::Logger::Syslog;
+  else if (name == "console")
+    settings.log_output = kesto::Logger::Console;
+  else if (name == "none")
+    settings.log_output = kesto::Logger::None;
+  else
+    return false;
+  return true;
+}
+
+bool take_universe_count(const char* text, Settings& settings) {
+  int count = 0;
+  if (!take_int(text, count) || count < 1 || count > kUniverseLimit) return false;
+  settings.universe_count = count;
+  return true;
+}
+
+/// One variable: what its value must be, what it is otherwise, and who takes it.
+struct Variable {
+  const char* name;
+  const char* condition;
+  const char* otherwise;
+  bool (*take)(const char* text, Settings& settings);
+};
+
+constexpr Variable kVariables[] = {
+    {"KADREL_LOG_LEVEL", "an integer", "3", take_log_level},
+    {"KADREL_LOG_OUTPUT", "syslog, console or none", "syslog", take_log_output},
+    {"KADREL_UNIVERSE_COUNT", "a number from 1 to 32768", "1", take_universe_count},
+};
+static_assert(kUniverseLimit == 32768, "a text above says it");
 
 }  // namespace
 
-std::optional<std::int32_t> parse_universe_count(const char* text) {
-  const auto count = parse_int(text);
-  if (!count || *count < 1 || *count > kUniverseLimit) return std::nullopt;
-  return count;
-}
-
-std::optional<int> parse_log_level(const char* text) {
-  return parse_int(text);
-}
-
-std::optional<kesto::Logger::Output> parse_log_output(const char* text) {
-  const std::string_view name = text;
-  if (name == "syslog") return kesto::Logger::Syslog;
-  if (name == "console") return kesto::Logger::Console;
-  if (name == "none") return kesto::Logger::None;
-  return std::nullopt;
+Settings read_settings(const char* (*variable)(const char* name)) {
+  Settings settings;
+  for (const Variable& one : kVariables) {
+    const char* const text = variable(one.name);
+    if (text == nullptr || one.take(text, settings)) continue;
+    settings.warnings.push_back(std::string(one.name) + " is not " + one.condition + ", using " +
+                                one.otherwise + " (value:" + text + ")");
+  }
+  return settings;
 }

@@ -1,17 +1,20 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "kesto/logger.h"
 
-/// Settings taken from the environment. Each function takes the text of one variable.
+/// What the environment of the process sets. A value that is not understood means the default and a warning.
+struct Settings {
+  int log_level = 3;  // KADREL_LOG_LEVEL, threshold of the log: any int
+  kesto::Logger::Output log_output = kesto::Logger::Syslog;  // KADREL_LOG_OUTPUT: syslog, console or none
+  std::int32_t universe_count = 1;  // KADREL_UNIVERSE_COUNT, universes to announce: 1..32768
 
-/// Number of universes to announce, 1..32768. @return nothing when @p text is anything else
-std::optional<std::int32_t> parse_universe_count(const char* text);
+  std::vector<std::string> warnings;  // a line for each variable whose value was not understood
+};
 
-/// Threshold of the log, any int. @return nothing when @p text is anything else
-std::optional<int> parse_log_level(const char* text);
-
-/// Output of the log: "syslog", "console" or "none". @return nothing when @p text is anything else
-std::optional<kesto::Logger::Output> parse_log_output(const char* text);
+/// Settings of the environment that @p variable looks into.
+/// @param variable  value of the variable of a name, null when it is not set; as getenv()
+Settings read_settings(const char* (*variable)(const char* name));

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <system_error>
 
 #include "kesto/logger.h"
@@ -22,8 +23,6 @@
 #include "src/ThreadSignals.h"
 
 namespace {
-
-const char* const kVersion = "1.5.2";
 
 // Self-pipe: signals go in at [1], the event loop reads [0].
 int signal_pipe[2] = {-1, -1};
@@ -87,37 +86,16 @@ void print_usage() {
   qDebug("  ,where        port - dump on port ");
 }
 
-void configure_logger() {
-  const QByteArray level_text = qgetenv("KADREL_LOG_LEVEL");
-  const QByteArray output_text = qgetenv("KADREL_LOG_OUTPUT");
-  const auto level = parse_log_level(level_text.constData());
-  const auto output = parse_log_output(output_text.constData());
-  kesto::Logger* const logger = kesto::Logger::instance();
-  logger->setLevel(level.value_or(3));
-  logger->setOutput(output.value_or(kesto::Logger::Syslog));
-  if (!level && !level_text.isNull()) {
-    KESTO_LOG(-1, "KADREL_LOG_LEVEL is not an integer, using 3 (value:%s)", level_text.constData());
-  }
-  if (!output && !output_text.isNull()) {
-    KESTO_LOG(-1, "KADREL_LOG_OUTPUT is not syslog, console or none, using syslog (value:%s)",
-              output_text.constData());
-  }
-}
-
-qint32 announced_universes() {
-  const QByteArray text = qgetenv("KADREL_UNIVERSE_COUNT");
-  if (text.isNull()) return 1;
-  const auto count = parse_universe_count(text.constData());
-  if (!count) {
-    KESTO_LOG(-1, "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:%s)",
-              text.constData());
-  }
-  return count.value_or(1);
+Settings configure() {
+  const Settings settings = read_settings([](const char* name) -> const char* { return getenv(name); });
+  kesto::Logger::instance()->setLevel(settings.log_level);
+  kesto::Logger::instance()->setOutput(settings.log_output);
+  return settings;
 }
 
 /// Runs the service until a signal ends it. @return exit code of the process
-int serve(int port) {
-  Dump dump(port, announced_universes());
+int serve(int port, const Settings& settings) {
+  Dump dump(port, settings.universe_count);
   {
     // Any use makes the framework start its own bus thread.
     const EndSignalsBlocked blocked;
@@ -157,7 +135,7 @@ int main(int argc, char** argv) {
   const char* const port_text = argv[1];
   if (!install_signal_handlers()) {
     const int error = errno;
-    configure_logger();
+    configure();
     KESTO_LOG(-2, "Cannot start the service: %s\n", std::generic_category().message(error).c_str());
     return 1;
   }
@@ -169,10 +147,11 @@ int main(int argc, char** argv) {
     end_notifier.setEnabled(false);
     QCoreApplication::exit(0);
   });
-  configure_logger();
-  KESTO_LOG(1, "Kadrel Version: %s", kVersion);
+  const Settings settings = configure();
+  KESTO_LOG(1, "Kadrel Version: %s", KADREL_VERSION);
+  for (const std::string& warning : settings.warnings) KESTO_LOG(-1, "%s", warning.c_str());
   try {
-    return serve(static_cast<int>(strtol(port_text, nullptr, 10)));
+    return serve(static_cast<int>(strtol(port_text, nullptr, 10)), settings);
   } catch (const std::system_error& error) {
     KESTO_LOG(-2, "Cannot start the service: %s\n", error.what());
     return 1;

@@ -1,12 +1,18 @@
 // Single steps of the service object, without its threads.
 
 #include "artnet/ArtNetPackets.h"
-#include "bench/micro/DumpProbe.h"
 #include "bench/micro/micro.h"
 #include "bench/micro/packets.h"
 #include "src/GrabSummary.h"
+#include "tests/support/DumpProbe.h"
 
 namespace {
+
+/// A datagram of a console or node. @param time  receive time, ns
+void receive(DumpProbe& probe, const micro::Datagram& datagram, qint64 time) {
+  static const kesto::net::HostAddress sender("10.77.0.2");
+  probe.receive({datagram.data(), datagram.size()}, sender, kArtNetPort, time);
+}
 
 /// One foreign ArtDmx after the other through everything behind the socket, into a file that keeps nothing.
 void record(benchmark::State& state, int universes) {
@@ -15,10 +21,10 @@ void record(benchmark::State& state, int universes) {
   std::vector<micro::Datagram> frame;
   for (int i = 0; i < universes; ++i) frame.push_back(micro::art_dmx(i));
   qint64 time = 0;
-  for (const auto& datagram : frame) probe.receive(datagram, ++time);
+  for (const auto& datagram : frame) receive(probe, datagram, ++time);
   std::size_t next = 0;
   for (auto step : state) {
-    probe.receive(frame[next], ++time);
+    receive(probe, frame[next], ++time);
     if (++next == frame.size()) next = 0;
   }
   probe->stop();
@@ -29,7 +35,7 @@ void ignore(benchmark::State& state) {
   DumpProbe probe;
   const micro::Datagram datagram = micro::art_dmx(0);
   qint64 time = 0;
-  for (auto step : state) probe.receive(datagram, ++time);
+  for (auto step : state) receive(probe, datagram, ++time);
 }
 
 std::vector<micro::Datagram> replies_of(int nodes, micro::Datagram (*reply)(int)) {
@@ -43,10 +49,10 @@ void intake(benchmark::State& state, int known, micro::Datagram (*reply)(int)) {
   DumpProbe probe;
   const auto replies = replies_of(known, reply);
   probe.begin_detection_cycle();
-  for (const auto& datagram : replies) probe.receive(datagram, 1);
+  for (const auto& datagram : replies) receive(probe, datagram, 1);
   std::size_t next = 0;
   for (auto step : state) {
-    probe.receive(replies[next], 1);
+    receive(probe, replies[next], 1);
     if (++next == replies.size()) next = 0;
   }
 }
@@ -57,7 +63,7 @@ void cycle(benchmark::State& state, int known, micro::Datagram (*reply)(int)) {
   const auto replies = replies_of(known, reply);
   const auto run = [&] {
     probe.begin_detection_cycle();
-    for (const auto& datagram : replies) probe.receive(datagram, 1);
+    for (const auto& datagram : replies) receive(probe, datagram, 1);
     probe.evaluate_detection_cycle();
   };
   run();
@@ -96,7 +102,7 @@ void finalize(benchmark::State& state) {
   for (auto step : state) {
     state.PauseTiming();
     probe->grab(QStringLiteral("/dev/null"));
-    for (int i = 0; i < kUniverseLimit; ++i) probe.receive(micro::art_dmx(i, 24), ++time);
+    for (int i = 0; i < kUniverseLimit; ++i) receive(probe, micro::art_dmx(i, 24), ++time);
     state.ResumeTiming();
     probe->stop();
   }

@@ -115,13 +115,13 @@ public:
     }
     if (sender == own) return;
     bool marked = false;
-    bool holds_dmx = false;
     const DatagramModel::Result walk =
         packets.parse(reinterpret_cast<const std::uint8_t*>(datagram.data()), datagram.size());
     for (const DatagramModel::Event& event : walk.events) {
+      if (event.stale) continue;
       switch (event.kind) {
         case DatagramModel::Poll:
-          if (!event.stale) take_poll(sender, port);
+          take_poll(sender, port);
           break;
         case DatagramModel::PollReply:
           take_reply(event.bytes);
@@ -130,14 +130,13 @@ public:
           if (state == 0) triggers.emplace_back(event.bytes[16], event.bytes[17]);
           break;
         case DatagramModel::Dmx:
-          if (!event.stale) holds_dmx = true;
           take_dmx(event.bytes, marked);
           break;
         default:
           break;
       }
     }
-    if (walk.error == 0 && holds_dmx && marked) record(datagram, now);
+    if (walk.error == 0 && marked) record(datagram, now);
     if (state == 4) finish();
   }
 

@@ -204,9 +204,3 @@ def test_the_filter_lets_only_chosen_users_relay(filtered):
     output = world.namespaces.run(["/usr/bin/python3", "-c", script], as_user=as_nobody, directory="/")
     assert output == "not permitted\n"
     assert filtered.relay_barrier() == []
-
-
-def test_the_filter_in_the_documentation_is_the_one_that_is_tested():
-    text = (REPOSITORY / "docs/security.md").read_text(encoding="utf-8")
-    rules = (REPOSITORY / "data/kadrel.nft").read_text(encoding="utf-8")
-    assert f"```nft\n{rules}```" in text

@@ -158,7 +158,7 @@ def test_an_error_line_begins_with_line_number_and_function(service):
     service.world.console.send(bytes(9000))
     service.settle()
     (line,) = service.world.log.since(lines)
-    assert re.fullmatch(r"[1-9]\d* \w+ Dump::\w+\(.*\)\) Failed to read pending datagram size", line.text)
+    assert re.fullmatch(r"[1-9]\d* \w+ ReceiveLoop::\w+\(.*\)\) Failed to read pending datagram size", line.text)
 
 
 def test_zero_bytes_that_were_left_behind_can_end_an_identifier_that_is_cut_off(service):

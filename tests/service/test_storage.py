@@ -4,12 +4,23 @@ import contextlib
 import os
 import struct
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
 from harness import Recording
 from harness.artnet import art_dmx, slots
-from texts import FINALIZED, GRAB, GRAB_CANNOT_OPEN, GRABBING_STARTED, STOP, grab_text
+from texts import (
+    DROPPING,
+    FINALIZED,
+    GRAB,
+    GRAB_CANNOT_OPEN,
+    GRABBING_STARTED,
+    STOP,
+    dropped_for_a_while,
+    dropped_to_the_end,
+    grab_text,
+)
 
 PAGE = 4096
 
@@ -40,8 +51,8 @@ def test_a_device_that_is_always_full_costs_nothing_but_the_recording(service, c
     service.feed(frames(0, 300))
     assert client.get_status() == "run"
     client.stop()
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
-    assert client.latest_grab() == grab_text("/dev/full", True, 1, [1])
+    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, DROPPING, STOP, FINALIZED, dropped_to_the_end(300)]
+    assert client.latest_grab() == grab_text("/dev/full", True, -1, [])
     assert_records_again(service)
 
 
@@ -70,7 +81,7 @@ def test_a_full_disk_at_the_start_gives_an_empty_recording(service, client, smal
     service.feed(frames(0, 100))
     client.stop()
     assert os.path.getsize(f"{outside}/cue") == 0
-    assert client.latest_grab() == grab_text(f"{inside}/cue", True, 1, [1])
+    assert client.latest_grab() == grab_text(f"{inside}/cue", True, -1, [])
     assert_records_again(service)
 
 
@@ -112,6 +123,36 @@ def test_a_disk_with_room_again_takes_the_rest_of_the_recording(service, client,
         assert delay[:10] == b"Art-Net\0\xfe\x00" and struct.unpack("<q", delay[10:])[0] > 0
         assert datagram == frame
     assert_records_again(service)
+
+
+def test_a_disk_that_is_full_for_a_while_bends_no_time(service, client, small):
+    """The pause before the first datagram after the outage lasts as long as the outage; the log tells of what is missing."""
+    inside, outside = small
+    namespaces = service.world.namespaces
+    namespaces.write_zeros(f"{inside}/ballast", 30 * PAGE)
+    early, late = frames(0, 120), frames(1000, 40)
+    client.grab(f"{inside}/cue")
+    lines = service.world.log.mark()
+    processed = {}
+    for frame in early:
+        service.feed([frame])
+        processed[frame] = time.monotonic_ns()
+    namespaces.remove_file(f"{inside}/ballast")
+    sent = time.monotonic_ns()
+    service.feed(late)
+    client.stop()
+    recording = Recording.read(f"{outside}/cue")
+    kept = recording.datagrams[: -len(late)]
+    assert kept == early[: len(kept)] and recording.datagrams[len(kept) :] == late
+    assert 16384 // 548 < len(kept) < len(early)
+    assert recording.delays[len(kept) - 1] >= sent - processed[kept[-1]]
+    assert service.world.log.entries(lines) == [
+        GRABBING_STARTED,
+        DROPPING,
+        dropped_for_a_while(len(early) - len(kept)),
+        STOP,
+        FINALIZED,
+    ]
 
 
 def test_a_full_disk_does_not_spoil_the_next_recording_on_the_same_disk(service, client, small):
@@ -233,7 +274,7 @@ def test_the_reader_of_a_pipe_may_leave(service, client):
     service.feed(frames(10, 100))
     assert client.get_status() == "run"
     client.stop()
-    assert client.latest_grab() == grab_text(path, True, 1, [1])
+    assert client.latest_grab() == grab_text(path, True, -1, [])
     assert_records_again(service)
 
 

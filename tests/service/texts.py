@@ -3,7 +3,7 @@
 import base64
 import re
 
-from harness import ERROR, INFO
+from harness import ERROR, INFO, WARNING
 from harness.artnet import art_trigger
 
 BANNER = (INFO, "Kadrel Version: 1.5.2")
@@ -64,3 +64,14 @@ def emitted(service, datagrams):
     service.feed([*datagrams, art_trigger(*end)])
     service.client.signals.wait_for(lambda signal: signal.arguments == end, f"the trigger {end}", start)
     return service.client.triggers(start)[:-1]
+
+# A recording's file takes nothing for a while, or to the end.
+DROPPING = (WARNING, "[Dump::process_datagram] File takes no data, datagrams are dropped")
+
+
+def dropped_for_a_while(number):
+    return (WARNING, f"[Dump::process_datagram] File takes data again (dropped:{number})")
+
+
+def dropped_to_the_end(number):
+    return (WARNING, f"[Dump::finalize_grabbing] File took no data at the end (dropped:{number})")

@@ -52,15 +52,15 @@ inline std::string poll_reply(std::size_t size = 239, unsigned first = 0x80) {
   return (header(0x2100) + counting(229, first)).substr(0, size);
 }
 
-/// An ArtDmx that announces @p length slots and carries @p slots.
-inline std::string dmx_announcing(unsigned length, const std::string& slots, unsigned port_address = 0,
+/// An ArtDmx that announces @p length slots and carries @p levels.
+inline std::string dmx_announcing(unsigned length, const std::string& levels, unsigned port_address = 0,
                                   unsigned sequence = 0) {
   return header(0x5000) + high_first(14) + byte(sequence) + byte(0) + low_first(port_address) +
-         high_first(length) + slots;
+         high_first(length) + levels;
 }
 
-inline std::string dmx(const std::string& slots, unsigned port_address = 0, unsigned sequence = 0) {
-  return dmx_announcing(static_cast<unsigned>(slots.size()), slots, port_address, sequence);
+inline std::string dmx(const std::string& levels, unsigned port_address = 0, unsigned sequence = 0) {
+  return dmx_announcing(static_cast<unsigned>(levels.size()), levels, port_address, sequence);
 }
 
 /// The 18 bytes of an ArtTrigger that are read.

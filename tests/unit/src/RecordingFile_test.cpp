@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,11 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "unit/support/room.h"
 #include "unit/support/temporary_file.h"
 
 namespace {
 
 using Kept = RecordingFile::Kept;
+using unit::Room;
 
 constexpr qint64 kPlenty = 1000000;
 
@@ -31,26 +32,6 @@ std::string content_of(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
-
-/// As long as it lives, a file of this process can grow to a number of bytes. A write beyond takes what fits,
-/// then fails, as on a full disk.
-class Room {
-public:
-  explicit Room(qint64 bytes) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit limit{static_cast<rlim_t>(bytes), before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~Room() { setrlimit(RLIMIT_FSIZE, &before); }
-  Room(const Room&) = delete;
-  Room& operator=(const Room&) = delete;
-  Room(Room&&) = delete;
-  Room& operator=(Room&&) = delete;
-
-private:
-  rlimit before{};
-};
 
 TEST(RecordingFileOpen, MakesAFileAndEmptiesOneThatIsThere) {
   const unit::TemporaryFile file("old content");

@@ -3,48 +3,96 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <optional>
+#include <map>
+#include <string>
 
 namespace {
 
-TEST(UniverseCount, IsANumberFrom1To32768) {
-  EXPECT_EQ(parse_universe_count("1"), 1);
-  EXPECT_EQ(parse_universe_count("16"), 16);
-  EXPECT_EQ(parse_universe_count("32768"), 32768);
+std::map<std::string, std::string> environment;
+
+/// Settings of an environment that holds @p variables and nothing else.
+Settings settings_of(const std::map<std::string, std::string>& variables) {
+  environment = variables;
+  return read_settings([](const char* name) -> const char* {
+    const auto found = environment.find(name);
+    return found == environment.end() ? nullptr : found->second.c_str();
+  });
 }
 
-TEST(UniverseCount, IsNothingElse) {
-  for (const char* const text : {"", "0", "-1", "32769", "65536", "4294967297", "99999999999999999999", "1x",
+TEST(Settings, HaveDefaults) {
+  const Settings settings = settings_of({});
+  EXPECT_EQ(settings.log_level, 3);
+  EXPECT_EQ(settings.log_output, kesto::Logger::Syslog);
+  EXPECT_EQ(settings.universe_count, 1);
+  EXPECT_TRUE(settings.warnings.empty());
+}
+
+TEST(Settings, TakeAUniverseCountFrom1To32768) {
+  for (const auto& [text, count] : std::map<std::string, int>{{"1", 1}, {"16", 16}, {"32768", 32768}}) {
+    const Settings settings = settings_of({{"KADREL_UNIVERSE_COUNT", text}});
+    EXPECT_EQ(settings.universe_count, count);
+    EXPECT_TRUE(settings.warnings.empty());
+  }
+}
+
+TEST(Settings, WarnOfAnyOtherUniverseCountAndAnnounceOne) {
+  for (const std::string text : {"", "0", "-1", "32769", "65536", "4294967297", "99999999999999999999", "1x",
                                  "x", " 1", "1 ", "+1", "1.0", "0x10", "%d"}) {
-    EXPECT_EQ(parse_universe_count(text), std::nullopt) << text;
+    const Settings settings = settings_of({{"KADREL_UNIVERSE_COUNT", text}});
+    EXPECT_EQ(settings.universe_count, 1) << text;
+    EXPECT_EQ(settings.warnings,
+              std::vector<std::string>{
+                  "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:" + text + ")"});
   }
 }
 
-TEST(LogLevel, IsAnyInt) {
-  EXPECT_EQ(parse_log_level("6"), 6);
-  EXPECT_EQ(parse_log_level("0"), 0);
-  EXPECT_EQ(parse_log_level("-2"), -2);
-  EXPECT_EQ(parse_log_level("2147483647"), std::numeric_limits<int>::max());
-  EXPECT_EQ(parse_log_level("-2147483648"), std::numeric_limits<int>::min());
+TEST(Settings, TakeAnyIntAsLogLevel) {
+  for (const auto& [text, level] :
+       std::map<std::string, int>{{"6", 6},
+                                  {"0", 0},
+                                  {"-2", -2},
+                                  {"2147483647", std::numeric_limits<int>::max()},
+                                  {"-2147483648", std::numeric_limits<int>::min()}}) {
+    const Settings settings = settings_of({{"KADREL_LOG_LEVEL", text}});
+    EXPECT_EQ(settings.log_level, level);
+    EXPECT_TRUE(settings.warnings.empty());
+  }
 }
 
-TEST(LogLevel, IsNothingElse) {
-  for (const char* const text :
+TEST(Settings, WarnOfAnyOtherLogLevelAndUse3) {
+  for (const std::string text :
        {"", "2147483648", "-2147483649", "debug", "3 ", " 3", "+3", "3.5", "--3", "-"}) {
-    EXPECT_EQ(parse_log_level(text), std::nullopt) << text;
+    const Settings settings = settings_of({{"KADREL_LOG_LEVEL", text}});
+    EXPECT_EQ(settings.log_level, 3) << text;
+    EXPECT_EQ(settings.warnings,
+              std::vector<std::string>{"KADREL_LOG_LEVEL is not an integer, using 3 (value:" + text + ")"});
   }
 }
 
-TEST(LogOutput, IsOneOfThreeWords) {
-  EXPECT_EQ(parse_log_output("syslog"), kesto::Logger::Syslog);
-  EXPECT_EQ(parse_log_output("console"), kesto::Logger::Console);
-  EXPECT_EQ(parse_log_output("none"), kesto::Logger::None);
+TEST(Settings, TakeThreeWordsAsLogOutput) {
+  EXPECT_EQ(settings_of({{"KADREL_LOG_OUTPUT", "syslog"}}).log_output, kesto::Logger::Syslog);
+  EXPECT_EQ(settings_of({{"KADREL_LOG_OUTPUT", "console"}}).log_output, kesto::Logger::Console);
+  EXPECT_EQ(settings_of({{"KADREL_LOG_OUTPUT", "none"}}).log_output, kesto::Logger::None);
 }
 
-TEST(LogOutput, IsNothingElse) {
-  for (const char* const text : {"", "Syslog", "CONSOLE", "none ", "0", "1", "2", "stderr", "consoles"}) {
-    EXPECT_EQ(parse_log_output(text), std::nullopt) << text;
+TEST(Settings, WarnOfAnyOtherLogOutputAndUseTheSystemLog) {
+  for (const std::string text : {"", "Syslog", "CONSOLE", "none ", "0", "1", "2", "stderr", "consoles"}) {
+    const Settings settings = settings_of({{"KADREL_LOG_OUTPUT", text}});
+    EXPECT_EQ(settings.log_output, kesto::Logger::Syslog) << text;
+    EXPECT_EQ(settings.warnings,
+              std::vector<std::string>{
+                  "KADREL_LOG_OUTPUT is not syslog, console or none, using syslog (value:" + text + ")"});
   }
+}
+
+TEST(Settings, WarnOfEachVariableThatIsNotUnderstoodAndTakeTheOthers) {
+  const Settings settings = settings_of(
+      {{"KADREL_LOG_LEVEL", "loud"}, {"KADREL_LOG_OUTPUT", "console"}, {"KADREL_UNIVERSE_COUNT", "many"}});
+  EXPECT_EQ(settings.log_output, kesto::Logger::Console);
+  EXPECT_EQ(settings.warnings,
+            (std::vector<std::string>{
+                "KADREL_LOG_LEVEL is not an integer, using 3 (value:loud)",
+                "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:many)"}));
 }
 
 }  // namespace

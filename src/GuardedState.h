@@ -1,0 +1,62 @@
+#pragma once
+
+#include "kesto/read_write_lock.h"
+#include "src/ControlUniverse.h"
+#include "src/Recorder.h"
+
+/// Recorder state and control settings, which the main thread and the receive thread share. There is no way
+/// to them but through a guard, which holds state_lock as long as it lives.
+///
+/// Nothing that may wait (for a disk, a log, the bus) is done with a guard in hand: the other thread spins.
+class GuardedState {
+public:
+  /// The main thread's: between two datagrams.
+  class SCOPED_CAPABILITY Writer {
+  public:
+    explicit Writer(GuardedState& guarded) ACQUIRE(guarded.state_lock) : state(guarded) {
+      state.state_lock.lock_as_writer();
+    }
+    ~Writer() RELEASE() { state.state_lock.unlock_as_writer(); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
+
+    // Not checked: the writer has the lock, but the checker does not know that of its members.
+    Recorder& recorder() NO_THREAD_SAFETY_ANALYSIS { return state.recorder; }
+    ControlUniverse& control() NO_THREAD_SAFETY_ANALYSIS { return state.control; }
+
+  private:
+    GuardedState& state;
+  };
+
+  /// The receive thread's: for all its work but its waits. It is the only reader and may therefore change the
+  /// recorder.
+  class SCOPED_CAPABILITY Reader {
+  public:
+    explicit Reader(GuardedState& guarded) ACQUIRE_SHARED(guarded.state_lock) : state(guarded) {
+      state.state_lock.lock_as_reader();
+    }
+    ~Reader() RELEASE_GENERIC() { state.state_lock.unlock_as_reader(); }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    // Not checked, as above. Between let_go() and take_again() neither state is to be asked for.
+    Recorder& recorder() NO_THREAD_SAFETY_ANALYSIS { return state.recorder; }
+    const ControlUniverse& control() NO_THREAD_SAFETY_ANALYSIS { return state.control; }
+
+    void let_go() NO_THREAD_SAFETY_ANALYSIS { state.state_lock.unlock_as_reader(); }
+    void take_again() NO_THREAD_SAFETY_ANALYSIS { state.state_lock.lock_as_reader(); }
+
+    /// Lets a waiting writer go first.
+    void resolve_pending_write() NO_THREAD_SAFETY_ANALYSIS { state.state_lock.resolve_pending_write(); }
+
+  private:
+    GuardedState& state;
+  };
+
+private:
+  friend class DumpProbe;
+
+  kesto::ReadWriteLock state_lock;
+  Recorder recorder GUARDED_BY(state_lock);
+  ControlUniverse control GUARDED_BY(state_lock);
+};

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "artnet/ArtNetParser.h"
+#include "kesto/udpsocket.h"
+#include "src/Datagram.h"
+#include "src/GuardedState.h"
+
+struct ArtPollRequest;
+class NodeDetector;
+class PollResponder;
+class TriggerQueue;
+
+/// Everything that arrives by UDP, and everything that leaves by it: the body of the receive thread.
+///
+/// It owns the socket and the parser and hands each packet to the part that it is for. Everything but stop()
+/// and its construction happens on the receive thread.
+class ReceiveLoop {
+public:
+  /// The parts that packets go to. They outlive the loop.
+  struct Consumers {
+    GuardedState& state;
+    PollResponder& responder;
+    NodeDetector& detector;
+    TriggerQueue& triggers;
+    std::function<void()> grab_ended;  // a recording ended by its record channel waits to be concluded
+  };
+
+  /// @param device_ip_hex  the appliance's address, 8 hexadecimal digits: what comes from there is dropped
+  ReceiveLoop(const std::string& device_ip_hex, Consumers consumers);
+
+  /// Receives on UDP port @p port until stop().
+  void listen_incoming_data(int port);
+
+  /// Ends the loop after its present wait, of at most a second. Any thread.
+  void stop() { running = false; }
+
+private:
+  friend class DumpProbe;
+
+  /// What the wait for a datagram came to.
+  enum class Waited { Ready, InVain, Interrupted };
+
+  Waited wait_for_datagram(int timeout_ms);
+  bool receive_datagram();
+  void handle_datagram(GuardedState::Reader& state);
+  void serve(const ArtPollRequest& request);
+
+  /// Sends some of the ArtPollReplies that are due. @return ms after which to go on
+  int send_replies(bool between_datagrams);
+
+  void relay_datagram();
+
+  /// @return whether the whole datagram was parsed without an error
+  bool parse_datagram(std::string_view bytes);
+  void process_datagram(GuardedState::Reader& state);
+
+  // One for each kind of packet.
+  void process_art_poll(const ArtPoll& poll);
+  void process_art_poll_reply(const ArtPollReply& reply);
+  void process_artnet_trigger(const ArtTrigger& trigger);
+  void process_artnet_trigger_dmx(const ArtDmx& dmx);
+  void unknown_packet(const ArtHeader& header);
+  void packet_error(std::error_code ec);
+
+  void wire_parser();
+
+  // Constant after construction.
+  const kesto::net::HostAddress this_device_ip;
+  const Consumers parts;
+
+  std::atomic<bool> running{true};
+
+  // Receive thread only.
+  std::unique_ptr<kesto::net::UdpSocket> socket;
+  ArtNetParser parser;
+  Datagram datagram;                        // the current one
+  GuardedState::Reader* guarded = nullptr;  // while the current one is processed
+};
