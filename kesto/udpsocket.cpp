@@ -24,9 +24,6 @@ const char* const kAnyAddress = "0.0.0.0";
 // A read is tried so often while it is interrupted.
 constexpr int kInterruptedReads = 5;
 
-// Datagrams of this size and beyond count as too long.
-constexpr size_t kSizeLimit = 8192;
-
 sockaddr_in socket_address(in_addr_t address, int port) {
   sockaddr_in result{};
   result.sin_family = AF_INET;
@@ -237,6 +234,11 @@ int UdpSocket::select_with_tm(int timeout_ms, bool read) const {
 
 bool UdpSocket::waitForReadyRead(int timeout_ms) {
   return waitFor(timeout_ms) == Wait::Ready;
+}
+
+void UdpSocket::wake() const {
+  // The call fails on a socket without a peer, but whoever waits for it wakes up; Linux does this on purpose.
+  shutdown(fd, SHUT_RD);
 }
 
 UdpSocket::Wait UdpSocket::waitFor(int timeout_ms) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -57,10 +58,13 @@ private:
 /// No lock. One thread does whatever creates the socket or looks at datagrams: initialize, bind,
 /// hasPendingDatagrams, hasFetchedDatagrams, pendingDatagramSize, readDatagram, takeDatagram,
 /// select_with_tm and waitForReadyRead; the const ones among them fetch, too. Once initialize() or bind()
-/// has succeeded, other threads may call writeDatagram and sendBufferIsBelow at the same time, also while
-/// that thread waits, and select_with_tm for writing.
+/// has succeeded, other threads may call writeDatagram, sendBufferIsBelow and wake at the same time, also
+/// while that thread waits, and select_with_tm for writing.
 class UdpSocket {
 public:
+  /// Datagrams of this size and beyond count as too long.
+  static constexpr std::size_t kSizeLimit = 8192;
+
   UdpSocket();
   ~UdpSocket();
   UdpSocket(const UdpSocket&) = delete;
@@ -116,7 +120,12 @@ public:
   /// True when a datagram can be read within the time-out.
   bool waitForReadyRead(int timeout_ms);
 
-  /// The same, and why not. Failed: there is no socket to wait for, or the wait failed (see errno).
+  /// Ends the present wait and every later one at once, as if a datagram could be read. For the end: the
+  /// socket receives nothing more. It must exist.
+  void wake() const;
+
+  /// The same as waitForReadyRead(), and why not. Failed: there is no socket to wait for, or the wait failed
+  /// (see errno).
   enum class Wait { Ready, TimeOut, Interrupted, Failed };
   Wait waitFor(int timeout_ms);
 

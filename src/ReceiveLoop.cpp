@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "artnet/ArtNetPackets.h"
+#include "artnet/RecordingFormat.h"
 #include "kesto/delay.h"
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
@@ -32,6 +33,9 @@ constexpr std::chrono::milliseconds kFruitlessPause(1);
 // Pause after a wait that failed at once, so that a socket that cannot be waited for does not take a whole
 // processor.
 constexpr std::chrono::milliseconds kFailedWaitPause(100);
+
+static_assert(kesto::net::UdpSocket::kSizeLimit == kLongestDatagram + 1,
+              "what the socket takes can be recorded, and read again");
 
 std::string error_text(int error) {
   return std::generic_category().message(error);
@@ -63,7 +67,9 @@ void ReceiveLoop::wire_parser() {
 void ReceiveLoop::listen_incoming_data(int port) {
   KESTO_LOG(3, "[Dump::listen_incoming_data] Starting");
   socket = std::make_unique<kesto::net::UdpSocket>();
-  if (!socket->bind("0.0.0.0", port)) KESTO_LOG(-2, "Failed to bind grabber socket");
+  const bool bound = socket->bind("0.0.0.0", port);
+  if (!bound) KESTO_LOG(-2, "Failed to bind grabber socket");
+  set_wakeable(bound);
   KESTO_LOG(3, "[Dump::listen_incoming_data] This device IP is: %s", this_device_ip.text().c_str());
   {
     GuardedState::Reader state(parts.state);
@@ -92,8 +98,20 @@ void ReceiveLoop::listen_incoming_data(int port) {
       handle_datagram(state);
     }
   }
+  set_wakeable(false);
   socket.reset();
   KESTO_LOG(3, "[Dump::listen_incoming_data] Finished");
+}
+
+void ReceiveLoop::stop() {
+  running = false;
+  const kesto::MutexLock lock(socket_mutex);
+  if (wakeable) socket->wake();
+}
+
+void ReceiveLoop::set_wakeable(bool new_wakeable) {
+  const kesto::MutexLock lock(socket_mutex);
+  wakeable = new_wakeable;
 }
 
 ReceiveLoop::Waited ReceiveLoop::wait_for_datagram(int timeout_ms) {

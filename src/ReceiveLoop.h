@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "artnet/ArtNetParser.h"
+#include "kesto/mutex.h"
 #include "kesto/udpsocket.h"
 #include "src/Datagram.h"
 #include "src/GuardedState.h"
@@ -37,11 +38,13 @@ public:
   /// Receives on UDP port @p port until stop().
   void listen_incoming_data(int port);
 
-  /// Ends the loop after its present wait, of at most a second. Any thread.
-  void stop() { running = false; }
+  /// Ends the loop: at once, or within a second when the port could not be bound. Any thread.
+  void stop() EXCLUDES(socket_mutex);
 
 private:
   friend class DumpProbe;
+
+  void set_wakeable(bool new_wakeable) EXCLUDES(socket_mutex);
 
   /// What the wait for a datagram came to.
   enum class Waited { Ready, InVain, Interrupted };
@@ -76,7 +79,11 @@ private:
 
   std::atomic<bool> running{true};
 
-  // Receive thread only.
+  // stop() wakes the socket only while it is sure to be there.
+  kesto::Mutex socket_mutex;
+  bool wakeable GUARDED_BY(socket_mutex) = false;
+
+  // Receive thread only, but for the wake-up.
   std::unique_ptr<kesto::net::UdpSocket> socket;
   ArtNetParser parser;
   Datagram datagram;                        // the current one

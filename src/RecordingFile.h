@@ -9,6 +9,8 @@
 #include <memory>
 #include <string_view>
 
+#include "artnet/RecordingFormat.h"
+
 /// The file of a recording, with the records that have not gone into it yet.
 ///
 /// Records are gathered into writes of up to 16 KiB: a crash can lose that much. A delay record and its
@@ -54,6 +56,7 @@ public:
 
 private:
   static constexpr std::size_t kCapacity = 16384;
+  static_assert(kDelaySize + kLongestDatagram <= kCapacity, "an empty buffer takes any record");
 
   RecordingFile() = default;
 

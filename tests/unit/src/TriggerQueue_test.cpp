@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <chrono>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -18,7 +20,9 @@ constexpr int kLimit = 32768;
 class TriggerQueueTest : public testing::Test {
 protected:
   TriggerQueueTest() {
-    kesto::Logger::instance()->setOutput(kesto::Logger::None);
+    kesto::Logger::instance()->setOutput(kesto::Logger::Console);
+    kesto::Logger::instance()->useContext(false);
+    testing::internal::CaptureStderr();
     QObject::connect(&queue, &TriggerQueue::OnArtnetTrigger,
                      [this](int key, int subkey) { arrived.emplace_back(key, subkey); });
   }
@@ -28,6 +32,12 @@ protected:
     std::thread([this, from, to] {
       for (int i = from; i < to; ++i) queue.post("test", {i, -i});
     }).join();
+  }
+
+  /// Everything that was logged.
+  static std::string log() {
+    kesto::Logger::instance()->flush(std::chrono::minutes(1));
+    return testing::internal::GetCapturedStderr();
   }
 
   int argument_count = 0;
@@ -42,6 +52,7 @@ TEST_F(TriggerQueueTest, HandsTriggersOverOnTheMainThreadInOrder) {
   QCoreApplication::processEvents();
   ASSERT_EQ(arrived.size(), 1000U);
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(arrived[static_cast<std::size_t>(i)], std::make_pair(i, -i));
+  EXPECT_EQ(log(), "");
 }
 
 TEST_F(TriggerQueueTest, KeepsALimitedNumberAndGoesOnAfterwards) {
@@ -53,6 +64,32 @@ TEST_F(TriggerQueueTest, KeepsALimitedNumberAndGoesOnAfterwards) {
   QCoreApplication::processEvents();
   EXPECT_EQ(arrived.back(), std::make_pair(7, -7));
   EXPECT_EQ(arrived.size(), static_cast<std::size_t>(kLimit) + 1);
+  log();
+}
+
+TEST_F(TriggerQueueTest, SaysOnceThatTheLimitIsReachedAndOnceHowManyWereLost) {
+  for (int flood = 0; flood < 2; ++flood) {
+    post(0, kLimit + 100 + flood);
+    QCoreApplication::processEvents();
+  }
+  EXPECT_EQ(log(),
+            "[Dump::test] Too many triggers wait for the bus, further ones are lost (limit:32768)\n"
+            "[Dump::OnArtnetTrigger] The bus takes triggers again (lost:100)\n"
+            "[Dump::test] Too many triggers wait for the bus, further ones are lost (limit:32768)\n"
+            "[Dump::OnArtnetTrigger] The bus takes triggers again (lost:101)\n");
+}
+
+TEST_F(TriggerQueueTest, LogsAnEmissionOnlyOfWhatIsEmitted) {
+  kesto::Logger::instance()->setLevel(6);
+  post(0, 2);
+  kesto::Logger::instance()->setLevel(3);
+  post(2, kLimit);
+  kesto::Logger::instance()->setLevel(6);
+  post(0, 2);
+  EXPECT_EQ(log(),
+            "[Dump::test] Emitting OnArtnetTrigger signal (key:0, subkey:0)\n"
+            "[Dump::test] Emitting OnArtnetTrigger signal (key:1, subkey:-1)\n"
+            "[Dump::test] Too many triggers wait for the bus, further ones are lost (limit:32768)\n");
 }
 
 }  // namespace
