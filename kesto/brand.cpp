@@ -12,7 +12,7 @@
 namespace kesto::device {
 namespace {
 
-/// @p number cut to an integer; what no int can hold becomes the nearest bound.
+/// @p number cut to an integer, or the nearest bound of int.
 int truncate(double number) {
   constexpr double kLowest = std::numeric_limits<int>::min();
   constexpr double kHighest = std::numeric_limits<int>::max();

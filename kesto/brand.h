@@ -21,16 +21,16 @@ struct Brand {
   std::string modules = "recorder";
 };
 
-/// Text of one key of a brand object: a string as it is, a number cut to an integer (the nearest int when
-/// none holds it), an array as its elements joined by "|" (an element that is no string gives an empty
-/// piece), anything else empty.
+/// Text of one key of a brand object: a string as it is, a number cut to an integer (the nearest int when it
+/// is too large), an array as its elements joined by "|" (an element that is no string is empty), anything
+/// else empty.
 std::string brand_field(const QJsonObject& object, const char* key);
 
 /// Low 16 bits of the decimal number that @p text begins with; 0 when it begins with no digit.
 std::uint16_t brand_code(const std::string& text);
 
-/// Brand of a JSON text. Every key is taken, so one that is missing empties its value; a text that is not
-/// valid JSON or no object gives the defaults.
+/// Brand of a JSON text. A missing key empties its value; a text that is not a JSON object gives the
+/// defaults.
 Brand parse_brand(const QByteArray& json);
 
 /// Brand of the file @p path; the defaults when it cannot be opened.

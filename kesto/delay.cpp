@@ -14,7 +14,7 @@ QElapsedTimer started_timer() {
   return timer;
 }
 
-/// @p ns cut to whole nanoseconds; what no duration can hold becomes the nearest bound.
+/// @p ns cut to whole nanoseconds, or the nearest bound of a duration.
 Clock::duration truncate(double ns) {
   constexpr double kBound = 9223372036854775808.0;  // 2^63
   if (ns >= kBound) return Clock::duration::max();
@@ -45,7 +45,7 @@ void wait_until(Clock::time_point t) {
 
 void wait_for(Clock::duration d) {
   const auto now = Clock::now();
-  // A sum beyond the end of the clock waits until that end.
+  // The sum would overflow: wait until the end of the clock.
   const bool beyond = d > Clock::time_point::max() - now;
   wait_until(beyond ? Clock::time_point::max() : now + d);
 }

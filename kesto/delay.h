@@ -6,8 +6,7 @@
 
 namespace kesto {
 
-/// Steady clock of the process in signed 64-bit nanoseconds. Its epoch is its own first reading, which
-/// returns about 0.
+/// Steady clock of the process in signed 64-bit nanoseconds. It starts at about 0 with its first reading.
 struct Clock {
   using rep = std::int64_t;
   using period = std::nano;
@@ -25,7 +24,7 @@ void sleep_for(Clock::duration d);
 /// Sleeps as sleep_for() until @p t; returns at once when @p t has passed.
 void sleep_until(Clock::time_point t);
 
-/// Busy wait until @p t, giving the processor away between looks. Ends within one scheduling turn of @p t.
+/// Busy wait until @p t; yields the processor between looks. Ends within one scheduling turn of @p t.
 void wait_until(Clock::time_point t);
 
 /// Busy wait for @p d from now.
@@ -34,18 +33,17 @@ void wait_for(Clock::duration d);
 /// Busy wait while @p predicate is true. @throws std::bad_function_call when it is empty.
 void wait_while(const std::function<bool()>& predicate);
 
-/// Busy wait while @p predicate is true, for at most @p timeout. The predicate is asked at least once, and a
-/// false answer wins over an expired time-out. @return true: it turned false; false: time-out.
+/// Busy wait while @p predicate is true, for at most @p timeout. The predicate is asked at least once, and
+/// its false answer wins over the time-out. @return true: the predicate turned false; false: time-out.
 /// @throws std::bad_function_call when the predicate is empty.
 bool wait_while(const std::function<bool()>& predicate, Clock::duration timeout);
 
 /// Period of @p rate events per second, cut to whole nanoseconds: 44 gives 22 727 272 ns.
-/// @param rate  not 0 (the longest duration is returned for it)
+/// @param rate  0 gives the longest duration
 Clock::duration calculate_delay(int rate);
 
-/// @p d at a speed changed by @p percent: +100 halves it, -100 doubles it, values beyond act as the nearest
-/// bound. The faster side is scaled by one half and the slower side is not: +50 gives 3/4 of @p d, -50 gives
-/// 3/2.
+/// @p d at a speed changed by @p percent: +100 halves it, -100 doubles it, +50 gives 3/4 and -50 gives 3/2 of
+/// it. Values beyond -100..100 act as the nearest bound.
 Clock::duration calculate_delay(Clock::duration d, int percent);
 
 }  // namespace kesto

@@ -7,9 +7,9 @@
 /// interface "eth0". A snapshot for the life of the process; texts are UTF-8.
 namespace kesto::device {
 
-/// Fills the values from the branding file and the interface; only the first call does anything. To be called
-/// on one thread before others read. A failure leaves the value concerned at its default or empty and is not
-/// reported.
+/// Fills the values from the branding file and the interface; only the first call does anything. Call it on
+/// one thread before others read. A value that cannot be read keeps its default or stays empty, without a
+/// report.
 void initialize();
 
 std::string short_name();

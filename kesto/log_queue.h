@@ -11,18 +11,17 @@ namespace kesto {
 /// A finished line on its way to its output.
 struct LogLine {
   int level = 0;            // of the message, signed: errors and warnings are below 0
-  std::int32_t output = 0;  // a Logger::Output, the one in force when the line was logged
+  std::int32_t output = 0;  // the Logger::Output in force when the line was logged
   std::string text;         // without a newline at its end
 };
 
-/// The lines that wait for a log, oldest first, within two bounds. A new line that finds no room takes that
-/// of the oldest lines that are neither error nor warning; when there are none left, an error or warning
-/// takes that of the oldest of its kind, and any other line is dropped itself. A line that is larger than the
-/// whole queue is taken while the queue is empty. No locks, no waits: the owner guards it.
+/// The lines that wait for a log, oldest first, within two bounds: lines and bytes. A new line that finds no
+/// room displaces the oldest ordinary lines (neither error nor warning). Without any ordinary line left, an
+/// error or warning displaces the oldest errors and warnings, and an ordinary line is dropped itself. A line
+/// larger than the whole queue is taken while the queue is empty. No locks, no waits: the owner guards it.
 class LogQueue {
 public:
-  /// What is to be written next: first how many lines were dropped (0: nothing is to be said), then a line,
-  /// if there is one.
+  /// What to write next: the number of dropped lines (0: no report), then a line, if there is one.
   struct Next {
     std::size_t dropped = 0;
     std::optional<LogLine> line;
@@ -33,12 +32,12 @@ public:
 
   void push(LogLine line);
 
-  /// What is to be written next leaves the queue. Dropped lines are told of before the first line that leaves
-  /// after them; again only when the queue has run empty or as many lines as it holds have left, so that a
-  /// lasting flood does not drown in such reports.
+  /// Takes out what to write next. Dropped lines are reported before the next line that leaves. The next
+  /// report waits until the queue is empty or a whole queue of lines has left, so that reports do not fill
+  /// the log during a flood.
   Next take();
 
-  /// Whether there is nothing to be written, not even that lines were dropped.
+  /// Whether there is nothing to write, neither a line nor a report of dropped lines.
   bool empty() const { return size() == 0 && dropped == 0; }
 
 private:
@@ -59,8 +58,8 @@ private:
   std::deque<Entry> ordinary;
   std::size_t bytes_held = 0;
   std::uint64_t arrived = 0;
-  std::size_t dropped = 0;       // not told yet
-  std::size_t until_report = 0;  // lines that leave before dropped lines are told of again
+  std::size_t dropped = 0;       // not reported yet
+  std::size_t until_report = 0;  // lines that leave before the next report
 };
 
 }  // namespace kesto

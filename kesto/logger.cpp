@@ -25,10 +25,10 @@ constexpr size_t kWarningPathSkip = 131;
 constexpr size_t kQueueLines = 4096;
 constexpr size_t kQueueBytes = size_t{4} << 20;
 
-// How long the end of the process waits for its last lines.
+// Longest wait for the last lines at the end of the process.
 constexpr std::chrono::seconds kLastLines(1);
 
-/// @p file behind its first @p skip characters; empty when it has no more than that or is null.
+/// @p file without its first @p skip characters; empty when it is shorter or null.
 const char* file_piece(const char* file, size_t skip) {
   if (file == nullptr || strnlen(file, skip) < skip) return "";
   return file + skip;
@@ -56,7 +56,7 @@ Logger::Logger() : QObject(nullptr), queue(kQueueLines, kQueueBytes) {
   qInstallMessageHandler(&Logger::MessageHandler);
   openlog(nullptr, 0, LOG_LOCAL0);
   std::atexit(&Logger::end);
-  // The thread that writes is not in the child, and the mutex may be held for ever there.
+  // The child has no writer, and its mutex may stay locked for ever.
   pthread_atfork(nullptr, nullptr, [] { instance()->route.store(Route::ToOutput); });
 }
 
@@ -129,7 +129,7 @@ void Logger::deliver(LogLine line) {
   if (route.load() != Route::Nowhere) put(line);
 }
 
-/// @return false when the line is not taken and stays as it is: there is no writer
+/// @return false when there is no writer: the line is not taken
 bool Logger::enqueue(LogLine& line) {
   if (route.load() != Route::ToQueue) return false;
   const MutexLock lock(mutex);
@@ -141,7 +141,7 @@ bool Logger::enqueue(LogLine& line) {
 
 bool Logger::start_writer() {
   if (has_writer) return true;
-  // Signals are for other threads: the writer inherits this mask.
+  // The writer inherits this mask: signals are for other threads.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -227,7 +227,7 @@ void Logger::writeToSyslog(int message_level, const char* line) {
   if (message_level == kWarningLevel) priority = LOG_WARNING;
   const QByteArray format = escape_percent(line);
 #pragma GCC diagnostic push
-  // The line is the format by design; it holds no conversion, every percent sign in it is doubled.
+  // The line is the format by design; every percent sign in it is doubled, so it holds no conversion.
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   syslog(priority, format.constData());

@@ -24,12 +24,12 @@ namespace kesto {
 /// Levels are signed, smaller is more important: -2 error, -1 warning, 1 debug and start banner, 3
 /// operational, 4 detail, 6 per packet. Nothing here throws or reports a failure; a line that cannot be
 /// written is lost. Any thread may call anything here, and none waits for an output: lines go into a queue,
-/// and a thread of the logger's own, which the first line starts, writes them in order, each in a single
-/// call. When the output takes no lines for so long that the queue is full, lines are dropped (see LogQueue),
-/// and a warning tells how many. At exit what the queue holds is written, for at most a second.
+/// and the logger's own thread, started by the first line, writes them in order, each in a single call. When
+/// the queue is full, lines are dropped (see LogQueue), and a warning tells how many. At exit the queue is
+/// written out, for at most a second.
 ///
-/// Without that thread the thread that logs writes its line itself: when none can be made, in a child process
-/// after fork(), and after the end of the queue at exit.
+/// A thread writes its line itself when there is no such thread: none could be made, or this is a child
+/// process after fork(), or the queue has ended at exit.
 class Logger : public QObject {
   Q_OBJECT
 
@@ -37,12 +37,11 @@ public:
   /// Where finished lines go. Any other value drops them.
   enum Output : qint32 { None = 0, Console = 1, Syslog = 2 };
 
-  /// The logger of the process; made by the first call, on any thread. It is there to the very end of the
-  /// process, for what is logged during static destruction and for its own thread.
+  /// The logger of the process; made by the first call, on any thread. It is never destroyed: static
+  /// destructors and its own thread use it to the very end.
   static Logger* instance();
 
-  /// Formats one message as printf does, whole whatever its length, and writes it when @p level is at most
-  /// the threshold.
+  /// Formats one message of any length as printf does, and writes it when @p level is at most the threshold.
   /// @param file      source path, may be null; @param line      line number there
   /// @param function  full signature of the function, may be null
   void log(int level, const char* file, int line, const char* function, const char* format, ...)
@@ -51,12 +50,12 @@ public:
   /// Routes a finished line (no newline at its end) to the present output.
   void write(int level, const char* line);
 
-  /// Waits until no line is left in the queue or on its way to the output, for @p most at most.
-  /// @return whether none is
+  /// Waits until no line is left in the queue or on its way to the output, for at most @p most.
+  /// @return whether no line is left
   bool flush(std::chrono::milliseconds most);
 
   /// Framework message handler: debug becomes level 1, warning -1, critical and fatal -2; informational
-  /// messages are dropped. A fatal one is on its output before this returns, or after a second: the
+  /// messages are dropped. For a fatal one this waits until it is written, for at most a second: the
   /// framework ends the process then.
   static void MessageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message);
 
@@ -68,11 +67,11 @@ public slots:
   void useContext(bool use_context);
 
 private:
-  /// What becomes of a finished line.
+  /// The way of a finished line.
   enum class Route {
     ToQueue,
-    ToOutput,  // there is no thread, and will be none, that empties the queue
-    Nowhere    // the process ends while that thread waits for its output
+    ToOutput,  // no thread empties the queue, now or later
+    Nowhere    // the process ends while the writer waits for its output
   };
 
   Logger();
@@ -100,13 +99,13 @@ private:
   std::atomic<qint32> level{3};
   std::atomic<bool> use_context{true};
 
-  // Leaves ToQueue once, with the mutex held, or without in a child process, which may not take it.
+  // Leaves ToQueue once, with the mutex held; in a child process without it, for nobody may take it there.
   std::atomic<Route> route{Route::ToQueue};
 
   // Held for a look at the queue, never during a write.
   Mutex mutex;
   ConditionVariable changed;  // for the writer: there is a line, or the end has come
-  ConditionVariable settled;  // for who waits for the writer: it has nothing to do, or has ended
+  ConditionVariable settled;  // for those who wait for the writer: it is idle, or has ended
   LogQueue queue GUARDED_BY(mutex);
   bool has_writer GUARDED_BY(mutex) = false;
   pthread_t writer GUARDED_BY(mutex) = 0;
@@ -119,8 +118,8 @@ QByteArray escape_percent(const char* text);
 
 }  // namespace kesto
 
-/// Logs with the place of the call. The level is tested before any argument is evaluated, so that a
-/// suppressed message costs one comparison. A macro, because only a macro sees the caller's file, line and
+/// Logs with the place of the call. The level is tested before any argument is evaluated: a suppressed
+/// message costs one comparison. A macro, because only a macro sees the caller's file, line and
 /// signature.
 #define KESTO_LOG(LEVEL, ...)                                                                       \
   do {                                                                                              \

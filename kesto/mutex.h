@@ -32,10 +32,10 @@ private:
   Mutex& mutex;
 };
 
-/// std::condition_variable for a Mutex. A wait may end for no reason: look again at what was waited for.
+/// std::condition_variable for a Mutex. A wait may end for no reason: test the condition again.
 class ConditionVariable {
 public:
-  /// The caller holds @p mutex; it is let go for the time of the wait.
+  /// Releases @p mutex during the wait.
   void wait(Mutex& mutex) REQUIRES(mutex) {
     std::unique_lock<std::mutex> lock(mutex.mutex, std::adopt_lock);
     condition.wait(lock);

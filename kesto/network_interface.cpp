@@ -16,7 +16,8 @@
 namespace kesto::net {
 namespace {
 
-/// Asks the system for one property of an interface. @return false when it has none or does not exist.
+/// Asks the system for one property of an interface. @return false when there is no such interface or
+/// property.
 bool request_interface(unsigned long request, const char* name, ifreq& answer) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd == -1) return false;

@@ -11,8 +11,8 @@ std::string interface_ip_hex(const char* name);
 /// Hardware address of the interface @p name as 12 lower-case hexadecimal digits, empty when there is none.
 std::string interface_mac_hex(const char* name);
 
-/// Broadcast address of the interface @p name in dotted decimal: that of its last IPv4 entry that has one,
-/// else empty.
+/// Broadcast address of the interface @p name in dotted decimal, from its last IPv4 entry that has one; else
+/// empty.
 std::string interface_broadcast(const char* name);
 
 }  // namespace kesto::net

@@ -13,7 +13,7 @@ namespace kesto {
 ///
 /// It waits with sched_yield() only and never sleeps on a kernel object; an uncontended read lock costs one
 /// compare-and-swap, one load and one subtraction. Not recursive for writers; a holder of one role must not
-/// ask for the other. Unlocking a role that is not held corrupts the counts. Neither copied nor moved.
+/// take the other. Unlocking a role that is not held corrupts the counts. Neither copied nor moved.
 class CAPABILITY("lock") ReadWriteLock {
 public:
   enum Type { Reader = 0, Writer = 1 };
@@ -24,7 +24,7 @@ public:
   public:
     explicit Lock(ReadWriteLock* lock) : owner(lock) {}
 
-    // A role is no lock of its own to the checker.
+    // Not checked: to the checker a role is no lock.
     void lock() NO_THREAD_SAFETY_ANALYSIS {
       if constexpr (type == Reader)
         owner->lock_as_reader();
@@ -83,8 +83,8 @@ public:
 
   void unlock_as_writer() RELEASE() { writing.store(false); }
 
-  /// For a thread that holds the read lock: lets a waiting writer go first and returns with the read lock
-  /// held again. Without a waiting writer it costs one load.
+  /// Lets a waiting writer go first, then takes the read lock again. Without a waiting writer it costs one
+  /// load.
   void resolve_pending_write() REQUIRES_SHARED(this) {
     if (!writing.load()) return;
     unlock_as_reader();

@@ -2,8 +2,8 @@
 
 namespace kesto {
 
-/// Puts /dev/null where standard input, output or error is closed, so that no file or socket of the program
-/// gets their numbers and with them what is written to the terminal. For the first line of main().
+/// Opens /dev/null for each of standard input, output and error that is closed. Otherwise a file or socket of
+/// the program would get that number, and with it texts meant for the terminal. For the first line of main().
 void occupy_standard_descriptors();
 
 }  // namespace kesto
