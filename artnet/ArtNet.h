@@ -5,9 +5,8 @@
 
 /// Art-Net packets as they lie on the wire (Art-Net 4), and the arithmetic of universe addresses.
 ///
-/// Every record can be filled by copying wire bytes into it. Fields that the wire sends high byte first are
-/// converted to host order by the parser where that is said; all others stay as they arrived. The host is
-/// little-endian.
+/// Every record can be filled by copying wire bytes into it. The parser converts fields marked "host order
+/// once received"; all others stay as they arrived. The host is little-endian.
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "OpCodes and port-addresses are read in host order");
 
@@ -107,8 +106,7 @@ struct ArtOemVfps {
   std::uint8_t payload[4];
 };
 
-/// Also the delay record of a recording; the payload is then a signed 64-bit little-endian count of
-/// nanoseconds.
+/// Also the delay record of a recording; its payload is then nanoseconds, signed, 64 bits, little-endian.
 struct ArtOemVfpsNs {
   ArtHeader header;
   std::uint8_t payload[8];
@@ -124,7 +122,7 @@ static_assert(sizeof(ArtTrigger) == 530);
 static_assert(sizeof(ArtOemVfps) == 14);
 static_assert(sizeof(ArtOemVfpsNs) == 18);
 
-// Bytes that are read after the header; of an ArtDmx and an ArtTrigger the fields before the data.
+// Bytes read after the header; for ArtDmx and ArtTrigger only the fields before the data.
 constexpr std::uint32_t kPollBody = sizeof(ArtPoll) - sizeof(ArtHeader);
 constexpr std::uint32_t kPollReplyBody = sizeof(ArtPollReply) - sizeof(ArtHeader);
 constexpr std::uint32_t kDmxFields = offsetof(ArtDmx, data) - sizeof(ArtHeader);

@@ -19,7 +19,7 @@ void scan_mac(const std::string& hex, std::uint8_t (&mac)[6]) {
   sscanf(hex.c_str(), "%2hhx%2hhx%2hhx%2hhx%2hhx%2hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]);
 }
 
-/// Copies a name into a zeroed field, whose last byte stays zero.
+/// Copies a name into a zeroed field; the last byte stays zero.
 template <std::size_t size>
 void set_name(char (&field)[size], const std::string& name) {
   memcpy(field, name.c_str(), std::min(strlen(name.c_str()), size - 1));

@@ -7,7 +7,7 @@
 
 /// The packets that the service sends or writes, byte for byte.
 
-/// What the appliance says of itself in every ArtPollReply.
+/// The appliance as every ArtPollReply describes it.
 struct NodeIdentity {
   std::string ip_hex;   // IPv4 address, 8 hexadecimal digits, first byte first
   std::string mac_hex;  // hardware address, 12 hexadecimal digits
@@ -21,15 +21,15 @@ struct NodeIdentity {
 /// priority.
 ArtPoll make_art_poll();
 
-/// ArtPollReply of one output and input port, in wire order, without its port-address. Digits that do not
-/// scan leave their byte zero, as every byte is that the reply does not use.
+/// ArtPollReply of one output and input port, in wire order, without its port-address. Unused bytes are zero,
+/// and so is the byte of a pair of digits that does not scan.
 ArtPollReply make_art_poll_reply(const NodeIdentity& identity);
 
-/// Puts the port-address @p index (0..32767) into a reply in wire order. bind_index counts 1..255, 0 and
-/// starts anew.
+/// Puts the port-address @p index (0..32767) into a reply in wire order. bind_index goes 1..255, then 0, and
+/// round again.
 void set_port_address(ArtPollReply& reply, std::int32_t index);
 
-/// Delay record of a recording. @param nanoseconds  pause between the datagrams before and behind it
+/// Delay record of a recording. @param nanoseconds  pause between the datagrams before and after it
 ArtOemVfpsNs make_delay_record(std::int64_t nanoseconds);
 
 /// Dotted decimal form of an address of 8 hexadecimal digits; a pair that does not scan counts as 0.

@@ -41,7 +41,7 @@ std::error_code parser_error(errc::ArtNetParserError code) {
   return {code, errc::artnet_parser_error_category::instance()};
 }
 
-/// How many bytes at @p bytes (8 readable) are those of the identifier, from the first on.
+/// How many of the 8 bytes at @p bytes, from the first on, match the identifier.
 std::uint32_t matching_id_bytes(const std::uint8_t* bytes) {
   std::uint64_t found = 0;
   std::uint64_t wanted = 0;
@@ -60,7 +60,7 @@ Record record_with(const ArtHeader& header) {
   return record;
 }
 
-/// First byte of @p record behind its header.
+/// First byte of @p record after its header.
 template <typename Record>
 std::uint8_t* body_of(Record& record) {
   return reinterpret_cast<std::uint8_t*>(&record) + sizeof(ArtHeader);
@@ -102,7 +102,7 @@ void ArtNetParser::fill_buffer_without_check(std::istream& in) {
     valid_count =
         static_cast<std::uint32_t>(in.rdbuf()->sgetn(reinterpret_cast<char*>(buffer.data()), kBufferSize));
   } catch (const std::exception&) {
-    // What can be opened but not read, such as a folder.
+    // A folder, for example, can be opened but not read.
     in.setstate(std::ios::badbit);
     return;
   }
@@ -136,16 +136,16 @@ void ArtNetParser::copy_across_refill(std::uint8_t* out, std::uint32_t n, std::i
 bool ArtNetParser::search() {
   while (position < kBufferSize) {
     if (match_count == 0) {
-      // Nothing matched yet: on to the next byte that can begin an identifier. Mostly it is the first one of
-      // a datagram, which needs no search.
+      // Nothing matched yet: on to the next byte that can begin an identifier. Most often this is the first
+      // byte of the datagram, and memchr() is not called.
       if (buffer[position] != static_cast<std::uint8_t>(kArtNetId[0])) {
         const void* const first = memchr(buffer.data() + position, kArtNetId[0], kBufferSize - position);
         if (first == nullptr) break;
         position = static_cast<std::uint32_t>(static_cast<const std::uint8_t*>(first) - buffer.data());
       }
       if (kBufferSize - position >= kArtNetIdSize) {
-        // All that a match needs is here: count what matches. The byte that ends it is passed over with it,
-        // even if it could begin an identifier itself.
+        // A whole identifier fits. The byte that ends a match is skipped, even if it could begin an
+        // identifier: there is no back-off.
         const std::uint32_t matching = matching_id_bytes(buffer.data() + position);
         position += std::min<std::uint32_t>(matching + 1, kArtNetIdSize);
         if (matching < kArtNetIdSize) continue;
@@ -261,8 +261,8 @@ void ArtNetParser::parse_artpoll(ArtHeader& header, std::istream& in, std::error
 
 void ArtNetParser::parse_artpollreply(ArtHeader& header, std::istream& in, std::error_code& ec) {
   if (!on_poll_reply) return;
-  // The length of the reply is taken from the fill that it is assumed to begin: a short reply is copied as
-  // far as it goes. A fill that cannot even hold a header is a truncated packet, if its header ends in it.
+  // The reply is assumed to begin the fill, so the fill's length is its length, and a short reply is copied
+  // as far as it goes. A fill shorter than a header is a truncated packet, if the header ends in it.
   if (valid_count < sizeof(ArtHeader)) {
     if (from_stale_bytes())
       left_buffer = true;

@@ -47,10 +47,10 @@ private:
 /// Turns a byte stream - one datagram or a file of packets - into packet records and hands each to its
 /// callback.
 ///
-/// It searches for the identifier wherever it lies, reads the OpCode and the body behind it, calls back, and
-/// goes on searching until the stream ends or a callback calls stop(). The search is a plain matcher without
-/// back-off over the whole 512-byte refill buffer, which also holds bytes of earlier refills and of earlier
-/// parses behind the valid ones. A packet found there is dispatched like any other; one that would need bytes
+/// It searches for the identifier at any offset, reads the OpCode and the body after it, calls back, and goes
+/// on until the stream ends or a callback calls stop(). The search is a plain matcher without back-off over
+/// the whole 512-byte refill buffer. After the valid bytes this buffer holds stale ones, of earlier refills
+/// and parses. A packet found in stale bytes is dispatched like any other. A packet that would need bytes
 /// from beyond the buffer ends the parse without a callback and without an error, and so does a stale
 /// ArtPollReply when the last refill is shorter than a header.
 ///
@@ -67,7 +67,7 @@ public:
   std::function<void(ArtHeader&)> on_unknown;
   std::function<void(const std::error_code)> on_error;  // an ArtDmx of more than 512 slots
 
-  /// Bytes of the stream that one refill takes. A short ArtPollReply is as long as the refill it stands in.
+  /// Bytes that one refill takes from the stream. A short ArtPollReply ends with its refill.
   static constexpr std::uint32_t kBufferSize = 512;
 
   std::uint32_t packet_count = 0;  // packets dispatched by the current or the last parse
@@ -81,9 +81,8 @@ public:
   ArtNetParser& operator=(ArtNetParser&&) = delete;
 
   /// Parses the whole stream.
-  /// @param ec  clear on entry; holds the first error on return: UnexpectedEnd for an empty stream or a
-  /// packet that is
-  ///            cut off, HeaderNotFound when no identifier was found
+  /// @param ec  clear on entry; on return the first error: UnexpectedEnd for an empty stream or a packet that
+  ///            is cut off, HeaderNotFound when no identifier was found
   void parse(std::istream& in, std::error_code& ec);
 
   /// The same for one datagram that lies in memory, without the cost of a stream.
@@ -95,8 +94,7 @@ public:
   /// Ends the current parse after the packet that is being dispatched; for use in callbacks.
   void stop();
 
-  /// Within a callback: whether the packet was found, whole or in part, in bytes that an earlier refill or
-  /// parse left in the buffer, and not in the stream.
+  /// Within a callback: whether the packet lies, whole or in part, in stale bytes, and not in the stream.
   bool from_stale_bytes() const { return position > valid_count; }
 
   /// Puts `length` of a received ArtDmx back into wire order, for writing it out again.
@@ -117,12 +115,12 @@ protected:
   virtual void parse_unknown(ArtHeader& header, std::istream& in, std::error_code& ec);
 
 private:
-  /// parse() of whatever fill_buffer_without_check() takes its bytes from.
+  /// parse() of the bytes that fill_buffer_without_check() delivers.
   void run(std::istream& in, std::error_code& ec);
 
   void dispatch(ArtHeader& header, std::istream& in, std::error_code& ec);
 
-  /// Reads the @p n bytes behind the header into @p body. @return false when the packet is not to be
+  /// Reads the @p n bytes after the header into @p body. @return false when the packet is not to be
   /// dispatched.
   bool read_body(void* body, std::uint32_t n, std::istream& in, std::error_code& ec);
 
@@ -136,16 +134,15 @@ private:
   std::uint32_t valid_count = 0;  // bytes that the last refill delivered
   bool left_buffer = false;       // a stale match asked for bytes from beyond the buffer
 
-  // A datagram in memory: its bytes are taken from here and not from the stream that the steps are given.
+  // A datagram in memory: its bytes come from here, not from the stream argument of the steps.
   bool in_memory = false;
-  std::string_view rest;            // what has not been taken yet
+  std::string_view rest;            // bytes not taken yet
   std::istream no_stream{nullptr};  // stands in for the stream, is never read
 };
 
 inline void ArtNetParser::copy_with_populate(void* dst, std::uint32_t n, std::istream& in,
                                              std::error_code& ec) {
-  // Unsigned on purpose: behind the valid bytes the difference wraps and the stale bytes are taken as they
-  // are.
+  // Unsigned on purpose: past the valid bytes the difference wraps, and stale bytes are copied.
   if (valid_count - position >= n && kBufferSize - position >= n) {
     memcpy(dst, buffer.data() + position, n);
     position += n;

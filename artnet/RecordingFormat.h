@@ -5,16 +5,16 @@
 
 #include "artnet/ArtNet.h"
 
-/// The sizes that whoever writes a recording and whoever reads one must agree on (docs/recording-format.md).
+/// Sizes on which the writers and readers of recordings must agree (docs/recording-format.md).
 
-/// Longest datagram that the recorder takes from its socket and that a recording can hold, in bytes.
+/// Longest datagram, in bytes, that the recorder receives and a recording can hold.
 constexpr std::size_t kLongestDatagram = 8191;
 
-/// Identifier and OpCode, with which every packet begins.
+/// Every packet begins with identifier and OpCode.
 constexpr std::size_t kArtHeaderSize = sizeof(ArtHeader);
 static_assert(kArtHeaderSize == kArtNetIdSize + sizeof(std::uint16_t));
 
-/// The record that stands between two datagrams and holds the pause between them.
+/// The record between two datagrams, which holds the pause between them.
 constexpr std::size_t kDelaySize = sizeof(ArtOemVfpsNs);
 static_assert(kDelaySize == kArtHeaderSize + sizeof(std::int64_t), "the pause is a count of 64 bits");
 
