@@ -44,7 +44,7 @@ const QDBusArgument& operator>>(const QDBusArgument& argument, std::vector<Artne
 void register_node_types() {
   static const bool registered = [] {
     qRegisterMetaType<ArtnetNode>("ArtnetNode");
-    // Registers the conversion to a sequential iterable with it.
+    // Also registers the conversion to a sequential iterable.
     qRegisterMetaType<std::vector<ArtnetNode>>("std::vector<ArtnetNode>");
     qDBusRegisterMetaType<ArtnetNode>();
     qDBusRegisterMetaType<std::vector<ArtnetNode>>();

@@ -10,14 +10,14 @@ struct ArtnetNode {
   qint32 id;  // key of a manual node, never negative; -1: detected
   QString short_name;
   QString long_name;
-  qint32 universe;  // 0-based port-address of an output port; can exceed 32767 when a node sends a Net byte
-                    // with bit 7
+  qint32 universe;  // 0-based port-address of an output port; above 32767 when a node sends a Net byte with
+                    // bit 7
   QString ip;       // dotted decimal
   qint32 port;      // UDP
 
   /// Same node: all fields but `id`.
   friend bool operator==(const ArtnetNode& a, const ArtnetNode& b) {
-    // The numbers first: they differ between most nodes and cost no memory access.
+    // Numbers first: they differ between most nodes, and need no look at the memory of a text.
     return a.universe == b.universe && a.port == b.port && a.short_name == b.short_name &&
            a.long_name == b.long_name && a.ip == b.ip;
   }

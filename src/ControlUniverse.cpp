@@ -6,7 +6,7 @@ constexpr int kNotSet = -1;
 constexpr int kChannels = static_cast<int>(kDmxSlots);
 constexpr int kLevels = 255;
 
-/// Whether a setting is switched off or within 1..@p highest.
+/// Whether @p value is off or within 1..@p highest.
 bool is_setting(int value, int highest) {
   return value == kNotSet || (value >= 1 && value <= highest);
 }

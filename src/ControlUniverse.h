@@ -5,18 +5,18 @@
 
 #include "artnet/ArtNet.h"
 
-/// A remote trigger, as clients are told of it.
+/// A remote trigger, as clients receive it.
 struct Trigger {
   int key;
   int subkey;
 };
 
-/// The control universe: its settings, and what the levels of an ArtDmx on it ask for.
+/// The control universe: its settings, and the meaning of the levels of an ArtDmx on it.
 ///
-/// No lock of its own: it is reached through GuardedState.
+/// No lock of its own: GuardedState guards it.
 class ControlUniverse {
 public:
-  /// Why a setting was not taken. Nothing is stored on any refusal.
+  /// Reason of a refusal. A refused call stores nothing.
   enum class Refusal {
     None,
     GrabberNotIdle,
@@ -28,15 +28,15 @@ public:
     Threshold
   };
 
-  /// What the record channel of an ArtDmx says. Absent: another universe, a packet that ends before the
+  /// State of the record channel in an ArtDmx. Absent: another universe, a packet that ends before the
   /// channel, or no record channel set.
   enum class RecordLevel { Absent, On, Off };
 
-  /// The reason in words, as the log gives it; not for Refusal::None.
+  /// The reason in the words of the log; not for Refusal::None.
   static const char* reason(Refusal refusal);
 
-  /// Each takes its values when all of them are in range: -1 (switched off), or @p universe 1..32768,
-  /// channels 1..512, @p step and @p threshold 1..255. Checked in the order of the arguments.
+  /// Each takes its values when all are in range: @p universe 1..32768, channels 1..512, @p step and
+  /// @p threshold 1..255, or -1 for off. The first argument out of range is the refusal.
   Refusal set_ctrl_universe(int universe);
   Refusal set_ctrl_action(int key_channel, int value_channel, int step);
   Refusal set_ctrl_record(int channel, int threshold);
@@ -44,10 +44,11 @@ public:
   bool ctrl_action_enabled() const;
   bool ctrl_record_enabled() const;
 
-  /// Whether the value that comes with @p key is divided by the step: keys 1 and 2.
+  /// Whether the value of @p key is divided by the step: keys 1 and 2.
   static bool ctrl_action_with_step(int key);
 
-  /// The trigger that an ArtDmx means while nothing is recorded: every matching packet means one.
+  /// The trigger of an ArtDmx while nothing is recorded. Every matching packet gives one, also a repeated
+  /// one.
   std::optional<Trigger> trigger_dmx_idle(const ArtDmx& dmx) const;
 
   RecordLevel record_level(const ArtDmx& dmx) const;

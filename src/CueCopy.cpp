@@ -34,7 +34,7 @@ QString time_based_uuid() {
   }
 }
 
-/// A new file that nobody sees under its name before it is shown; without that it leaves nothing.
+/// A new file that gets its name with show(). Without show() it leaves nothing.
 class HiddenFile {
 public:
   explicit HiddenFile(std::string shown) : path(std::move(shown)) {
@@ -44,7 +44,7 @@ public:
     const std::string folder_path = folder == 0 ? "." : path.substr(0, folder);
     fd = open(folder_path.c_str(), kFlags | O_TMPFILE, kPermissions);
     if (fd != -1) return;
-    // FAT, NFS and others have no files without a name.
+    // On FAT, NFS and others every file needs a name.
     std::string named = path.substr(0, folder) + '.' + path.substr(folder) + ".kadrel-copy";
     fd = open(named.c_str(), kFlags | O_CREAT | O_EXCL, kPermissions);
     if (fd != -1) hidden_path = std::move(named);
@@ -60,8 +60,8 @@ public:
 
   bool is_open() const { return fd != -1; }
 
-  /// Appends to the file and has the disk take it: else show(), which cannot be given up, would wait for all
-  /// of the file at once.
+  /// Appends to the file and waits for the disk: otherwise show(), which cannot be interrupted, would wait
+  /// for the whole file at once.
   bool write(const char* bytes, std::size_t size) const {
     while (size > 0) {
       const ssize_t written = ::write(fd, bytes, size);
@@ -76,7 +76,7 @@ public:
 
   void set_permissions(mode_t mode) const { fchmod(fd, mode & 0777U); }
 
-  /// Gives the file its name once the disk has all of it. Replaces nothing.
+  /// Waits for the disk and gives the file its name. Replaces nothing.
   bool show() {
     if (fsync(fd) != 0) return false;
     if (hidden_path.empty()) {
@@ -87,7 +87,7 @@ public:
       hidden_path.clear();
       return true;
     }
-    // NFS cannot rename so, but link; FAT the other way round.
+    // NFS knows link() but not RENAME_NOREPLACE, FAT the other way round.
     return link(hidden_path.c_str(), path.c_str()) == 0;
   }
 
@@ -112,7 +112,7 @@ bool copy_cue(const QString& from, const QString& to) {
   const std::unique_ptr<char[]> portion(new (std::nothrow) char[kPortion]);
   if (portion == nullptr) return false;
   QFile source(from);
-  // Looked at before it is opened: opening a pipe would wait for a writer.
+  // isFile() first: opening a pipe would wait for a writer.
   if (!QFileInfo(from).isFile() || !source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) return false;
   HiddenFile copy(QFile::encodeName(to).toStdString());
   if (!copy.is_open()) return false;

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Copies up to the terminating zero, or all but the last byte; behind it @p target is zero already.
+/// Copies up to the terminating zero, or all but the last byte. @p target is zeroed already.
 template <std::size_t size>
 void copy_text(char (&target)[size], const char (&source)[size]) {
   std::memcpy(target, source, strnlen(source, size - 1));

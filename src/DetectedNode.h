@@ -6,11 +6,10 @@
 #include "artnet/ArtNet.h"
 #include "src/ArtnetNode.h"
 
-/// What an ArtPollReply says about one of its ports: the ArtnetNode of it (id -1) as plain bytes.
+/// One port of an ArtPollReply: its ArtnetNode (id -1) as plain bytes.
 ///
-/// The bytes stand so that memcmp() orders them as operator< orders the ArtnetNodes: numbers high byte first,
-/// texts filled up with zero bytes. So a reply is looked up among thousands of nodes without a single
-/// allocation.
+/// memcmp() orders the bytes as operator< orders ArtnetNodes: numbers have the high byte first, texts are
+/// padded with zero bytes. So the look-up of a reply among thousands of nodes needs no allocation.
 class DetectedNode {
 public:
   /// Port @p index (0..3) of a received reply.
@@ -31,7 +30,7 @@ private:
   quint8 universe_bytes[2];
   char ip_text[16] = {};
   quint8 port_bytes[2];
-  char short_name[sizeof ArtPollReply::short_name] = {};  // Latin-1, zero-terminated as the long name is
+  char short_name[sizeof ArtPollReply::short_name] = {};  // Latin-1, zero-terminated, like the long name
   char long_name[sizeof ArtPollReply::long_name] = {};
 };
 

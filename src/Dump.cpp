@@ -69,7 +69,7 @@ void Dump::grab(const QString& filename) {
     KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
     return;
   }
-  // Only this thread starts a recording, so it stays off meanwhile.
+  // Only this thread starts a recording, so the recorder stays off meanwhile.
   auto file = RecordingFile::open(filename);
   if (file == nullptr) {
     KESTO_LOG(-2, "Can't open file for grabbing");
@@ -95,7 +95,7 @@ void Dump::stop() {
 }
 
 QString Dump::get_status() {
-  // Whoever reads "off" finds the file complete.
+  // A client that reads "off" finds the file complete.
   conclude_ended_grab();
   GuardedState::Writer guard(state);
   return QString::fromLatin1(guard.recorder().status());

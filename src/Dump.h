@@ -17,14 +17,13 @@
 #include "src/ReceiveLoop.h"
 #include "src/TriggerQueue.h"
 
-/// The service object: recorder, remote triggers, node detection and manual nodes behind one D-Bus interface.
-/// It owns the parts that do the work, says which thread and which lock goes with each, and logs what they
-/// decide.
+/// The service object: one D-Bus interface for recorder, remote triggers, node detection and manual nodes. It
+/// owns the parts that do the work, gives each its thread and its lock, and logs their decisions.
 ///
 /// Its public slots are the D-Bus methods and run on the main thread, one at a time; they report a refusal by
-/// their result or only by a log line, never as a D-Bus error. A receive thread owns the UDP socket and does
-/// all datagram work; a polling thread, once started, detects nodes. Every D-Bus message leaves from the main
-/// thread.
+/// their result or only by a log line, never as a D-Bus error. The receive thread owns the UDP socket and
+/// does all datagram work. The polling thread, once started, detects nodes. Every D-Bus message leaves from
+/// the main thread.
 class Dump : public QObject {
   Q_OBJECT
   Q_CLASSINFO("D-Bus Interface", "com.tolvekserver.Kadrel.Dump")
@@ -42,7 +41,7 @@ public:
   Dump(Dump&&) = delete;
   Dump& operator=(Dump&&) = delete;
 
-  /// From now on triggers count as in flight until this bus has taken them. Main thread.
+  /// See TriggerQueue. Main thread.
   void watch_bus(const QDBusConnection& watched) { triggers.watch_bus(watched); }
 
 public slots:
@@ -78,12 +77,12 @@ signals:
   void OnArtnetNodesUpdated(const QString& message);
 
 private:
-  // A test drives single steps without a thread or a network.
+  // Lets a test drive single steps without a thread or a network.
   friend class DumpProbe;
 
-  /// The appliance, as it was when the service started.
+  /// The appliance at the start of the service.
   struct Device {
-    std::string device_ip_hex;  // own IPv4 address, 8 hexadecimal digits in the order of the dotted form
+    std::string device_ip_hex;  // own IPv4 address, 8 hexadecimal digits, first byte first
     std::string device_mac;     // 12 hexadecimal digits
     std::string broadcast_ip;   // dotted decimal
   };
@@ -92,11 +91,11 @@ private:
   /// Everything but the receive thread.
   Dump(Device own, qint32 announced);
 
-  /// Brings a recording that has ended into its file and makes its summary the latest one. It comes before
-  /// everything that a client does with recordings, and by itself after the record channel ended one.
+  /// Completes the file of a recording that has ended, and makes its summary the latest one. Every method
+  /// about recordings calls it first; a recording that its record channel ended is concluded at once.
   void conclude_ended_grab();
 
-  /// Logs and emits a node-update message of a method that makes one. @return whether there is one
+  /// Logs and emits the node-update message of @p method, if there is one. @return whether there is one
   bool announce(const char* method, const std::optional<QString>& message);
 
   /// Stores a setting of the control universe while the grabber is off, and logs a refusal.
@@ -107,14 +106,14 @@ private:
   // Constant after construction.
   const Device device;
 
-  // Shared by main thread and receive thread, each through its own guard.
+  // Main thread and receive thread, each through its own guard.
   GuardedState state;
 
   // Main thread only.
   GrabSummary latest_grab_summary;
   ManualNodes manual_nodes;
 
-  // The receive thread posts, the main thread hands over.
+  // The receive thread posts, the main thread hands over to the bus.
   TriggerQueue triggers;
 
   // Its own thread and locks.

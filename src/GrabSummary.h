@@ -4,7 +4,7 @@
 #include <string>
 #include <unordered_set>
 
-/// What the last finished recording holds.
+/// Summary of a finished recording.
 struct GrabSummary {
   QString file_name;
   bool empty = true;                     // the file had size 0
@@ -12,5 +12,5 @@ struct GrabSummary {
   std::unordered_set<qint32> universes;  // 0-based port-addresses
 };
 
-/// JSON text of a summary; the file name stands in it as it is (local 8-bit encoding), without any escaping.
+/// JSON text of a summary; the file name (local 8-bit encoding) is not escaped.
 std::string grab_report(const GrabSummary& summary);

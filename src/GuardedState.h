@@ -4,13 +4,13 @@
 #include "src/ControlUniverse.h"
 #include "src/Recorder.h"
 
-/// Recorder state and control settings, which the main thread and the receive thread share. There is no way
-/// to them but through a guard, which holds state_lock as long as it lives.
+/// Recorder state and control settings, shared by the main thread and the receive thread. Only a guard gives
+/// access; it holds state_lock as long as it lives.
 ///
-/// Nothing that may wait (for a disk, a log, the bus) is done with a guard in hand: the other thread spins.
+/// The other thread spins meanwhile: while a guard lives, never wait for a disk, a log or the bus.
 class GuardedState {
 public:
-  /// The main thread's: between two datagrams.
+  /// Guard of the main thread; gets the lock between two datagrams.
   class SCOPED_CAPABILITY Writer {
   public:
     explicit Writer(GuardedState& guarded) ACQUIRE(guarded.state_lock) : state(guarded) {
@@ -20,7 +20,7 @@ public:
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
-    // Not checked: the writer has the lock, but the checker does not know that of its members.
+    // Not checked: the checker does not know that a member of this guard holds the lock.
     Recorder& recorder() NO_THREAD_SAFETY_ANALYSIS { return state.recorder; }
     ControlUniverse& control() NO_THREAD_SAFETY_ANALYSIS { return state.control; }
 
@@ -28,7 +28,7 @@ public:
     GuardedState& state;
   };
 
-  /// The receive thread's: for all its work but its waits. It is the only reader and may therefore change the
+  /// Guard of the receive thread, for all its work but its waits. The only reader, so it may change the
   /// recorder.
   class SCOPED_CAPABILITY Reader {
   public:
@@ -39,7 +39,7 @@ public:
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
 
-    // Not checked, as above. Between let_go() and take_again() neither state is to be asked for.
+    // Not checked, as above. Not to be called between let_go() and take_again().
     Recorder& recorder() NO_THREAD_SAFETY_ANALYSIS { return state.recorder; }
     const ControlUniverse& control() NO_THREAD_SAFETY_ANALYSIS { return state.control; }
 

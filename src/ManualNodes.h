@@ -6,17 +6,17 @@
 
 #include "src/ArtnetNode.h"
 
-/// Nodes entered by hand, each under a key (its id) that the client chose. Main thread only.
+/// Nodes entered by hand. The client chooses the key (id) of each. Main thread only.
 ///
 /// Every method that changes the list returns the node-update message to emit, or nothing when it refuses and
-/// leaves the list as it is. The list has changed already when the message goes out; no client can tell:
-/// what hears the signal is the bus alone, and the next call comes when the present one has returned.
+/// leaves the list as it is. The list changes before the message goes out; no client can tell, because its
+/// next call runs only after this one has returned.
 class ManualNodes {
 public:
-  /// Refuses unless the list is empty and every key is 0 or more. Keys that occur twice are accepted.
+  /// Refuses unless the list is empty and every key is 0 or more. The same key may occur twice.
   std::optional<QString> init(const std::vector<ArtnetNode>& nodes);
 
-  /// Refuses a negative key and one that is in the list.
+  /// Refuses a negative key, and a key that is in the list.
   std::optional<QString> add(const ArtnetNode& node);
 
   /// Changes the first node with the key of @p node in its place. Refuses a key that is not in the list.

@@ -9,26 +9,26 @@
 
 #include "src/DetectedNode.h"
 
-/// The nodes of a detection cycle, compared with those of the cycle before.
+/// The nodes of a detection cycle, compared with the cycle before.
 ///
-/// Replies can be forged, so no reply may cost more than the logarithm of what is known: every look-up goes
-/// by order, not by a hash, and a node that answers again is marked, not moved.
+/// Replies can be forged, so the cost of a reply grows only with the logarithm of the known nodes: look-ups
+/// go by order, not by hash, and a node that answers again is marked, not moved.
 ///
-/// Knows nothing of threads: the caller holds a mutex around every call.
+/// No lock of its own: the caller holds a mutex.
 class NodeCycle {
 public:
-  /// Nodes of the cycle before and new ones, together: one for every port-address there is.
+  /// Most nodes of the cycle before and new nodes together: one for every port-address.
   static constexpr std::size_t kLimit = kUniverseLimit;
 
   enum class Intake {
     New,             // not in the list of the cycle before
-    SeenAgain,       // in that list, and the first answer in this cycle
-    Duplicate,       // has answered in this cycle
-    FirstOverLimit,  // new, and no room for it: the first of this cycle
-    OverLimit,       // any further one
+    SeenAgain,       // in that list, first answer in this cycle
+    Duplicate,       // has answered in this cycle already
+    FirstOverLimit,  // new, but no room: the first such node of this cycle
+    OverLimit,       // every further one
   };
 
-  /// How a cycle ends.
+  /// End of a cycle.
   struct Result {
     std::optional<QString> message;              // none when nothing has changed
     std::shared_ptr<const DetectedNodes> nodes;  // the next list, sorted
@@ -41,31 +41,31 @@ public:
   NodeCycle& operator=(NodeCycle&&) = delete;
   ~NodeCycle() = default;
 
-  /// Nobody has answered yet.
+  /// Starts a cycle: no node has answered yet.
   void begin();
 
-  /// A node has answered. Before the first begin(), and after a conclude() until the next, every node is new.
+  /// A node has answered. Before the first begin(), and from conclude() to the next, every node is new.
   Intake take_in(const DetectedNode& node);
 
-  /// What this cycle has found; it goes on as if nobody had asked.
+  /// The findings of this cycle so far; the cycle goes on.
   Result evaluate() const;
 
-  /// Ends the cycle with what evaluate() said.
+  /// Ends the cycle with the result of evaluate().
   void conclude(const Result& result);
 
   /// Forgets every node. @return the message about it, empty for an empty list
   QString forget();
 
-  /// The result of the last cycle that was concluded, sorted.
+  /// The nodes of the last concluded cycle, sorted.
   const std::shared_ptr<const DetectedNodes>& detected_nodes() const { return detected; }
 
-  /// Not in the list of the cycle before, in order of arrival.
+  /// Nodes that are not in the list of the cycle before, in order of arrival.
   DetectedNodes poll_new_nodes() const;
-  /// In that list and answered, and not answered yet; both in its order.
+  /// Nodes of that list that have answered, and those that have not; both in its order.
   DetectedNodes poll_seen_nodes() const { return previous_nodes(true); }
   DetectedNodes poll_missing_nodes() const { return previous_nodes(false); }
 
-  /// Whether the current cycle met a node that the list of the cycle before did not hold.
+  /// Whether the current cycle met a new node.
   bool nodes_changed() const { return !arrivals.empty(); }
 
 private:
@@ -75,7 +75,7 @@ private:
   static const std::shared_ptr<const DetectedNodes>& nothing();
 
   std::shared_ptr<const DetectedNodes> detected = nothing();
-  std::shared_ptr<const DetectedNodes> previous = nothing();  // what the cycle is compared with
+  std::shared_ptr<const DetectedNodes> previous = nothing();  // the cycle is compared with these
   std::vector<bool> answered;                                 // for each node of `previous`
   std::set<DetectedNode> new_nodes;
   std::vector<const DetectedNode*> arrivals;  // `new_nodes` in order of arrival

@@ -64,7 +64,7 @@ bool NodeDetector::start_polling_artnet_nodes(const std::string& broadcast) {
       poll_thread = std::thread(&NodeDetector::poll_artnet_nodes, this);
       return true;
     } catch (const std::system_error&) {
-      // No thread to be had now; the client may ask again.
+      // No thread can be made now; the client may ask again.
     }
   }
   KESTO_LOG(3, "[Dump::start_polling_artnet_nodes] Failed to start polling artnet nodes");
@@ -146,8 +146,8 @@ void NodeDetector::take_in(const DetectedNode& node) {
 std::optional<ArtPollRequest> NodeDetector::take_waiting_request() {
   ArtPollRequest request;
   {
-    // The flag is raised under the mutex: raised before, the poller could see it early and keep the mutex for
-    // the rest of its cycle, and the receive thread would wait for it here.
+    // Raise the flag only under the mutex: otherwise the poller could see it first and keep the mutex for the
+    // rest of its cycle, and the receive thread would wait here.
     const kesto::MutexLock lock(artpoll_request_mutex);
     request = {static_cast<const char*>(artpoll_request_address), artpoll_request_port,
                artpoll_request_packet};
@@ -202,12 +202,12 @@ bool NodeDetector::send_artpoll() {
 
 void NodeDetector::evaluate_detection_cycle(ArtnetNodesUpdatedObject& updates) {
   const kesto::MutexLock poll_lock(poll_mutex);
-  // Clients wait for detected_mutex: the texts about thousands of nodes are made before it is taken, and the
-  // lists are emptied after it has been let go.
+  // Clients wait for detected_mutex, so the work on thousands of nodes (making texts, emptying lists) is done
+  // without it.
   const NodeCycle::Result result = cycle.evaluate();
   {
     const kesto::MutexLock detected_lock(detected_mutex);
-    // Automatic detection was switched off during the cycle, and no request began it: it does not count.
+    // A cycle that no request began does not count when automatic detection was switched off during it.
     if (!automatic_detection && !detection_in_progress) return;
     if (result.message) {
       KESTO_LOG(4, "[Dump::poll_artnet_nodes] Emitting OnArtnetNodesUpdated signal");

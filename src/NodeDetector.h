@@ -25,8 +25,9 @@ struct ArtPollRequest {
 
 /// Node detection: the modes that clients choose, the cycles of the polling thread, the intake of replies.
 ///
-/// Lock order: artpoll_request_mutex, poll_mutex, detected_mutex. The polling thread holds the first one
-/// unless it waits; the receive thread takes it only while a request waits, and never waits for the others.
+/// Lock order: artpoll_request_mutex, poll_mutex, detected_mutex. The polling thread holds
+/// artpoll_request_mutex except while it waits. The receive thread takes it only when a request is there, and
+/// never waits for the others.
 class NodeDetector {
 public:
   struct Waits {
@@ -35,8 +36,8 @@ public:
   };
   static constexpr Waits kWaits{std::chrono::milliseconds(3000), std::chrono::milliseconds(100)};
 
-  /// Connects a relay to whoever wants to hear its messages. Called on the polling thread, where the relay
-  /// lives and emits, when that begins.
+  /// Connects the relay to the receiver of its messages. Called at the start of the polling thread, where the
+  /// relay lives and emits.
   using ConnectUpdates = std::function<void(ArtnetNodesUpdatedObject&)>;
 
   explicit NodeDetector(ConnectUpdates connect, Waits durations = kWaits);
@@ -49,16 +50,16 @@ public:
   NodeDetector(NodeDetector&&) = delete;
   NodeDetector& operator=(NodeDetector&&) = delete;
 
-  // Main thread, as the D-Bus methods of the same names.
+  // Main thread: the D-Bus methods of the same names.
   bool set_automatic_node_detection(bool enable);
   bool request_node_detection();
   bool node_detection_request_pending();
   /// @param broadcast_ip  where ArtPolls go
-  /// @return false when the thread was started before, or there is none to be had now: ask again
+  /// @return false when the thread runs already, or cannot be made now (the client may ask again)
   bool start_polling_artnet_nodes(const std::string& broadcast_ip);
   QString get_detected_nodes() EXCLUDES(detected_mutex);
-  /// @return the message to emit, or nothing when the modes forbid it. The nodes are forgotten already; no
-  ///         client can tell, for its next call comes when the present one has returned.
+  /// @return the message to emit, or nothing when the modes forbid it. The nodes are forgotten before it goes
+  ///         out; no client can tell, because its next call runs only after this one has returned.
   std::optional<QString> remove_detected_nodes() EXCLUDES(poll_mutex, detected_mutex);
 
   /// Wakes the polling thread wherever it waits, and joins it. Nothing is emitted afterwards. Main thread.
@@ -66,10 +67,10 @@ public:
 
   // Receive thread.
 
-  /// Takes a reply in, unless the polling thread or remove_detected_nodes() has the lists at this moment.
+  /// Takes a reply in, or drops it while the polling thread or remove_detected_nodes() works on the lists.
   void process_art_poll_reply(const ArtPollReply& reply) EXCLUDES(poll_mutex);
 
-  /// Takes the request that waits, if one does. To be asked before every datagram: without a request it costs
+  /// Takes the waiting request, if there is one. For a call before every datagram: without a request it costs
   /// one load.
   std::optional<ArtPollRequest> take_request() EXCLUDES(artpoll_request_mutex) {
     if (artpoll_request_done) return std::nullopt;
@@ -77,7 +78,7 @@ public:
   }
 
 private:
-  // A test drives single steps without a thread.
+  // They let a test drive single steps without a thread.
   friend class DumpProbe;
   friend class NodeDetectorProbe;
 
@@ -123,7 +124,7 @@ private:
 
   NodeCycle cycle GUARDED_BY(poll_mutex);
 
-  // What clients read: the list that `cycle` goes by, too. Written with both mutexes held.
+  // For clients: the list of `cycle`. Written with both mutexes held.
   std::shared_ptr<const DetectedNodes> detected_nodes GUARDED_BY(detected_mutex) =
       std::make_shared<const DetectedNodes>();
 };

@@ -6,8 +6,8 @@
 #include "src/ArtnetNode.h"
 #include "src/DetectedNode.h"
 
-/// Texts about nodes. A node-update message is made of entries "1:universe:ip:port" (a node appeared) and
-/// "0:universe:ip:port" (a node went away); what stands between entries depends on the operation.
+/// Texts about nodes. A node-update message consists of entries "1:universe:ip:port" (a node appeared) and
+/// "0:universe:ip:port" (a node went away); the separators depend on the operation.
 
 /// One entry, without a separator.
 QString appeared_entry(const ArtnetNode& node);
@@ -22,5 +22,5 @@ QString vanished_entries(const DetectedNodes& nodes);
 /// Old state, ";", new state.
 QString changed_entry(const ArtnetNode& before, const ArtnetNode& after);
 
-/// JSON text of a node list. Names stand in it as they are, without any escaping.
+/// JSON text of a node list; names are not escaped.
 QString nodes_json(const DetectedNodes& nodes);

@@ -14,10 +14,10 @@ PollResponder::Asked PollResponder::ask(const kesto::net::HostAddress& address, 
   if (askers.size() >= kAskers) {
     return std::exchange(refusal_known, true) ? Asked::Refused : Asked::FirstRefused;
   }
-  // Not before nobody waits: among a flood of askers some find room and others do not, thousands of times a
-  // second.
+  // Only when no asker waits: in a flood askers are taken and refused by turns, thousands of times a second,
+  // and each refusal would be logged.
   if (askers.empty()) refusal_known = false;
-  // To the front: its first replies leave at once, the others take their turn.
+  // To the front: its first replies leave at once, the rest take turns.
   askers.push_front({address, port, 0, false});
   send_turn(kAtOnce, sender);
   return Asked::Taken;
@@ -45,7 +45,6 @@ bool PollResponder::send_turn(int limit, ReplySender& sender) {
     asker.next = 0;
     asker.again = false;
   }
-  // Askers take turns.
   if (asker.next < universe_count) askers.push_back(asker);
   askers.pop_front();
   return true;

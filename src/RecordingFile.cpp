@@ -13,7 +13,7 @@
 
 namespace {
 
-// The kernel has asked the holder of a lease to give it up when it refuses the first time.
+// An open that a lease refuses makes the kernel ask its holder to give it up: try again for so long.
 constexpr auto kLeasePatience = std::chrono::seconds(1);
 constexpr auto kLeaseLook = std::chrono::milliseconds(5);
 
@@ -76,7 +76,7 @@ std::size_t RecordingFile::flush() {
 
 void RecordingFile::write_gathered() {
   while (size > 0) {
-    // A write that failed must not keep later ones from the disk once there is room again.
+    // After a failed write the stream refuses all others until its status is reset.
     grab_stream.resetStatus();
     const int result = grab_stream.writeRawData(gathered.data(), static_cast<int>(size));
     if (result <= 0) return;

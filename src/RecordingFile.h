@@ -11,22 +11,21 @@
 
 #include "artnet/RecordingFormat.h"
 
-/// The file of a recording, with the records that have not gone into it yet.
+/// The file of a recording, with the records that are not in it yet.
 ///
 /// Records are gathered into writes of up to 16 KiB: a crash can lose that much. A delay record and its
-/// datagram go in together or not at all. While the disk takes nothing, what was gathered waits and new
-/// records are dropped whole; once there is room, writing goes on where it stopped, so that the file holds
-/// whole records only.
+/// datagram go in together or not at all. While the disk takes nothing, gathered records wait and new ones
+/// are dropped whole. Once there is room, writing goes on where it stopped, so the file holds whole records
+/// only.
 ///
 /// One thread at a time.
 class RecordingFile {
 public:
   enum class Kept { Yes, No };
 
-  /// Opens @p path for writing from its beginning. Waits for at most a second, for a process that holds a
-  /// lease on the file to give it up. No later write waits for another process: a terminal or a named pipe
-  /// whose reader is slow counts as a full disk, and what it has not read at the end may begin within a
-  /// record. Main thread, without any lock.
+  /// Opens @p path for writing from its beginning. Waits at most a second for a process that holds a lease on
+  /// the file. No later write waits for another process: a terminal or a named pipe with a slow reader counts
+  /// as a full disk, and what such a reader gets may end within a record. Main thread, without any lock.
   /// @return null when it cannot be opened, or is a named pipe that nobody reads
   static std::unique_ptr<RecordingFile> open(const QString& path);
 
@@ -38,20 +37,20 @@ public:
   RecordingFile(RecordingFile&&) = delete;
   RecordingFile& operator=(RecordingFile&&) = delete;
 
-  /// Keeps @p delay (may be empty) and @p datagram (not empty), at most 16 KiB together, after a write if
-  /// they need its room.
-  /// @return No when they were dropped, because the disk takes nothing
+  /// Keeps @p delay (may be empty) and @p datagram (not empty), at most 16 KiB together. Writes first when
+  /// they need the room.
+  /// @return No when they were dropped because the disk takes nothing
   Kept append(std::string_view delay, std::string_view datagram);
 
-  /// Writes what was gathered. What the disk does not take is given up, and a record that it took in part is
-  /// cut off again.
-  /// @return how many kept records are not in the file
+  /// Writes the gathered records. Records that the disk does not take are lost, and one that it took in part
+  /// is cut off again.
+  /// @return number of lost records
   std::size_t flush();
 
-  /// Bytes in the file, as the file system knows them; 0 when it does not tell.
+  /// Size of the file in bytes; 0 when the file system does not tell.
   qint64 size_on_disk() const;
 
-  /// As it was opened.
+  /// The path as it was opened.
   const QString& name() const { return file_name; }
 
 private:
@@ -66,7 +65,7 @@ private:
   QFile grab_file;
   QDataStream grab_stream;  // raw bytes only, into grab_file
 
-  // What was gathered; its first record begins cut_off bytes earlier, in the file.
+  // The gathered bytes. The first cut_off bytes of the first record are in the file already.
   std::array<char, kCapacity> gathered;
   std::size_t size = 0;
   std::bitset<kCapacity> record_ends;  // the last byte of each record

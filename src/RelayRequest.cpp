@@ -18,7 +18,7 @@ std::optional<RelayRequest> read_relay_request(const char* datagram, std::size_t
   memcpy(&id, datagram, sizeof id);
   if (id != manufacturer_id) return std::nullopt;
   RelayRequest request;
-  // The last byte of the field is not part of the text, whatever it holds.
+  // The last byte of the field is never part of the text.
   request.address.assign(datagram + kAddressOffset, strnlen(datagram + kAddressOffset, kAddressSize - 1));
   memcpy(&request.port, datagram + kPortOffset, sizeof request.port);
   request.payload = datagram + kPayloadOffset;

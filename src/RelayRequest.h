@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-/// Datagram that a local process hands the service over 127.0.0.1, to be sent on from the Art-Net port.
+/// Request of a local process, sent over 127.0.0.1: send a datagram on from the Art-Net port.
 struct RelayRequest {
   std::string address;  // as it stands in the datagram, at most 15 characters
   std::int32_t port = 0;
@@ -18,6 +18,5 @@ struct RelayRequest {
 std::optional<RelayRequest> read_relay_request(const char* datagram, std::size_t size,
                                                std::uint16_t manufacturer_id);
 
-/// Whether the service sends there: not to nowhere, not to itself, not to a system port (1024..65535 are
-/// allowed).
+/// Whether the service sends there: not to an empty address, not to itself, only to ports 1024..65535.
 bool is_allowed_destination(const std::string& address, std::int32_t port);

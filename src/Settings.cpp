@@ -8,8 +8,7 @@
 
 namespace {
 
-/// Whole decimal number that fills @p text from its first to its last character.
-/// @return whether it is one
+/// Reads @p text as a decimal number. @return false when any part of it is something else
 bool take_int(const char* text, int& value) {
   int number = 0;
   const char* const end = text + strlen(text);
@@ -43,7 +42,7 @@ bool take_universe_count(const char* text, Settings& settings) {
   return true;
 }
 
-/// One variable: what its value must be, what it is otherwise, and who takes it.
+/// One variable: its valid values and its default, in words, and the function that takes its value.
 struct Variable {
   const char* name;
   const char* condition;

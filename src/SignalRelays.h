@@ -3,8 +3,8 @@
 #include <QObject>
 #include <QString>
 
-/// Relays live on one thread and are emitted from another: the queued connection to the service object lets
-/// the event loop send the D-Bus signal from the main thread.
+/// A worker thread emits from a relay; a queued connection brings the signal to the main thread, which sends
+/// it to the bus.
 
 class OnArtnetTriggerObject : public QObject {
   Q_OBJECT

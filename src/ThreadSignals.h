@@ -2,11 +2,11 @@
 
 #include <csignal>
 
-/// Signals that end the process (SIGTERM, SIGINT, SIGHUP, and SIGALRM that backs them) and the threads.
+/// The threads and the signals that end the process: SIGTERM, SIGINT, SIGHUP, and SIGALRM, which backs them.
 
-/// Keeps these signals from the calling thread as long as it lives, then restores the thread's mask; a signal
-/// that arrives meanwhile waits. A thread that is created under it keeps them blocked for good: they are
-/// delivered to the main thread alone, and never interrupt a system call of a worker.
+/// Blocks these signals for the calling thread as long as it lives, then restores the thread's mask. A thread
+/// created meanwhile keeps them blocked for good: only the main thread gets them, and they never interrupt a
+/// system call of a worker.
 class EndSignalsBlocked {
 public:
   EndSignalsBlocked();
@@ -18,9 +18,8 @@ private:
   sigset_t mask_before;
 };
 
-/// Whether such a signal has arrived; for work on the main thread that the event loop would otherwise wait
-/// for.
+/// Whether such a signal has arrived; for long work on the main thread, which keeps the event loop waiting.
 bool end_requested();
 
-/// Says that it has. Safe in a signal handler.
+/// Notes that such a signal has arrived. Safe in a signal handler.
 void request_end();

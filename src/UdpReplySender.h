@@ -2,7 +2,7 @@
 
 #include "src/PollResponder.h"
 
-/// ArtPollReplies leave by the service's own socket, beside what the service relays.
+/// Sends ArtPollReplies from the service's own socket, which also sends relayed datagrams.
 class UdpReplySender final : public ReplySender {
 public:
   /// @param used  must outlive this object
@@ -15,7 +15,7 @@ public:
   }
 
 private:
-  // Part of the send buffer that replies may fill, two or three dozen of them; the rest is for bursts of
+  // Per cent of the send buffer that replies may fill, two or three dozen of them; the rest is for bursts of
   // relayed datagrams. With 50 a player with 95 universes lost one datagram in ten at 20 Mbit/s, and the
   // replies went out no faster.
   static constexpr int kReplyPercent = 12;

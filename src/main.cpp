@@ -27,18 +27,18 @@ namespace {
 // Self-pipe: signals go in at [1], the event loop reads [0].
 int signal_pipe[2] = {-1, -1};
 
-// Set until the event loop runs. Read by signal handlers, which may run on a thread of the framework.
+// True until the event loop runs. Read by signal handlers, which may run on a thread of the framework.
 std::atomic<bool> starting{true};
 
-// A start that a signal ends has this long to reach the event loop: a bus that accepts the connection and
-// never answers would hold it for ever.
+// A signal during the start ends the process after this time at the latest: a bus that accepts the connection
+// and never answers would hold the start for ever.
 constexpr unsigned int kStartSeconds = 2;
 
 void on_end_signal(int /*signal*/) {
   const int saved_errno = errno;
   request_end();
   const char byte = 0;
-  // A full pipe holds a signal already.
+  // The write may fail: a full pipe holds a signal already.
   [[maybe_unused]] const ssize_t written = write(signal_pipe[1], &byte, sizeof byte);
   if (starting.load()) alarm(kStartSeconds);
   errno = saved_errno;
@@ -61,11 +61,11 @@ bool install_signal_handlers() {
   handle_signal(SIGALRM, on_alarm);
   handle_signal(SIGTERM, on_end_signal);
   handle_signal(SIGINT, on_end_signal);
-  // A terminal that is closed ends the service as well, unless whoever started it said otherwise (nohup).
+  // A closed terminal ends the service too, unless its starter ignores SIGHUP (nohup).
   struct sigaction hang_up {};
   sigaction(SIGHUP, nullptr, &hang_up);
   if (hang_up.sa_handler == SIG_DFL) handle_signal(SIGHUP, on_end_signal);
-  // The starter's mask is inherited.
+  // The process may inherit a mask that blocks them.
   sigset_t ending;
   sigemptyset(&ending);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM}) sigaddset(&ending, signal);
@@ -97,7 +97,7 @@ Settings configure() {
 int serve(int port, const Settings& settings) {
   Dump dump(port, settings.universe_count);
   {
-    // Any use makes the framework start its own bus thread.
+    // The first use of D-Bus starts the framework's own thread for it, which must not get the signals.
     const EndSignalsBlocked blocked;
     const QDBusConnection none(QStringLiteral("none"));
   }
@@ -131,7 +131,7 @@ int main(int argc, char** argv) {
     print_usage();
     return 1;
   }
-  // The framework takes arguments of its own out of the list.
+  // The framework removes its own arguments from the list.
   const char* const port_text = argv[1];
   if (!install_signal_handlers()) {
     const int error = errno;
