@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kPendingSize = std::size_t{256} * 1024;
 
-// Temporary name of the file that is written, for a signal handler; empty when there is none.
+// Temporary name of the present file, for a signal handler; empty when there is none.
 std::array<char, PATH_MAX> unfinished;
 
 /// No signal arrives while it lives.
@@ -45,7 +45,7 @@ std::string directory_of(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// Access of a new file. There is no other way to read the mask than to set it; the program has one thread.
+/// Permissions of a new file. The mask can only be read by setting it; the program has one thread.
 mode_t new_file_mode() {
   const mode_t mask = umask(0);
   umask(mask);
@@ -69,7 +69,7 @@ AtomicFile::AtomicFile(std::string path, const std::vector<std::string>& inputs)
   {
     const SignalsBlocked blocked;
     fd = mkostemp(temporary.data(), O_CLOEXEC);
-    // A name that is too long has not been made.
+    // A name too long for `unfinished` cannot be opened either.
     if (fd != -1) unfinished[temporary.copy(unfinished.data(), unfinished.size() - 1)] = '\0';
   }
   if (fd == -1) throw file_error(target, errno);
@@ -115,8 +115,8 @@ void AtomicFile::commit() {
     unfinished[0] = '\0';
   }
   close(std::exchange(fd, -1));
-  // The new name is on the disk once its directory is. A file system that cannot do that keeps the file all
-  // the same.
+  // The new name is on the disk when the directory is. On a file system that cannot sync a directory the file
+  // is kept all the same.
   const int directory = open(directory_of(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory == -1) return;
   fsync(directory);

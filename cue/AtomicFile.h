@@ -6,19 +6,19 @@
 
 namespace cue {
 
-/// A file that appears whole, under its name, or not at all: it is written under a temporary name in the same
-/// directory and renamed when it is complete and on the disk. One thread, one such file at a time.
+/// A file that appears whole or not at all: it is written under a temporary name in the same directory, and
+/// renamed when it is complete and on the disk. One thread, one such file at a time.
 class AtomicFile {
 public:
-  /// @param path    of the file to make; one that is there is replaced by commit()
+  /// @param path    of the new file; commit() replaces an existing one
   /// @param inputs  files that it must not replace
-  /// @throws CueError when it would replace an input or something that is no regular file, or cannot be made
+  /// @throws CueError when it would replace an input or anything but a regular file, or cannot be made
   AtomicFile(std::string path, const std::vector<std::string>& inputs);
 
-  /// Removes what was written when it was not committed.
+  /// Removes the temporary file unless it was committed.
   ~AtomicFile();
 
-  /// The same for the latest file that was made; for signal handlers.
+  /// The same for the latest file; for signal handlers.
   static void remove_unfinished();
 
   AtomicFile(const AtomicFile&) = delete;
@@ -33,7 +33,7 @@ public:
   /// Puts the file in place. @throws CueError
   void commit();
 
-  /// Name of the file while it is written, for programs that open it themselves.
+  /// Name of the file until commit(), for code that opens it itself.
   const std::string& temporary_path() const { return temporary; }
 
   const std::string& path() const { return target; }

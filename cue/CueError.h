@@ -5,7 +5,7 @@
 
 namespace cue {
 
-/// What keeps a command from its work, in one line that names the file and, where there is one, the offset.
+/// Failure of a command, in one line with the name of the file and, if there is one, the offset.
 class CueError : public std::runtime_error {
 public:
   using std::runtime_error::runtime_error;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* kLoopback = "127.0.0.1";
 
-// A datagram that the network does not take within this time is given up, so that a stop never waits for it.
+// Time for the network to take a datagram; after it the datagram is lost, so that a stop never waits for one.
 constexpr suseconds_t kSendTimeoutUs = 50'000;
 
 // Request to the service, all in host order: manufacturer id (32 bits), address text (16 bytes), port (32
@@ -64,8 +64,7 @@ UdpSender::UdpSender(const Destination& to, const std::optional<Destination>& fr
     const sockaddr_in address = socket_address(*from);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) throw fail(*from, errno);
   }
-  // With a peer the kernel looks up the way once and not for every datagram, and says at once when there is
-  // none.
+  // With a peer the kernel looks up the route once, not for every datagram, and fails at once without one.
   const sockaddr_in address = socket_address(to);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) throw fail(to, errno);
 }
@@ -77,8 +76,8 @@ UdpSender::~UdpSender() {
 int UdpSender::send(const std::uint8_t* data, std::size_t size) {
   for (;;) {
     if (::send(fd, data, size, 0) != -1) return 0;
-    // Nobody listening at the destination is no error of the sender: it is told of an earlier datagram, and
-    // this one has not been sent yet.
+    // ECONNREFUSED is about an earlier datagram: nobody listens, which is no error here. This datagram has
+    // not been sent yet.
     if (errno != EINTR && errno != ECONNREFUSED) return errno;
   }
 }

@@ -14,7 +14,7 @@ struct Destination {
   int port = 0;
 };
 
-/// Where a playback goes.
+/// Destination of a playback.
 class DatagramSink {
 public:
   DatagramSink() = default;
@@ -28,11 +28,11 @@ public:
   virtual int send(const std::uint8_t* data, std::size_t size) = 0;
 };
 
-/// Sends to an address, which may be a broadcast address.
+/// Sends to an address, also a broadcast address.
 class UdpSender : public DatagramSink {
 public:
-  /// @param from  address and port to send from, the port 0 for any; nothing for any of both
-  /// @throws CueError when there can be no such socket
+  /// @param from  source address and port, port 0 for any; nothing: any address and port
+  /// @throws CueError when the socket cannot be made
   UdpSender(const Destination& to, const std::optional<Destination>& from);
   ~UdpSender() override;
   UdpSender(const UdpSender&) = delete;
@@ -46,13 +46,13 @@ private:
   int fd;
 };
 
-/// Hands every datagram to the service over 127.0.0.1, which sends it on from the Art-Net port.
+/// Hands every datagram over 127.0.0.1 to the service, which sends it on from the Art-Net port.
 class RelaySender : public DatagramSink {
 public:
   /// @param port             of the service
   /// @param to               must not be 127.0.0.1, its port at least 1024
-  /// @param manufacturer_id  of the appliance; the service ignores requests with another
-  /// @throws CueError when the service would refuse the destination, or there can be no such socket
+  /// @param manufacturer_id  of the appliance; the service ignores requests with another number
+  /// @throws CueError when the service would refuse the destination, or the socket cannot be made
   RelaySender(int port, const Destination& to, std::uint16_t manufacturer_id);
 
   int send(const std::uint8_t* data, std::size_t size) override;

@@ -9,8 +9,7 @@
 namespace cue {
 namespace {
 
-// The parser reads its stream in portions of this size, and takes the length of an ArtPollReply from the
-// portion that it is in.
+// The parser reads its stream in portions of this size; an ArtPollReply is as long as its portion.
 constexpr std::size_t kPortion = ArtNetParser::kBufferSize;
 
 std::uint16_t low_byte_first(const std::uint8_t* bytes) {
@@ -34,8 +33,8 @@ std::int64_t delay_pause(const std::uint8_t* bytes) {
   return pause;
 }
 
-/// Goes on to the end of the next identifier. @return false when a delay record (Delay) or the end (End)
-/// comes first.
+/// Goes on to the end of the next identifier. @return false when a delay record or the end comes first; then
+/// @p step says which
 bool DatagramWalk::search(Step& step) {
   while (at < size) {
     if (matched == 0) {
@@ -52,7 +51,7 @@ bool DatagramWalk::search(Step& step) {
       return false;
     }
     ++at;
-    // Like the parser: a byte that does not continue the identifier is not looked at as its beginning.
+    // Like the parser: a byte that ends a match is not tried as the beginning of another.
     matched = byte == static_cast<std::uint8_t>(kArtNetId[matched]) ? matched + 1 : 0;
     if (matched == kArtNetIdSize) {
       matched = 0;
@@ -64,12 +63,13 @@ bool DatagramWalk::search(Step& step) {
   return false;
 }
 
-/// Where the portion begins in which the OpCode before `at` ends.
+/// Offset of the portion in which the OpCode before `at` ends.
 std::size_t DatagramWalk::portion() const {
   return (at - 1) / kPortion * kPortion;
 }
 
-/// Bytes that a packet needs after its header; nothing when there is no such number.
+/// Bytes that the parser reads after a header; nothing for an ArtPollReply in a portion shorter than a
+/// header.
 std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
   switch (opcode) {
     case OpPoll:
@@ -93,7 +93,7 @@ std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
   }
 }
 
-/// Walks the packet whose identifier has just been read. @return End when the walk is to go on.
+/// Walks the packet after its identifier. @return End when the walk is to go on
 DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
   mark = start;
   if (size - at < sizeof(ArtHeader::opcode)) return Step::Truncated;
@@ -107,7 +107,7 @@ DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
   at += *body;
   if (opcode == OpDmx) {
     const std::uint16_t slots = high_byte_first(fields + 6);
-    // One that announces too much is passed over, and what it holds is searched like anything else.
+    // Too many slots: the packet is ignored, and its data is searched like all other bytes.
     if (slots > kDmxSlots) return Step::End;
     if (slots > size - at) return Step::Truncated;
     at += slots;

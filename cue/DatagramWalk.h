@@ -7,12 +7,11 @@
 #include "artnet/ArtNet.h"
 #include "artnet/RecordingFormat.h"
 
-/// The walk over the packets of one datagram, step for step as ArtNetParser takes it, but in place and with
-/// the offset of each packet. What the parser finds in bytes that earlier datagrams left in its buffer has no
-/// part in it.
+/// Walks over the packets of one datagram with the same steps as ArtNetParser, but in place and with the
+/// offset of each packet, and without packets in stale bytes.
 namespace cue {
 
-/// Whether the identifier and the OpCode of a delay record stand at @p bytes, of which 10 must be readable.
+/// Whether identifier and OpCode of a delay record are at @p bytes (10 readable).
 bool begins_delay(const std::uint8_t* bytes);
 
 /// Pause of the delay record at @p bytes (18 readable) in nanoseconds; may be negative in a foreign file.
@@ -31,13 +30,13 @@ class DatagramWalk {
 public:
   enum class Step {
     Dmx,        // dmx() is a whole ArtDmx
-    Reply,      // an ArtPollReply that may be cut: the datagram could end anywhere in cut_reply()
-    Delay,      // a delay record stands at position(), where the datagram could end; next() goes on over it
-    Truncated,  // a packet needs more bytes than there are: the recorder refuses such a datagram
+    Reply,      // an ArtPollReply, perhaps cut short: the datagram could end anywhere in cut_reply()
+    Delay,      // a delay record is at position(): the datagram could end there; next() passes over it
+    Truncated,  // a packet is cut off: the recorder refuses such a datagram
     End,        // all bytes are walked
   };
 
-  /// @param length  of the datagram, or of what of it there is to see. The bytes must outlive the walk.
+  /// @param length  of the datagram, or of its available part. The bytes must outlive the walk.
   DatagramWalk(const std::uint8_t* datagram, std::size_t length) : bytes(datagram), size(length) {}
 
   Step next();
@@ -45,17 +44,17 @@ public:
   /// The ArtDmx of the last step.
   const DmxPacket& dmx() const { return packet; }
 
-  /// Delay: offset of the record. Truncated: offset of the packet. Otherwise where the walk stands.
+  /// Delay: offset of the record. Truncated: offset of the packet. Otherwise offset of the walk.
   std::size_t position() const { return mark; }
 
   /// End of the last whole packet, 0 before the first.
   std::size_t last_packet_end() const { return packet_end; }
 
-  /// Where a datagram can end within the ArtPollReply of the last step: from begin up to and with end.
+  /// Offsets at which a datagram can end within the ArtPollReply of the last step, begin and end included.
   ///
-  /// The parser takes a reply as far as the portion goes that it stands in. Where that is less than a whole
-  /// reply, one that begins after the portion does needs bytes that are not there. So a reply has 239 bytes,
-  /// or its OpCode ends in the first 10 bytes of a portion and the datagram ends within 239 bytes of them.
+  /// The parser assumes that a reply begins its portion, and takes as many bytes as the portion has, 239 at
+  /// most. In a portion of fewer bytes a reply that begins later is cut off. So a reply has 239 bytes, or its
+  /// OpCode ends in the first 10 bytes of a portion and the datagram ends after 10 to 239 bytes of it.
   struct Range {
     std::size_t begin = 0;
     std::size_t end = 0;
@@ -74,18 +73,18 @@ private:
   std::size_t mark = 0;                 // see position()
   std::size_t packet_end = 0;           // see last_packet_end()
   std::size_t matched = 0;              // identifier bytes matched so far
-  std::size_t passed_delay = SIZE_MAX;  // offset of the delay record that was reported last
+  std::size_t passed_delay = SIZE_MAX;  // offset of the last reported delay record
   Range reply;
   DmxPacket packet;
 };
 
-/// What the recorder makes of a whole datagram, and what lies in it.
+/// Contents of a whole datagram, as the recorder sees it.
 struct DatagramShape {
-  bool truncated = false;       // a packet of it is cut off
-  bool holds_delay = false;     // a delay record stands in it
+  bool truncated = false;       // a packet is cut off
+  bool holds_delay = false;     // there is a delay record inside
   std::size_t dmx_count = 0;    // whole ArtDmx packets
-  std::size_t dmx_bytes = 0;    // of them, headers included
-  bool tail_is_header = false;  // after its last packet it holds nothing but the beginning of an identifier
+  std::size_t dmx_bytes = 0;    // of those packets, headers included
+  bool tail_is_header = false;  // after the last packet there is only the beginning of an identifier
 
   /// Whether the recorder can have written it.
   bool recordable() const { return !truncated && dmx_count > 0; }

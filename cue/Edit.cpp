@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kFullRate = 44;  // frames per second of a full DMX universe (ANSI E1.11)
 
-/// Throws when reading ended at a damage.
+/// @throws CueError when reading ended at damage
 void expect_whole(const RecordingReader& reader) {
   if (reader.damage()) throw CueError(damage_text(reader.name(), *reader.damage()));
 }

@@ -8,18 +8,18 @@
 
 namespace cue {
 
-/// Pause between two recordings that are joined, and between two passes of a loop, when none is given: one
-/// frame at the highest rate of DMX, 44 per second.
+/// Default pause between joined recordings and between passes of a loop: one frame at the highest rate of
+/// DMX, 44 per second. In ns.
 std::int64_t default_gap();
 
 struct JoinOptions {
   std::vector<std::string> files;
   std::string output;
-  std::int64_t gap = default_gap();  // ns between the last datagram of one and the first of the next
+  std::int64_t gap = default_gap();  // ns from the last datagram of one to the first of the next
   Selection selection;               // its universes only
 };
 
-/// The recording that was written.
+/// A written recording.
 struct Written {
   std::uint64_t datagrams = 0;
   std::int64_t duration = 0;  // ns

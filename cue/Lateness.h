@@ -6,20 +6,19 @@
 
 namespace cue {
 
-/// How late the datagrams of a playback were sent, in memory that does not grow with their number.
-/// Percentiles are exact to 1/32.
+/// Lateness of the datagrams of a playback, in constant memory. Percentiles are exact to 1/32.
 class Lateness {
 public:
   /// @param late  ns, not negative
   void add(std::int64_t late);
 
-  /// The lateness that @p fraction (0..1) of the datagrams did not exceed; 0 without datagrams.
+  /// Lateness in ns that @p fraction (0..1) of the datagrams did not exceed; 0 without datagrams.
   std::int64_t percentile(double fraction) const;
 
   std::uint64_t count() const { return total; }
   std::int64_t max() const { return highest; }
 
-  /// Lateness of the last datagram minus that of the first: what adds up.
+  /// Lateness of the last datagram minus that of the first, ns.
   std::int64_t drift() const { return last - first; }
 
 private:

@@ -44,7 +44,7 @@ std::uint16_t get(const std::uint8_t* at) {
   return static_cast<std::uint16_t>((at[0] << 8) | at[1]);
 }
 
-/// Checksum of an IPv4 header (RFC 791) whose own field is zero.
+/// Checksum of an IPv4 header (RFC 791) whose checksum field is zero.
 std::uint16_t checksum(const std::uint8_t* header) {
   std::uint32_t sum = 0;
   for (std::size_t at = 0; at < kIpHeader; at += 2) sum += get(header + at);
@@ -52,7 +52,7 @@ std::uint16_t checksum(const std::uint8_t* header) {
   return static_cast<std::uint16_t>(~sum);
 }
 
-/// Ethernet, IPv4 and UDP headers before @p size bytes of a broadcast in the network 2.0.0.0/8.
+/// Ethernet, IPv4 and UDP headers of a broadcast in 2.0.0.0/8 with @p size bytes of payload.
 FrameHeader frame_header(std::size_t size) {
   FrameHeader header = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,  // to everybody
                         0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // from a locally administered address
@@ -74,14 +74,14 @@ FrameHeader frame_header(std::size_t size) {
   return header;
 }
 
-/// The UDP datagram of a captured frame, as far as it is whole.
+/// The UDP datagram of a captured frame.
 struct Captured {
   enum class Kind { Datagram, Other, Fragment, Cut } kind = Kind::Other;
   int port = 0;  // of the destination
   Bytes payload;
 };
 
-/// Type and offset of what a link-layer frame carries; nothing when it is too short.
+/// Type and offset of the packet in a link-layer frame; nothing when the frame is too short.
 std::optional<std::pair<std::uint16_t, std::size_t>> network_layer(int link_type, const std::uint8_t* frame,
                                                                    std::size_t size) {
   using Found = std::pair<std::uint16_t, std::size_t>;
@@ -123,7 +123,7 @@ bool is_known_link(int link_type) {
   return std::find(kKnown.begin(), kKnown.end(), link_type) != kKnown.end();
 }
 
-/// @param size  bytes captured of the frame
+/// @param size  captured bytes of the frame
 Captured decode(int link_type, const std::uint8_t* frame, std::size_t size) {
   Captured captured;
   const auto network = network_layer(link_type, frame, size);

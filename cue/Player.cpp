@@ -14,16 +14,16 @@ namespace {
 
 using Clock = kesto::Clock;
 
-// The first datagram goes out this long after the start, when the first part of the file is in memory.
+// Time from the start to the first datagram, for reading the first part of the file.
 constexpr Clock::duration kLead = std::chrono::milliseconds(5);
 
-// Sleeping ends late by up to about this much; the rest is spun.
+// A sleep may end so much too late: this last part of a wait is spun.
 constexpr Clock::duration kSpin = std::chrono::microseconds(300);
 
-// Longest time without a look at the stop flag.
+// Longest wait between two looks at the stop flag.
 constexpr Clock::duration kSlice = std::chrono::milliseconds(20);
 
-// There is time for something else when this much is left until the next datagram.
+// on_idle is called when so much time is left until the next datagram.
 constexpr Clock::duration kIdle = std::chrono::milliseconds(3);
 
 constexpr std::size_t kSequenceOffset = offsetof(ArtDmx, sequence);
@@ -43,7 +43,7 @@ std::int64_t Player::at_speed(std::int64_t ns) const {
   return options.speed == 0 ? ns : kesto::calculate_delay(Clock::duration(ns), options.speed).count();
 }
 
-/// Waits for a time. @return false when the playback is stopped before
+/// Waits until @p deadline. @return false when the playback is stopped first
 bool Player::wait(Time deadline) {
   for (;;) {
     if (stop) return false;
@@ -79,8 +79,8 @@ void Player::remember(const Bytes& datagram) {
   });
 }
 
-/// One pass through the file from pass_start on, which becomes the start of the next.
-/// @return false when there is to be no other: stopped, or nothing to play
+/// Plays one pass from pass_start on, then sets it for the next pass.
+/// @return false when there is no next pass: stopped, or nothing to play
 bool Player::play_pass() {
   RecordingReader reader(options.file);
   Record record;
@@ -103,15 +103,15 @@ bool Player::play_pass() {
   }
   if (reader.damage()) throw CueError(damage_text(reader.name(), *reader.damage()));
   if (!played) return false;
-  // A part with an end of its own is as long as it was asked for; the whole recording ends with its last
-  // datagram.
+  // A pass that reaches its stop time lasts until then, any other until its last datagram and the gap after
+  // it.
   const std::int64_t length = reached_stop ? *options.selection.stop - options.selection.start
                                            : add_times(end - options.selection.start, options.gap);
   pass_start = after(pass_start, at_speed(length));
   return true;
 }
 
-/// A sender that counts goes on counting (Art-Net 4, ArtDmx: 1..255, 0 for one that does not).
+/// Counts the sequence number on (Art-Net 4, ArtDmx: 1..255; 0: not counted, and left alone).
 void Player::advance_sequence(std::vector<std::uint8_t>& look) const {
   std::uint8_t& sequence = look[kSequenceOffset];
   if (sequence != 0) sequence = sequence == 255 ? 1 : static_cast<std::uint8_t>(sequence + 1);

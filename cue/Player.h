@@ -22,12 +22,12 @@ struct PlayOptions {
   Selection selection;
   int speed = 0;                           // per cent: 100 plays in half the time, -100 in twice the time
   std::optional<std::uint64_t> loops = 1;  // passes; nothing: until stopped
-  std::int64_t gap = default_gap();        // ns between the last datagram of a pass and the first of the next
-  int hold_rate = 0;      // looks per second that are repeated after the end until stopped; 0: none
+  std::int64_t gap = default_gap();        // ns from the last datagram of a pass to the first of the next
+  int hold_rate = 0;      // repeats of the last looks per second after the end, until stopped; 0: none
   bool blackout = false;  // zeros to every universe at the end
 };
 
-/// The clock that a playback goes by; a test has one of its own.
+/// The clock of a playback; tests have their own.
 class PlayClock {
 public:
   PlayClock() = default;
@@ -39,7 +39,7 @@ public:
 
   virtual kesto::Clock::time_point now() = 0;
   virtual void sleep_until(kesto::Clock::time_point time) = 0;
-  /// As sleep_until(), to the nearest scheduling turn, at the cost of the processor.
+  /// As sleep_until(), exact to a scheduling turn, but takes the processor.
   virtual void spin_until(kesto::Clock::time_point time) = 0;
 };
 
@@ -51,7 +51,7 @@ public:
   void spin_until(kesto::Clock::time_point time) override { kesto::wait_until(time); }
 };
 
-/// How a playback stands.
+/// State of a playback.
 struct PlayState {
   std::int64_t position = 0;  // ns in the recording
   std::uint64_t pass = 0;     // from 1
@@ -63,21 +63,21 @@ struct PlayState {
   bool holding = false;
 };
 
-/// Sends a recording again, datagram for datagram, each at its time after the begin of the pass.
+/// Sends a recording again, each datagram at its time after the start of the pass.
 class Player {
 public:
   /// @param stopped  ends the playback within 20 ms when it becomes true
   Player(const PlayOptions& wanted, DatagramSink& to, PlayClock& play_clock,
          const std::atomic<bool>& stopped);
 
-  /// The last part of every wait, which is not slept but spun.
+  /// The last part of every wait is spun, not slept.
   kesto::Clock::duration spin;
 
-  /// Called now and then while there is time until the next datagram.
+  /// Called now and then when the next datagram is not due soon.
   std::function<void(const PlayState&)> on_idle;
 
   /// Plays to the end or until stopped. @throws CueError when the file is damaged or cannot be read, after
-  /// what is good of it, and when the very first datagram cannot be sent
+  /// its good part, and when the very first datagram cannot be sent
   void run();
 
   const PlayState& state() const { return play; }

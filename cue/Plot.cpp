@@ -27,22 +27,22 @@ constexpr int kRight = 90;
 constexpr int kTop = 74;
 constexpr int kBottom = 44;
 constexpr int kWidth = kLeft + static_cast<int>(kColumns) + kRight;
-constexpr int kAllBandsHeight = 640;  // aimed at by the height of a band
+constexpr int kAllBandsHeight = 640;  // aim for all bands together
 constexpr int kLowestBand = 13;
 constexpr int kHighestBand = 256;
 constexpr int kLowestLabelledBand = 28;  // with a second line of label
 constexpr int kSlotsHeight = 640;
 
-// A pause of a universe is a gap when it is longer than some of its frames, but a console may miss a beat.
+// A silence of a universe longer than so many of its frames is a gap. A console may miss a single frame.
 constexpr double kGapFrames = 3;
 constexpr std::int64_t kShortestGap = kSecond / 10;
 
-// Indices of the palette: levels, of which 0 and 1 look alike, and one that stands for "nothing was sent".
+// Index of the palette for "nothing was sent". All others are levels; level 1 looks like 0.
 constexpr std::uint8_t kGapIndex = 1;
 
 constexpr Colour kGapColour{0xC6, 0xD4, 0xE6};
 
-/// From black through the colours of a lamp that is dimmed up to white.
+/// Colours of a lamp that is faded up: from black to white.
 Palette lamp_palette() {
   struct Stop {
     int level;
@@ -76,7 +76,7 @@ std::string colour_text(const Colour& colour) {
   return text;
 }
 
-/// Time from left to right in columns.
+/// Time in columns, from left to right.
 struct TimeAxis {
   std::int64_t start = 0;
   std::int64_t end = 0;
@@ -88,8 +88,8 @@ struct TimeAxis {
   }
 };
 
-/// Level that stands for a group of slots: the brightest of a few; of many, where one is nearly always
-/// bright, their quadratic mean.
+/// Level of a group of slots: of a few slots the brightest; of many slots, where one is nearly always bright,
+/// the quadratic mean.
 std::uint64_t group_level(const std::uint8_t* levels, std::size_t count) {
   constexpr std::size_t kFew = 8;
   if (count <= kFew) return *std::max_element(levels, levels + count);
@@ -98,7 +98,7 @@ std::uint64_t group_level(const std::uint8_t* levels, std::size_t count) {
   return static_cast<std::uint64_t>(std::sqrt(static_cast<double>(squares) / static_cast<double>(count)));
 }
 
-/// One universe over time: rows, each a group of slots, in columns, each the mean of the looks in it.
+/// One universe over time. Each row is a group of slots, each column the mean of the looks in it.
 class Band {
 public:
   Band(const UniverseInfo& of, std::size_t slots, std::size_t most_rows, const TimeAxis& time_axis)
@@ -112,7 +112,7 @@ public:
     gap = std::max(kShortestGap, static_cast<std::int64_t>(period * kGapFrames));
   }
 
-  /// A look at the universe. One from before the axis stands at its beginning when it is not too old by then.
+  /// Adds a look. A look from before the axis counts at its beginning, unless it is too old by then.
   void add(std::int64_t time, const std::uint8_t* levels, std::size_t slots) {
     const bool before = time < axis.start;
     const std::size_t column = before ? 0 : axis.column(time);
@@ -124,7 +124,7 @@ public:
       start_column();
     } else if (count > 0 && column != current) {
       close_column();
-      // The look stands until the next; a longer silence is shown as one.
+      // A look lasts until the next; a longer silence stays a gap.
       if (time - last <= gap) fill(current + 1, column);
       start_column();
     }
@@ -172,8 +172,8 @@ private:
   const TimeAxis& axis;
   std::size_t slots_per_row;
   std::size_t rows;
-  std::vector<std::uint64_t> sums;  // of the looks in the current column
-  std::uint64_t count = 0;          // of them
+  std::vector<std::uint64_t> sums;  // sums over the looks in the current column
+  std::uint64_t count = 0;          // of those looks
   std::size_t current = 0;
   std::int64_t last = 0;
   std::int64_t gap = 0;
@@ -212,7 +212,7 @@ constexpr const char* kSmallAtEnd = R"(text-anchor="end" class="small")";
 constexpr const char* kCentred = R"(text-anchor="middle")";
 constexpr const char* kSmall = R"(class="small")";
 
-/// Distance of the marks on the time axis: the smallest of the usual ones that gives at most 12.
+/// Distance of the marks on the time axis: the smallest usual one that gives at most 12 marks.
 std::int64_t tick_distance(std::int64_t length) {
   constexpr std::int64_t kMs = kSecond / 1000;
   constexpr std::array<std::int64_t, 25> kUsual = {kMs,
@@ -338,7 +338,6 @@ private:
   std::string svg;
 };
 
-/// Puts the looks of the recording into their bands.
 void read_bands(const PlotOptions& options, std::map<std::uint16_t, Band>& bands, const TimeAxis& axis) {
   RecordingReader reader(options.file);
   Record record;
@@ -364,7 +363,7 @@ std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, co
 
   const int band_height =
       std::clamp(kAllBandsHeight / static_cast<int>(shown.size()), kLowestBand, kHighestBand);
-  // Rows that the eye can still tell apart; a low band shows the universe as a whole.
+  // Rows that the eye can tell apart; a low band is a single row.
   const bool is_low = band_height <= kLowestLabelledBand;
   const int distance = is_low ? 2 : 4;
   const int row_height = is_low ? band_height : band_height > 64 ? 2 : 1;

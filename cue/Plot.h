@@ -12,14 +12,14 @@ struct PlotOptions {
   std::string file;
   std::string output;
   Selection selection;
-  std::optional<std::uint16_t> port_address;  // one universe slot by slot; nothing: all, a band each
+  std::optional<std::uint16_t> port_address;  // one universe, slot by slot; nothing: all, one band each
 };
 
-/// Most universes of one picture.
+/// Most universes in one picture.
 constexpr std::size_t kMostBands = 512;
 
 /// Draws a recording as an SVG picture: time from left to right, a band for each universe or a row for each
-/// slot, brightness for the level. @return the time that it shows, in ns. @throws CueError
+/// slot, brightness for the level. @return length of the time axis in ns. @throws CueError
 std::int64_t plot(const PlotOptions& options);
 
 }  // namespace cue

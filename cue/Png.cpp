@@ -42,7 +42,7 @@ std::string make_png(std::size_t width, std::size_t height, const std::vector<st
   for (const Colour& colour : palette)
     colours +=
         {static_cast<char>(colour.red), static_cast<char>(colour.green), static_cast<char>(colour.blue)};
-  // 8 bits, palette, and the only compression, filter and interlace methods there are or are wanted.
+  // 8 bits, palette, the only compression and filter methods, no interlace.
   const std::string format = number(width) + number(height) + std::string("\x08\x03\0\0\0", 5);
   return "\x89PNG\r\n\x1a\n" + chunk("IHDR", format) + chunk("PLTE", colours) +
          chunk("IDAT", std::string(compressed.constData() + kSizeBytes,

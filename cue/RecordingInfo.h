@@ -9,7 +9,7 @@
 
 namespace cue {
 
-/// What a recording holds of one universe. Times in ns since the first datagram of the recording.
+/// Figures of one universe in a recording. Times in ns since the first datagram of the recording.
 struct UniverseInfo {
   std::uint16_t port_address = 0;
   std::uint64_t datagrams = 0;  // ArtDmx packets; a datagram may hold several
@@ -19,20 +19,20 @@ struct UniverseInfo {
   std::int64_t last = 0;
   std::int64_t longest_gap = 0;
 
-  /// Packets per second between the first and the last; 0 when they are one or at one time.
+  /// Packets per second between the first and the last; 0 for a single packet or a single time.
   double rate() const;
 };
 
 struct RecordingInfo {
   std::string file;
-  std::uint64_t bytes = 0;  // read; of a damaged file those that are good
+  std::uint64_t bytes = 0;  // read; of a damaged file the good ones
   std::uint64_t datagrams = 0;
   std::int64_t duration = 0;            // ns, from the first datagram to the last
   std::vector<UniverseInfo> universes;  // sorted by port-address
   std::optional<Damage> damage;
 };
 
-/// Counts what one recording holds, datagram by datagram.
+/// Collects the figures of a recording, datagram by datagram.
 class InfoCounter {
 public:
   InfoCounter();

@@ -16,10 +16,10 @@
 namespace cue {
 namespace {
 
-// A datagram, its delay record, and another datagram as the look ahead: more is never needed at once.
+// Most bytes needed at once: a datagram and its delay record, and the same again to look ahead.
 constexpr std::size_t kReach = 2 * (kLongestDatagram + kDelaySize);
 
-// What is asked of the disk before it is needed.
+// Bytes that the disk reads ahead.
 constexpr off_t kReadAhead = off_t{1} << 20;
 
 constexpr std::size_t kDmxSlotsOffset = offsetof(ArtDmx, length);
@@ -40,7 +40,7 @@ public:
     for (;;) {
       const ssize_t count = ::read(fd, bytes, size);
       if (count >= 0) {
-        // The disk fetches what comes next while this part is worked on.
+        // The disk reads the next part while this one is processed.
         position += count;
         if (count > 0) posix_fadvise(fd, position, kReadAhead, POSIX_FADV_WILLNEED);
         return static_cast<std::size_t>(count);
@@ -55,7 +55,7 @@ private:
 };
 
 RecordingReader::Source open_file(const std::string& path) {
-  // Shared because a std::function has to be able to be copied.
+  // Shared, because a std::function must be copyable.
   auto file = std::make_shared<OpenFile>(path);
   return [file, path](std::uint8_t* bytes, std::size_t size) { return file->read(bytes, size, path); };
 }
@@ -87,7 +87,7 @@ std::size_t dmx_size(const std::uint8_t* bytes, std::size_t available) {
   return slots <= kDmxSlots && size <= available ? size : 0;
 }
 
-/// Whether the @p size bytes are the beginning of a delay record that is cut off.
+/// Whether the @p size bytes are the beginning of a delay record, cut off.
 bool is_cut_delay(const std::uint8_t* bytes, std::size_t size) {
   const ArtOemVfpsNs whole = make_delay_record(0);
   return size < kDelaySize && memcmp(bytes, &whole, std::min(size, kArtHeaderSize)) == 0;
@@ -100,7 +100,7 @@ RecordingReader::RecordingReader(const std::string& path) : RecordingReader(open
 RecordingReader::RecordingReader(Source from, std::string name, std::size_t buffer_size)
     : source(std::move(from)), file_name(std::move(name)), buffer(std::max(buffer_size, 2 * kReach)) {}
 
-/// Sees to it that the reach of one step is in the buffer, or the rest of the file.
+/// Brings the reach of one step, or the rest of the file, into the buffer.
 void RecordingReader::fill() {
   if (at_end || available() >= kReach) return;
   std::copy(buffer.begin() + static_cast<std::ptrdiff_t>(begin),
@@ -119,7 +119,7 @@ void RecordingReader::skip(std::size_t size) {
   begin += size;
 }
 
-/// Goes over the delay record at `begin`.
+/// Passes over the delay record at `begin`.
 void RecordingReader::pass_delay() {
   if (!first) time += delay_pause(data());
   skip(kDelaySize);
@@ -127,7 +127,7 @@ void RecordingReader::pass_delay() {
 
 bool RecordingReader::pause_counts(std::size_t at) const {
   const std::int64_t pause = delay_pause(data() + at);
-  // All pauses of a recording together are a difference of two times on one clock.
+  // The sum of all pauses is a difference of two times on one clock, so it cannot overflow.
   return pause >= 0 && pause <= std::numeric_limits<std::int64_t>::max() - time;
 }
 
@@ -149,7 +149,7 @@ RecordingReader::Behind RecordingReader::behind(std::size_t at) const {
   }
 }
 
-/// What the delay record at @p at is to a datagram that could end there.
+/// Judges the delay record at @p at as the end of a datagram.
 RecordingReader::EndKind RecordingReader::kind_of_end(std::size_t at) const {
   if (!pause_counts(at)) return EndKind::None;
   switch (behind(at + kDelaySize)) {
@@ -164,11 +164,11 @@ RecordingReader::EndKind RecordingReader::kind_of_end(std::size_t at) const {
 }
 
 RecordingReader::End RecordingReader::find_end() const {
-  // A delay record may begin right behind the longest datagram.
+  // A delay record may begin right after the longest datagram.
   const std::size_t reach = std::min(available(), kLongestDatagram + kDelaySize);
   DatagramWalk walk(data(), reach);
   bool holds_dmx = false;
-  std::optional<std::size_t> passed;  // a delay record that stands before another one
+  std::optional<std::size_t> passed;  // a delay record that another one follows
   for (;;) {
     const DatagramWalk::Step step = walk.next();
     if (step == DatagramWalk::Step::Reply) {
@@ -187,13 +187,13 @@ RecordingReader::End RecordingReader::find_end() const {
       break;
     }
   }
-  // Without another end, and more bytes than a datagram has, one that was passed over is as good as any.
+  // No end in reach, and too many bytes for one datagram: end at the delay record that was passed over.
   if (passed && available() > kLongestDatagram) return {EndKind::Delay, *passed};
   return {};
 }
 
-/// The first end within an ArtPollReply that may be cut. It need not stand between two packets: the reply
-/// takes what the datagram has.
+/// The first end within an ArtPollReply that may be cut short. It need not lie between two packets: such a
+/// reply goes to the end of its datagram.
 RecordingReader::End RecordingReader::find_end_in(std::size_t from, std::size_t to) const {
   const std::size_t last = std::min(to, kLongestDatagram);
   for (std::size_t at = from; at <= last && at + kDelaySize <= available(); ++at) {
@@ -228,14 +228,13 @@ void RecordingReader::note_inner_delay(const Record& record) {
   }
 }
 
-/// What is at `begin` is no datagram. @return false
+/// Notes damage at `begin`. @return false
 bool RecordingReader::broken(std::string what) {
   found_damage = Damage{position(), good_end, std::move(what)};
   return false;
 }
 
-/// One ArtDmx alone, with a delay record and another ArtDmx behind it: nearly everything in nearly every
-/// recording.
+/// Takes a single ArtDmx before a delay record and another ArtDmx: the case of nearly every datagram.
 bool RecordingReader::take_simple(Record& record) {
   const std::size_t size = dmx_size(data(), available());
   if (size == 0 || available() - size < kDelaySize) return false;
@@ -272,7 +271,7 @@ bool RecordingReader::take(Record& record) {
   return true;
 }
 
-/// The last datagram: it ends with the file.
+/// Takes the last datagram, which ends with the file.
 bool RecordingReader::take_rest(Record& record) {
   const std::size_t rest = available();
   DatagramWalk walk(data(), rest);
@@ -312,7 +311,7 @@ bool RecordingReader::next(Record& record) {
 
 bool RecordingReader::resume() {
   if (!found_damage) return false;
-  // What stands at `begin` is broken, so the search begins behind its first byte.
+  // The record at `begin` is broken: search from its second byte on.
   std::size_t at = 1;
   for (;;) {
     fill();

@@ -10,7 +10,7 @@
 
 namespace cue {
 
-/// One recorded datagram. The bytes are the reader's and stand until its next call.
+/// One recorded datagram. The bytes belong to the reader and are valid until its next call.
 struct Record {
   const std::uint8_t* data = nullptr;
   std::size_t size = 0;      // bytes, 1..8191
@@ -21,22 +21,21 @@ struct Record {
   std::uint64_t end() const { return offset + size; }
 };
 
-/// The first thing in a file that is no recording.
+/// The place where a file stops being a recording.
 struct Damage {
   std::uint64_t offset = 0;    // of the first broken record
-  std::uint64_t good_end = 0;  // the bytes before this one are a recording
+  std::uint64_t good_end = 0;  // the bytes before this offset are a recording
   std::string what;            // "cut off within a datagram"
 };
 
-/// Reads a recording from front to back, datagram by datagram. The memory it takes does not depend on the
-/// file.
+/// Reads a recording from front to back, datagram by datagram, in constant memory.
 ///
 /// The file stores no lengths, so the reader finds them. It walks the packets of a datagram as the recorder's
-/// parser does and takes a delay record for the end of the datagram where
-///  - it stands between two packets, its pause is not negative, and the datagram holds a whole ArtDmx, and
+/// parser does. A delay record ends the datagram when
+///  - it lies between two packets, its pause is not negative, and the datagram holds a whole ArtDmx, and
 ///  - an ArtDmx follows it before the next delay record.
-/// Every other delay record belongs to the datagram that it stands in. docs/recording-format.md says why this
-/// recovers what was recorded, and which files can be read in two ways.
+/// Every other delay record is part of its datagram. docs/recording-format.md says why this recovers the
+/// recorded datagrams, and which files can be read in two ways.
 class RecordingReader {
 public:
   /// Delivers up to @p size bytes of the file, 0 at its end. @throws CueError
@@ -46,39 +45,39 @@ public:
   explicit RecordingReader(const std::string& path);
 
   /// @param name         of the file in messages
-  /// @param buffer_size  bytes; raised to what a step needs
+  /// @param buffer_size  bytes; raised to the need of one step
   RecordingReader(Source from, std::string name, std::size_t buffer_size = kBufferSize);
 
-  // Small enough to stay in the processor's cache between the copy out of the page cache and the walk.
+  // Small enough to stay in the processor's cache between the read and the walk.
   static constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
 
-  /// The next datagram. @return false at the end of the file and at a damage
+  /// The next datagram. @return false at the end of the file and at damage
   /// @throws CueError when the file cannot be read
   bool next(Record& record);
 
-  /// What made next() return false; nothing at the end of the file.
+  /// The damage that ended next(); nothing at the end of the file.
   const std::optional<Damage>& damage() const { return found_damage; }
 
-  /// Goes on behind the damage: searches for the next delay record with a datagram behind it, which becomes
-  /// the next record, with the pauses of the delay records that could be read on the way.
-  /// @return false when there is none
+  /// Goes on after the damage: searches for the next delay record that a datagram follows. That datagram
+  /// becomes the next record; its pause is the sum of the delay records that could be read on the way.
+  /// @return false when there is no such record
   bool resume();
 
-  /// Whether the last record holds a delay record, in bytes that belong to no ArtDmx: it was sent so, or the
-  /// file is damaged here. @return its offset in the file
+  /// Offset in the file of a delay record within the last record and outside its ArtDmx packets: it was sent
+  /// so, or the file is damaged here. Nothing when there is none.
   std::optional<std::uint64_t> delay_within() const { return inner_delay; }
 
   const std::string& name() const { return file_name; }
 
 private:
-  /// What comes first behind a delay record.
+  /// First thing after a delay record.
   enum class Behind { Dmx, Delay, Nothing };
 
   /// Where the datagram at `begin` ends.
   enum class EndKind {
     None,     // nowhere in reach
-    Delay,    // at a delay record with a datagram behind it
-    Damaged,  // at a delay record with nothing whole behind it
+    Delay,    // at a delay record that a datagram follows
+    Damaged,  // at a delay record that nothing whole follows
   };
   struct End {
     EndKind kind = EndKind::None;
@@ -107,17 +106,17 @@ private:
   Source source;
   std::string file_name;
   std::vector<std::uint8_t> buffer;
-  std::size_t begin = 0;  // of what has not been delivered, in buffer
+  std::size_t begin = 0;  // of the bytes not passed yet, in buffer
   std::size_t end = 0;
   std::uint64_t base = 0;             // offset in the file of the buffer's first byte
   std::uint64_t good_end = 0;         // of the last record in the file
   bool at_end = false;                // the source has no more
   bool first = true;                  // no record has been delivered
   bool before_delay = false;          // a delay record follows the last record
-  std::size_t delivered = 0;          // bytes at `begin` that the last record occupies
+  std::size_t delivered = 0;          // size of the last record, which is at `begin`
   std::int64_t time = 0;              // at `begin`
   std::int64_t last_time = 0;         // of the last record
-  std::optional<Damage> next_damage;  // behind the last record
+  std::optional<Damage> next_damage;  // after the last record
   std::optional<Damage> found_damage;
   std::optional<std::uint64_t> inner_delay;
 };

@@ -9,15 +9,15 @@
 
 namespace cue {
 
-/// Writes a recording as the recorder does: datagrams, and a delay record before each but the first. The file
-/// appears with commit().
+/// Writes a recording as the recorder does: datagrams with delay records between them. The file appears with
+/// commit().
 class RecordingWriter {
 public:
   /// See AtomicFile. @throws CueError
   explicit RecordingWriter(const std::string& path, const std::vector<std::string>& inputs = {})
       : file(path, inputs) {}
 
-  /// @param pause  ns since the datagram before, not negative; of no effect for the first
+  /// @param pause  ns since the datagram before, not negative; ignored for the first
   /// @throws CueError
   void add(const std::uint8_t* datagram, std::size_t size, std::int64_t pause);
 

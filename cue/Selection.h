@@ -17,25 +17,24 @@ public:
   void insert(std::uint16_t port_address) { members[port_address] = true; }
   bool holds(std::uint16_t port_address) const { return members[port_address]; }
 
-  /// Port-addresses of 16 bits: a packet may set the bit that Art-Net leaves zero.
+  /// Port-addresses have 16 bits here: a packet may set the bit that Art-Net leaves zero.
   static constexpr std::size_t kPortAddresses = 65536;
 
 private:
   std::vector<bool> members;
 };
 
-/// The part of a recording that a command is about.
+/// The part of a recording that a command works on.
 struct Selection {
-  std::int64_t start = 0;            // ns since the first datagram; what is before is left out
-  std::optional<std::int64_t> stop;  // and from here on
+  std::int64_t start = 0;            // ns since the first datagram; earlier datagrams are left out
+  std::optional<std::int64_t> stop;  // datagrams from here on are left out
   std::optional<UniverseSet> only;   // universes; the others are left out
-  std::vector<std::pair<std::uint16_t, std::uint16_t>>
-      changes;  // port-addresses that become others: from, to
+  std::vector<std::pair<std::uint16_t, std::uint16_t>> changes;  // new port-addresses: from, to
 
   bool is_past(std::int64_t time) const { return stop && time >= *stop; }
 };
 
-/// Bytes of a datagram; whose, is said where they come from.
+/// Bytes of a datagram. They belong to the function that returned them, see there.
 struct Bytes {
   const std::uint8_t* data = nullptr;
   std::size_t size = 0;
@@ -46,13 +45,13 @@ class Selector {
 public:
   explicit Selector(Selection wanted);
 
-  /// The datagram as the selection wants it: unchanged where nothing is to be left out or changed; else with
-  /// its port-addresses exchanged; of a datagram with other universes in it only the ArtDmx packets of those
-  /// wanted. The bytes stand until the next call or the end of @p record.
+  /// The datagram as the selection wants it, with new port-addresses where they are wanted. Of a datagram
+  /// that also holds unwanted universes, only the ArtDmx packets of the wanted ones. The bytes are valid
+  /// until the next call or the end of @p record.
   /// @return nothing when the datagram is not in the selection
   std::optional<Bytes> pick(const Record& record);
 
-  /// The same without a look at the time.
+  /// The same for any time.
   std::optional<Bytes> pick_universes(const std::uint8_t* data, std::size_t size);
 
 private:

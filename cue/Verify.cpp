@@ -13,8 +13,8 @@
 namespace cue {
 namespace {
 
-/// What is left of a datagram with a delay record in it, when that is the trace of a damage: the bytes before
-/// the record, or, where they are no datagram, those after it.
+/// The good part of a datagram that holds a delay record because of damage: the bytes before the delay record
+/// or, if those are no datagram, the bytes after it.
 Bytes good_part(const Record& record, std::size_t delay_at) {
   if (shape_of(record.data, delay_at).recordable()) return {record.data, delay_at};
   const std::size_t after = delay_at + kDelaySize;
@@ -113,7 +113,7 @@ private:
   const VerifyReport& report;
   std::unique_ptr<RecordingWriter> writer;
   std::uint64_t datagrams = 0;
-  std::uint64_t odd = 0;  // datagrams that are not one ArtDmx alone
+  std::uint64_t odd = 0;  // datagrams that are not a single ArtDmx
   std::uint64_t first_odd = 0;
   std::int64_t last_time = 0;
   std::int64_t written_until = 0;

@@ -7,16 +7,16 @@ namespace cue {
 
 struct VerifyOptions {
   bool strict = false;   // a datagram that is more than one ArtDmx packet counts as damaged
-  std::string repaired;  // file that receives what is good of the file; empty: none
+  std::string repaired;  // file for the good records; empty: none
 };
 
-/// Takes the findings, each one line without its end.
+/// Takes the findings, each one line without a newline.
 struct VerifyReport {
   std::function<void(const std::string&)> good;
   std::function<void(const std::string&)> damage;
 };
 
-/// Judges a recording, and repairs it when that is wanted. @return whether it is whole
+/// Judges a recording, and repairs it if wanted. @return whether it is whole
 /// @throws CueError when the file cannot be read, or the repaired one cannot be written
 bool verify(const std::string& file, const VerifyOptions& options, const VerifyReport& report);
 

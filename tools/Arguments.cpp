@@ -27,7 +27,7 @@ public:
     return true;
   }
 
-  /// The digits here as a number; nothing without any, or when it is above @p highest.
+  /// The digits here as a number; nothing without digits or above @p highest.
   std::optional<std::int64_t> number(std::int64_t highest) {
     if (!is_digit()) return std::nullopt;
     std::int64_t value = 0;
@@ -39,7 +39,7 @@ public:
     return value;
   }
 
-  /// The digits after a decimal point as nanoseconds; what is finer is cut off.
+  /// The digits after a decimal point in nanoseconds; finer ones are cut off.
   std::int64_t fraction() {
     std::int64_t value = 0;
     for (std::int64_t unit = cue::kSecond / 10; is_digit(); ++at, unit /= 10)
@@ -76,7 +76,7 @@ std::optional<std::int64_t> parse_time(const std::string& text) {
     const auto whole = has_digits ? cursor.number(std::numeric_limits<std::int64_t>::max()) : 0;
     if (!whole) return std::nullopt;
     const bool point = cursor.take('.');
-    // ".5" is half a second; without digits on either side it is nothing.
+    // ".5" is half a second, "." alone is nothing.
     if (point ? !cursor.is_digit() : !has_digits) return std::nullopt;
     const std::int64_t fraction = point ? cursor.fraction() : 0;
     std::int64_t unit = cue::kSecond;

@@ -6,7 +6,7 @@
 
 namespace kadrel_cue {
 
-/// One command of the program: its words, what must hold between them, and its work.
+/// One command of the program: its words, the rules between them, and its work.
 class Command {
 public:
   Command() = default;
@@ -20,7 +20,7 @@ public:
   /// @return the command as the program knows it
   virtual CLI::App* add_to(CLI::App& app) = 0;
 
-  /// After the words were read. @throws CLI::ValidationError when they do not go together
+  /// Called after all words have been read. @throws CLI::ValidationError when they do not go together
   virtual void check() const {}
 
   /// Does what the words say. @return exit code

@@ -12,7 +12,7 @@
 namespace kadrel_cue {
 namespace {
 
-/// Where @p path leads, whether there is a file yet or not.
+/// The place to which @p path leads, whether a file exists there or not.
 std::filesystem::path place_of(const std::string& path) {
   std::error_code ignored;
   return std::filesystem::weakly_canonical(std::filesystem::absolute(path, ignored), ignored);

@@ -43,12 +43,11 @@ void write_table(std::ostream& out, const cue::RecordingInfo& info) {
   }
 }
 
-// The lists and objects are written here, and only the strings by Qt: its JSON values keep numbers as
-// doubles, and a time of 64 bits has to arrive as it is.
+// Only the strings are written by Qt: its JSON numbers are doubles, too short for times of 64 bits.
 
 /// @p text as a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD.
 std::string json_string(const std::string& text) {
-  // Qt takes a byte order mark away, but only from the very front.
+  // The blank keeps Qt from removing a byte order mark at the front.
   const QString decoded = QString::fromStdString(" " + text).mid(1);
   const QByteArray list = QJsonDocument(QJsonArray{decoded}).toJson(QJsonDocument::Compact);
   return list.mid(1, list.size() - 2).toStdString();

@@ -8,7 +8,7 @@ namespace {
 constexpr const char* kTimeWords = "a time such as 90, 1.5 or 1m30.5";
 constexpr const char* kUniverseWords = "a list of universes such as 1,3,5-8 (they count from 1)";
 
-/// A universe as its port-address.
+/// Port-address of a universe counted from 1.
 std::optional<std::uint16_t> parse_universe(const std::string& word) {
   std::uint32_t universe = 0;
   if (!CLI::detail::lexical_cast(word, universe) || universe == 0 ||

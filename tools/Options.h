@@ -11,7 +11,7 @@
 namespace kadrel_cue {
 
 /// Adds an option whose words are parsed by @p parse and handed to @p take.
-/// @param what  the words are, for the message about one that is not
+/// @param what  expected kind of word, for the error message
 template <typename Value, typename Parse, typename Take>
 CLI::Option* add_parsed(CLI::App& command, const std::string& name, Parse parse, Take take, const char* what,
                         const std::string& help) {
@@ -28,7 +28,7 @@ CLI::Option* add_parsed(CLI::App& command, const std::string& name, Parse parse,
       help);
 }
 
-/// A command with examples below its help.
+/// Adds a command with examples below its help.
 CLI::App* add_command(CLI::App& app, const std::string& name, const std::string& description,
                       const std::string& examples);
 

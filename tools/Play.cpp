@@ -17,10 +17,10 @@ namespace {
 
 constexpr const char* kAddressWords = "an IPv4 address such as 10.0.0.255 or 10.0.0.255:6454";
 
-// Looks per second that are repeated by --hold: as many as a console sends.
+// Repeats per second with --hold: as many as a console sends.
 constexpr int kHoldRate = 40;
 
-/// A number of passes; an empty one inside stands for "forever".
+/// A number of passes, with an empty inner value for "forever"; nothing for other text.
 std::optional<std::optional<std::uint64_t>> parse_loops(const std::string& word) {
   if (word == "forever") return std::optional<std::uint64_t>();
   std::uint64_t loops = 0;

@@ -18,15 +18,15 @@
 namespace kadrel_cue {
 namespace {
 
-// The last part of every wait, which is spun, where the scheduler lets this program go first.
+// With a real-time priority sleeps end sooner after their time, so less of every wait is spun.
 constexpr kesto::Clock::duration kSpinInRealTime = std::chrono::microseconds(50);
 
 constexpr kesto::Clock::duration kProgressPeriod = std::chrono::milliseconds(250);
 
-// Files up to this size are read once before, so that the remaining time is known and not estimated.
+// Files up to this size are read once in advance, so that the remaining time is exact.
 constexpr off_t kReadBefore = off_t{64} << 20;
 
-/// Estimates or knows what is left of a pass.
+/// Remaining time of a pass, exact or estimated.
 class Remaining {
 public:
   explicit Remaining(const cue::PlayOptions& options) : selection(options.selection), speed(options.speed) {
@@ -66,9 +66,9 @@ std::unique_ptr<cue::DatagramSink> make_sink(const Playback& playback) {
                                             kesto::device::manufacturer_id());
 }
 
-/// Asks to run before everything that is not in a hurry. @return whether this is allowed
+/// Asks for a real-time priority. @return whether it was granted
 bool enter_real_time() {
-  // Timers of this program end when they are due and not up to 50 us later.
+  // By default timers end up to 50 us late.
   prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
   sched_param lowest{};
   lowest.sched_priority = sched_get_priority_min(SCHED_RR);

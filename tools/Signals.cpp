@@ -14,7 +14,7 @@ void request_stop(int /*signal*/) {
   stop_requested = true;
 }
 
-/// A file that is half written does not stay; then the signal does what it does by itself.
+/// Removes a half-written file; then the signal has its default effect.
 void clear_away(int signal) {
   cue::AtomicFile::remove_unfinished();
   raise(signal);

@@ -2,14 +2,14 @@
 
 #include <atomic>
 
-/// What the signals that end a program do to a command.
+/// Effect of the signals that end a program.
 namespace kadrel_cue {
 
-/// SIGINT and SIGTERM do nothing from now on but set the flag that is returned.
+/// From now on SIGINT and SIGTERM only set the returned flag.
 const std::atomic<bool>& stop_on_signals();
 
-/// SIGINT, SIGTERM and SIGHUP remove a file that is half written before they end the program. A signal that
-/// is ignored stays ignored.
+/// From now on SIGINT, SIGTERM and SIGHUP remove a half-written file before they end the program. An ignored
+/// signal stays ignored.
 void clear_away_on_signals();
 
 }  // namespace kadrel_cue

@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception& error) {
     fprintf(stderr, "kadrel-cue: %s\n", error.what());
   }
-  // A disk that is full, say: half a report is none.
+  // On a full disk, for example, only half of a report may have been written.
   if (!std::cout.flush()) {
     fputs("kadrel-cue: standard output cannot be written\n", stderr);
     if (code == 0) code = 1;
