@@ -21,7 +21,7 @@ FRAMES = 50
 
 
 def traffic():
-    """Eight universes of every kind of length and level, and what is not recorded between them."""
+    """Eight universes with all kinds of lengths and levels, and between them packets that are not recorded."""
     numbers = random.Random(6454)
     packets = []
     for frame in range(FRAMES):
@@ -33,7 +33,7 @@ def traffic():
 
 
 def recorded(name, prefix, executable, monkeypatch):
-    """What one recorder makes of the traffic: the file, the report, the answers of some calls."""
+    """Results of one recorder for the traffic: the file, the report, the answers of some calls."""
     monkeypatch.setattr(harness.service, "EXECUTABLE", Path(executable))
     with World() as world:
         service = world.start(prefix=prefix)
@@ -59,7 +59,7 @@ def recorded(name, prefix, executable, monkeypatch):
 
 
 def without_delays(content):
-    """The file with every pause set to 0, each at its place."""
+    """The file with every pause set to 0."""
     bare, offset = bytearray(content), 0
     mark = IDENTIFIER + struct.pack("<H", OP_OEM_VFPS_NS)
     for record in Recording.parse(content).records:

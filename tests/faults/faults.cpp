@@ -1,5 +1,5 @@
-// Makes system calls of the process that it is loaded into fail or take long, as the file KADREL_FAULTS says:
-// a table that the tests write and read while the process runs (tests/service/harness/faults.py).
+// Makes system calls of its process fail or take long. The file KADREL_FAULTS holds the table of faults,
+// which the tests write and read while the process runs (tests/service/harness/faults.py).
 //
 // It stands between the program with its libraries and the C library; calls that the C library makes for
 // itself, as syslog() does, are not seen.
@@ -29,19 +29,18 @@
 
 namespace {
 
-// What a descriptor is. A fault concerns descriptors of one kind, or all calls of its function.
+// Kind of a descriptor. A fault concerns descriptors of one kind, or all calls of its function.
 enum Kind : std::int32_t { Any = 0, Udp = 1, File = 2, Log = 3, Bus = 4, Other = 5 };
 
 // One line of the table, for one function.
 struct Fault {
   char name[16];
   std::atomic<std::int32_t> kind;
-  std::atomic<std::int32_t> error;  // errno of a call that fails; 0: it is made, after the delay
-  std::atomic<std::int64_t> skip;   // calls that are left alone first
-  std::atomic<std::int64_t> times;  // calls that are struck then; -1: all
-  std::atomic<std::int64_t>
-      delay_ns;                     // how long a struck call waits; for "realtime" how far the clock is off
-  std::atomic<std::int64_t> calls;  // calls of this kind so far
+  std::atomic<std::int32_t> error;     // errno of a call that fails; 0: it is made, after the delay
+  std::atomic<std::int64_t> skip;      // calls that are left alone first
+  std::atomic<std::int64_t> times;     // calls that are struck then; -1: all
+  std::atomic<std::int64_t> delay_ns;  // wait of a struck call; for "realtime" the error of the clock
+  std::atomic<std::int64_t> calls;     // calls of this kind so far
   std::atomic<std::int64_t> struck;
 };
 static_assert(sizeof(Fault) == 64 && std::atomic<std::int64_t>::is_always_lock_free);
@@ -126,7 +125,7 @@ Function next_of(const char* name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-// The line counts of a coverage build, written when the process ends, are not the service's.
+// The line counts that a coverage build writes when the process ends are not calls of the service.
 bool holds_line_counts(const char* path) {
   const std::size_t size = std::strlen(path);
   return size > 5 && std::strcmp(path + size - 5, ".gcda") == 0;
@@ -138,7 +137,7 @@ bool makes_unnamed_file(int flags) {
 
 }  // namespace
 
-// The function after us, and its line in the table.
+// The next library's function of this name, and its line in the table.
 #define BEHIND(NAME)                                                     \
   static const auto next = next_of<decltype(&NAME)>(#NAME); /* NOLINT */ \
   static Fault* const fault = find_fault(#NAME)
@@ -255,7 +254,7 @@ int nanosleep(const timespec* time, timespec* left) {
 int fstat(int fd, struct stat* status) noexcept {
   static const auto next = next_of<int (*)(int, struct stat*)>("fstat");
   static Fault* const fault = find_fault("fstat");
-  // kind_of() asks as well.
+  // kind_of() calls it too.
   return fault != nullptr && fault->times != 0 && strikes(fault, Any) ? -1 : next(fd, status);
 }
 
@@ -285,7 +284,7 @@ int fcntl(int fd, int command, ...) {
   return strikes_at(fault, fd) ? -1 : next(fd, command, argument);
 }
 
-// The names that calls have where _FILE_OFFSET_BITS is 64.
+// The names of these calls where _FILE_OFFSET_BITS is 64.
 
 int open64(const char* path, int flags, ...) {
   static const auto next = next_of<decltype(&open64)>("open64");

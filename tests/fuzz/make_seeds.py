@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the seed inputs of the fuzz targets: make_seeds.py DIRECTORY [CAPTURE...].
 
-A CAPTURE is a file of datagrams, each behind its size (16 bits, low byte first), in the order in which a console sent
+A CAPTURE is a file of datagrams, each after its size (16 bits, low byte first), in the order in which a console sent
 them. Every seed is named after what it holds.
 """
 

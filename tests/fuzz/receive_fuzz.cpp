@@ -255,7 +255,7 @@ private:
            static_cast<char>(length & 0xFFU) + levels;
   }
 
-  /// One to four ArtDmx, one behind the other, on the control universe or another.
+  /// One to four ArtDmx in a row, on the control universe or another.
   std::string dmx_datagram() {
     std::string datagram;
     const unsigned choice = script.byte();
@@ -318,9 +318,9 @@ private:
     if (sender == nullptr) sender = who < 240 ? kSenders[who % 3] : kSenders[who % 5];
     const int port = 1024 + static_cast<int>(who);
     now += who;
-    // Of exactly this size each time: a sanitizer sees a read beyond its end.
+    // Memory of exactly this size, so that a sanitizer sees a read beyond its end.
     std::vector<char> held(datagram.begin(), datagram.end());
-    held.reserve(1);  // an empty datagram has an address, too
+    held.reserve(1);  // an empty datagram needs an address, too
     probe.receive({held.data(), held.size()}, sender, port, now);
     probe.conclude_ended_grab();
     model.receive(datagram, sender, port, now, kOwnAddress);
@@ -487,8 +487,8 @@ private:
     model.sent.clear();
   }
 
-  /// Vanished nodes stand in the order of the detected list, in which the model has none: entries are
-  /// compared as sets.
+  /// Vanished nodes come in the order of the detected list. The model keeps no order, so entries are compared
+  /// as sets.
   bool messages_are_the_same() const {
     const auto entries = [](const std::vector<std::string>& texts) {
       std::vector<std::string> sorted;

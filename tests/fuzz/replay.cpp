@@ -6,15 +6,15 @@
 #include <set>
 #include <vector>
 
-// Feeds a fuzz target with the files of directories, each once: every input that is kept is a test of every
-// build, also of one whose compiler has no fuzzer.
+// Feeds a fuzz target with each file of some directories once: so every kept input is a test, also in builds
+// whose compiler has no fuzzer.
 
 // The names are the fuzzer's.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* count, char*** arguments);
 
 int main(int count, char** arguments) {
-  // Absolute and in order, before the target goes to a directory of its own.
+  // Absolute paths, because the target changes its directory.
   std::set<std::filesystem::path> files;
   for (int i = 1; i < count; ++i)
     for (const auto& entry : std::filesystem::directory_iterator(arguments[i]))

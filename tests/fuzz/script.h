@@ -7,7 +7,7 @@
 
 #include "artnet/ArtNet.h"
 
-/// Input of a fuzz target, read from front to back; behind its end everything is 0.
+/// Input of a fuzz target, read from front to back; after its end everything is 0.
 class Script {
 public:
   Script(const std::uint8_t* data, std::size_t size) : next(data), left(size) {}
@@ -25,7 +25,7 @@ public:
     return static_cast<std::uint16_t>(low | static_cast<unsigned>(byte()) << 8U);
   }
 
-  /// Any number, with the small ones and the bounds of the settings near at hand.
+  /// Any number; small ones and the bounds of the settings are the most likely.
   std::int32_t number() {
     static constexpr std::int32_t kBounds[] = {-1,  0,   1,     2,     3,  255,       256,
                                                512, 513, 32768, 32769, -2, INT32_MAX, INT32_MIN};

@@ -38,12 +38,12 @@ struct NodeModel {
   }
 };
 
-/// The service in the plainest words: recorder, triggers, settings, answers to ArtPoll, node detection,
+/// The service in the simplest code: recorder, triggers, settings, answers to ArtPoll, node detection,
 /// manual nodes, relay. It keeps a recording as a list and knows nothing of threads or files.
 class ServiceModel {
 public:
   struct Record {
-    std::int64_t delay;  // ns; of the first record of a file it means nothing
+    std::int64_t delay;  // ns; meaningless for the first record of a file
     std::string datagram;
   };
   struct Summary {
@@ -265,7 +265,7 @@ public:
     requested = in_progress = false;
   }
 
-  // What the comparison looks at.
+  // For the comparison.
   int state = 0;
   int ctrl_universe = -1, key_channel = -1, value_channel = -1, ctrl_step = -1;
   int record_channel = -1, record_threshold = -1;
@@ -477,14 +477,14 @@ private:
   int announced_universes;
   DatagramModel packets;
   std::deque<Asker> pending;
-  std::string last_address;  // whom the last reply went to
+  std::string last_address;  // receiver of the last reply
   int last_port = 0;
-  bool no_room = false;  // since the time below; nothing was sent to an asker since
+  bool no_room = false;  // since the time below, and nothing was sent to an asker since then
   std::int64_t no_room_since = 0;
   std::int64_t last_time = 0;
 
 public:
-  // What the appliance says of itself.
+  // Identity of the appliance.
   std::string own_ip = std::string(4, '\0');
   std::string own_mac = std::string(6, '\0');
   int own_oem = 0;

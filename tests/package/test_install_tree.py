@@ -1,4 +1,4 @@
-"""What `cmake --install` puts where, and that its pieces fit each other.
+"""The files of `cmake --install`: their places, and that they fit each other.
 
 KADREL_BUILD_DIR names the build (build/release by default). It has the manual pages when rst2man is there.
 """
@@ -236,7 +236,7 @@ def test_the_operations_guide_knows_every_error_and_warning():
     assert len(texts) >= 12
     missing = []
     for text in texts:
-        # Up to the first value, for the rest differs from line to line.
+        # Only up to the first value: the rest differs from line to line.
         known = re.split(r"%|\\n|\(|, using", text)[0].rstrip()
         if known and known.removesuffix(".") not in guide:
             missing.append(text)

@@ -22,7 +22,7 @@ from throwaway import ThrowawayRoot
 TOP = Path(__file__).resolve().parents[2]
 NOBODY = 65534
 
-# What dpkg, apt and their triggers note about every package that ever was.
+# Notes of dpkg, apt and their triggers about all packages, past ones included.
 BOOKKEEPING = re.compile(
     r"/etc/ld\.so\.cache|/var/(cache/(apt|debconf|ldconfig|man)|lib/(apt|dpkg|systemd)|log)(/.*)?|/usr/share/info/dir(\.old)?"
 )
@@ -98,7 +98,7 @@ class Session:
                 program = os.path.basename(os.readlink(f"/proc/{entry}/exe"))
                 if program == name and os.readlink(f"/proc/{entry}/ns/pid") == space:
                     return int(entry)
-            except OSError:  # it has ended, and perhaps nobody has asked how
+            except OSError:  # it has ended, perhaps as a zombie
                 continue
         return None
 
@@ -186,7 +186,7 @@ def test_the_first_call_starts_the_recorder_and_it_records(world, root, session)
     said = root.run("kadrel-cue", "verify", cue)
     assert "60" in root.run("kadrel-cue", "info", cue), said
 
-    # It ends in order, and the next call starts it again.
+    # It ends in good order, and the next call starts it again.
     os.kill(pid, signal.SIGTERM)
     spin_until(lambda: session.process("kadrel") is None, "the recorder to end")
     assert session.call("get_status") == 's "off"'

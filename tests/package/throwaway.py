@@ -38,7 +38,7 @@ class ThrowawayRoot:
     def command(self, *command, user=None, environment=None):
         """The command line that runs a command in the root, to be given to the namespaces."""
         variables = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", **(environment or {})}
-        # Whoever becomes another user forgets that he ends with his starter, so that is said afterwards.
+        # A change of the user resets the signal at the parent's death, so it is set after that.
         user = [f"--reuid={user}", f"--regid={user}", "--clear-groups"] if user is not None else []
         return [
             "chroot", ROOT, "setpriv", *user, "--pdeathsig", "KILL",

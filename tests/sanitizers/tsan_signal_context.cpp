@@ -1,9 +1,9 @@
 #include <poll.h>
 
-// Linked into the service of the thread-sanitizer build only. The sanitizer makes a thread's record of
-// held-back signals at the first blocking call or the first signal, whichever comes first; a signal that
-// interrupts the making is lost with the record that its handler made. A blocking call ahead of main() makes
-// it before there is a handler.
+// Linked into the service of the thread-sanitizer build only. The sanitizer makes a thread's list of
+// held-back signals at its first blocking call or first signal. A signal during that blocking call makes a
+// second list, which is lost with the signal. A blocking call before main() makes the list before there is
+// any handler.
 
 namespace {
 

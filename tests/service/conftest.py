@@ -22,8 +22,7 @@ WAITING = ("test_polling_shutdown", "test_node_detection", "test_node_intake", "
 
 
 def pytest_collection_modifyitems(items):
-    """The tests that wait come early and spread among the others, so that others compute beside them and none is left over
-    at the end."""
+    """Spreads the tests that wait among the first ones: others compute beside them, and none is left over at the end."""
     waiting = [item for item in items if item.path.stem in WAITING]
     computing = iter([item for item in items if item.path.stem not in WAITING])
     items[:] = [one for item in waiting for one in (item, *itertools.islice(computing, 3))]
@@ -43,7 +42,7 @@ def pytest_xdist_make_scheduler(config, log):
 
     class Singly(LoadScheduling):
         def _send_tests(self, node, num):
-            # A worker begins a test when it knows the next.
+            # A worker begins a test only when it knows the next one.
             super()._send_tests(node, min(num, 2 - len(self.node2pending[node])))
 
     return Singly(config, log)

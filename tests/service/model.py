@@ -40,7 +40,7 @@ class Trigger:
 
 @dataclass(frozen=True)
 class Other:
-    """A packet that changes nothing; `parses` is false when the datagram around it counts for nothing."""
+    """A packet that changes nothing; `parses` is false when it makes the parser refuse its datagram."""
 
     name: str
     wire: bytes
@@ -137,7 +137,7 @@ class Model:
             self._finish()
 
     def _dmx(self, dmx, noted):
-        """The universe under which the datagram is to be recorded so far, or None."""
+        """The universe under which the datagram would be recorded after the packets so far, or None."""
         control = dmx.universe == self.universe - 1
 
         def slot(channel):

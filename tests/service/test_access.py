@@ -23,7 +23,7 @@ def checksum(header):
 
 
 def udp_packet(payload, source, destination, source_port=ARTNET_PORT, port=ARTNET_PORT):
-    """An IPv4 packet with any source address that one likes."""
+    """An IPv4 packet with any source address."""
     udp = struct.pack("!HHHH", source_port, port, 8 + len(payload), 0) + payload
     header = struct.pack(
         "!BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 1, 0, 64, 17, 0, socket.inet_aton(source), socket.inet_aton(destination)
@@ -45,7 +45,7 @@ class Forger:
         self._socket.sendto(udp_packet(payload, source, destination), ("eth0", ETH_P_IP, 0, 0, self._target))
 
     def settle(self, source=STRANGER):
-        """Returns when the service has had everything of this wire: a frame behind all others has been logged."""
+        """Returns when the service has handled all frames of this wire: one more frame, after them, has been logged."""
         marker = self.world.next_marker()
         start = self.world.log.mark()
         self.send(marker, source)
@@ -71,7 +71,7 @@ def open_kernel(world, *settings):
 
 
 def test_a_forged_frame_is_taken_as_any_other_when_its_source_is_a_foreign_one(service, forger):
-    """What the tests below forge is a valid packet but for its source."""
+    """The forged packets of the tests below are valid but for their source."""
     forger.send(art_trigger(1, 2), "10.77.0.99")
     forger.settle("10.77.0.99")
     assert service.client.triggers() == [(1, 2)]
@@ -121,12 +121,12 @@ def test_one_poll_brings_one_reply_of_239_bytes_for_each_universe(world, univers
 
 
 def test_bytes_left_of_earlier_datagrams_bring_no_further_answers(service):
-    """A parser that meets old polls behind a short datagram would answer one byte with 35 replies."""
+    """A parser that meets old polls after a short datagram would answer one byte with 35 replies."""
     assert answers(service, [art_poll() * 36, b"x", b"x", b"x"]) == 36 * 239
 
 
 def test_a_reply_goes_where_the_poll_says_that_it_came_from(service, forger):
-    """By design: UDP knows no better. The victim of a reflection gets 239 bytes for each 14."""
+    """By design: UDP does not prove its sender. The victim of a reflection gets 239 bytes for each 14."""
     forger.send(art_poll(), service.world.console.address)
     assert len(service.world.console.receive().data) == 239
 
@@ -136,13 +136,13 @@ def test_a_reply_goes_where_the_poll_says_that_it_came_from(service, forger):
 
 @pytest.fixture
 def filtered(service):
-    """The service behind data/kadrel.nft."""
+    """The service with the packet filter of data/kadrel.nft."""
     service.world.namespaces.run(["nft", "-f", str(REPOSITORY / "data/kadrel.nft")])
     return service
 
 
 def marked_end(service, sender):
-    """Sends a trigger and returns when it has come through: what was sent before has been handled or dropped."""
+    """Sends a trigger and returns when it has come through: all earlier packets have been handled or dropped."""
     start = service.client.signals.mark()
     sender(art_trigger(255, 254))
     service.client.signals.wait_for(lambda signal: signal.arguments == (255, 254), "the last trigger", start)

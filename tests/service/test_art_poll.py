@@ -50,10 +50,10 @@ LINK = "tbf rate 60mbit burst 32kb limit 4mb"
 # One that carries next to nothing while a test does its work.
 NARROW_LINK = "tbf rate 5mbit burst 2kb limit 4mb"
 
-# An ordinary user's sockets cannot queue an answer of thousands of replies; behind a slow link they need not.
+# An ordinary user's sockets cannot queue an answer of thousands of replies; on a slow link they need not.
 SLOW_FOR_MANY = os.geteuid() != 0
 
-# The service stays on one processor: the kernel keeps packets in order that one processor sends.
+# The service stays on one processor: the kernel keeps the order of packets that one processor sends.
 ONE_PROCESSOR = ("taskset", "--cpu-list", str(max(os.sched_getaffinity(0))))
 
 
@@ -120,7 +120,7 @@ def ask(asker, count, poll=art_poll()):
 
 
 def assert_silent(service, *endpoints):
-    """Nothing more has come to these sockets once everything sent before has been dealt with."""
+    """Nothing more has come to these sockets when all earlier datagrams have been handled."""
     service.settle()
     assert [endpoint.waiting() for endpoint in endpoints] == [[] for _ in endpoints]
 
@@ -392,7 +392,7 @@ def test_an_asker_that_cannot_be_reached_does_not_keep_others_from_their_answers
     service = announcing(4000, slow=SLOW_FOR_MANY)
     world = service.world
     mute = world.network.peer("mute", "10.77.0.30")
-    # It knows the way to the service, but does not say where it is itself.
+    # It can reach the service, but does not answer ARP.
     world.namespaces.ip("mute", f"neigh add 10.77.0.1 lladdr {HARDWARE_ADDRESS} dev eth0")
     world.namespaces.run(["sh", "-c", "echo 8 > /proc/sys/net/ipv4/conf/eth0/arp_ignore"], network="mute")
     mute.endpoint().send(art_poll())
@@ -428,7 +428,7 @@ def test_an_answer_leaves_room_for_every_relayed_datagram(announcing, count):
     asker, player = world.console_host.endpoint(), world.console_host.endpoint()
     lines = world.log.mark()
     asker.send(art_poll())
-    # So many are on their way that the others wait for the cable.
+    # So many are in flight that the others wait for the cable.
     for _ in range(100):
         asker.receive()
     frame = [art_dmx(universe, bytes(512)) for universe in range(100)]

@@ -1,4 +1,4 @@
-"""What becomes of the reports of kadrel-cue where nobody can take them."""
+"""The reports of kadrel-cue when its output fails."""
 
 import os
 import signal

@@ -1,4 +1,4 @@
-"""kadrel-cue beside the service: what it plays is what was recorded, and other programs agree on what it exports."""
+"""kadrel-cue beside the service: it plays exactly what was recorded, and other programs can read its exports."""
 
 import json
 import os
@@ -15,7 +15,7 @@ CUE = EXECUTABLE.parent / "kadrel-cue"
 DEADLINE = 20
 FRAMES = [[number % 256, 255 - number % 256, *([number % 7] * 30)] for number in range(40)]
 
-# Datagrams that make it hard to see where they end.
+# Datagrams whose end is hard to find.
 ODD_DATAGRAMS = [
     art_dmx(0, b"\1\2\3\4"),
     art_dmx(1, bytes(8)) + bytes(504),

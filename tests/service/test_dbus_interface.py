@@ -1,4 +1,4 @@
-"""What the bus shows of the service, and how it takes calls."""
+"""The service on the bus: its interface, and its way with calls."""
 
 from concurrent.futures import ThreadPoolExecutor
 
@@ -114,7 +114,7 @@ def test_triggers_during_a_method_call_leave_behind_its_answer_in_their_order(se
     lines = world.log.mark()
     with ThreadPoolExecutor(1) as caller:
         copying = caller.submit(client.dup_cue, world.directory, source)
-        # The main thread begins to copy; what the receive thread emits now has to wait for it.
+        # The main thread begins to copy; signals of the receive thread must wait for it now.
         world.log.wait_for(lambda line: "New cue path is" in line.text, "the copy to begin", lines)
         world.console.send(*(art_trigger(number, 0) for number in range(20)))
         copying.result()

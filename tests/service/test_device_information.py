@@ -1,4 +1,4 @@
-"""The branding file and the interface, as the service shows them to the network."""
+"""Branding file and interface, as the answer to an ArtPoll shows them."""
 
 import json
 

@@ -35,7 +35,7 @@ EXHAUSTIVE = "KADREL_TEST_ALL" in os.environ
 
 MUSIC = [art_dmx(1, bytes([number] * 100)) for number in range(20)]
 
-# Seconds of one look at what the service does, and what it may do in each: a circle makes some hundred thousand calls.
+# Seconds of one look at the service, and its limits in each: a busy loop makes some hundred thousand calls.
 LOOK = 0.5
 CALLS_PER_SECOND = 8000
 LINES = 60
@@ -64,7 +64,7 @@ def record(service, name="cue", frames=MUSIC):
 
 
 def use_everything(service):
-    """Has the service do all that it can, and waits only for the bus."""
+    """Lets the service do everything that it can do, and waits only for the bus."""
     client, world = service.client, service.world
     client.grab(world.path("under a fault"))
     world.console.send(*MUSIC, art_poll(), b"noise")
@@ -78,7 +78,7 @@ def use_everything(service):
 
 
 def look_on(service, faults):
-    """For half a second: the process lives, makes few calls and writes few lines."""
+    """For half a second the process lives, makes few calls and writes few lines."""
     lines = service.world.log.mark()
     before, began = [faults.calls(name) for name in NAMES], now()
     assert not select.select([service], [], [], LOOK)[0], "the process has ended"
@@ -104,8 +104,8 @@ class Case:
         faults.arm(self.call, self.error, self.kind, self.times)
 
 
-# Function, kind of descriptor, whether it may fail for ever, its errors. Where it may not, the framework or the bus library
-# stands behind it, which takes such an error for the end of the connection or tries again without a pause.
+# Function, kind of descriptor, whether it may fail for ever, its errors. It may not where the framework or the bus library
+# calls it, which takes such an error for the end of the connection or tries again without a pause.
 FAILURES = [
     ("recvmmsg", UDP, True, "EAGAIN ENOBUFS ENOMEM EIO ENETDOWN EPERM ECONNREFUSED EINTR"),
     ("select", UDP, True, "EINTR ENOMEM EIO EPERM"),
@@ -174,7 +174,7 @@ def test_a_call_that_fails_costs_nothing_but_what_it_was_for(faulty, faults, cas
 
 SERVES, ENDS = "serves", "ends"
 
-# Function, kind, what becomes of the start, errors; from which call on it fails.
+# Function, kind, result of the start, errors; the first call that fails.
 START_FAILURES = [
     ("socket", UDP, SERVES, "EMFILE ENOBUFS EPERM", 0),
     ("bind", UDP, SERVES, "EADDRINUSE EPERM ENOMEM", 0),
@@ -233,7 +233,7 @@ SANITIZED = any(mark in EXECUTABLE.read_bytes() for mark in (b"__asan_init", b"_
 
 
 def test_without_a_free_descriptor_nothing_is_opened_and_all_else_goes_on(service):
-    """A limit in the kernel itself, for calls that the library in between does not see."""
+    """A limit in the kernel itself, for calls that the preloaded library does not see."""
     world = service.world
     assert record(service) == MUSIC
     taken = {int(name) for name in os.listdir(f"/proc/{service.pid}/fd")}
@@ -302,7 +302,7 @@ def test_a_wall_clock_that_is_set_changes_no_pause(faulty, faults, hours):
     faulty.client.stop()
     recording = Recording.read(world.path("cue"))
     assert recording.datagrams == MUSIC * 2
-    # The pause across the step is less than what went by here, whatever that was.
+    # The pause across the step of the clock is less than the time that has passed here.
     assert recording.delays[len(MUSIC) - 1] < (now() - began + DEADLINE) * 1_000_000_000
     copies = {faulty.client.dup_cue(world.directory, world.path("cue")) for _ in range(3)}
     assert len(copies) == 3 and all(os.path.exists(copy) for copy in copies)
@@ -373,7 +373,7 @@ def test_a_copy_that_is_killed_is_no_cue(faulty, long_copy):
 
 
 def test_a_file_system_that_is_unmounted_under_a_recording(service):
-    """Lazily, as `umount -l` does it: the recording goes on where nobody sees it, and the next one is an ordinary one."""
+    """As by `umount -l`: the recording goes on where nobody sees it, and the next one is an ordinary one."""
     world = service.world
     path = world.path("small")
     os.mkdir(path)
@@ -512,7 +512,7 @@ def test_a_bus_that_hangs_gets_so_many_triggers_and_no_more_when_it_goes_on(serv
 
 
 def test_a_client_that_does_not_read_loses_signals_and_costs_the_others_none(make_world):
-    """The bus keeps what it may keep for it, drops the rest, and lets it have what comes after it has caught up."""
+    """The bus keeps signals for it up to a limit, drops the rest, and delivers again when it has caught up."""
     world = make_world(bus_limits={"max_outgoing_bytes": 100_000})
     service = world.start()
     deaf = LazyClient(world.bus.address, rate=0)

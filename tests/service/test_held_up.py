@@ -1,4 +1,4 @@
-"""What could hold the service up from outside: a hanging log or bus, terminals, long copies, a strange parent, forgeries."""
+"""Things that could hold the service up: a hanging log or bus, terminals, long copies, a strange parent, forgeries."""
 
 import contextlib
 import json
@@ -35,7 +35,7 @@ MUSIC = [art_dmx(3, bytes([number] * 100)) for number in range(50)]
 
 
 def send_and_wait(world, datagrams):
-    """Sends, then asks with an ArtPoll: its answer comes when all before it has been processed, without a log line."""
+    """Sends datagrams, then an ArtPoll: its answer comes when all of them have been processed, without a log line."""
     world.console.send(*datagrams, art_poll())
     world.console.receive_until(lambda reply: len(reply.data) == 239)
 
@@ -50,7 +50,7 @@ sys.stdin.read()
 
 
 def flood(world, count, start=0):
-    """So many datagrams that are a line of the log each, and all different; returns when they have been processed."""
+    """Sends so many datagrams, each of which makes a different log line; returns when they have been processed."""
     for first in range(start, start + count, 100):
         send_and_wait(world, [f"noise {number}".encode() for number in range(first, min(first + 100, start + count))])
 
@@ -80,7 +80,7 @@ def test_a_log_daemon_that_stops_reading_costs_the_oldest_ordinary_lines(service
     dropped = int(re.fullmatch(r"Dropped log lines, their output takes too few \(lines:(\d+)\)", report)[1])
     assert entries[-2:] == [STOP, STOP_IDLE]
     assert GRAB_CANNOT_OPEN in entries
-    # Whatever the daemon's queue took before, then a gap, then the newest.
+    # The lines that the daemon's queue took, then a gap, then the newest lines.
     noise = noise_lines(6000)
     arrived = [entry for entry in entries if entry in noise]
     before = next(number for number, entry in enumerate(arrived) if entry != noise[number])
@@ -140,7 +140,7 @@ def stopped_terminal(world):
 
 @pytest.mark.parametrize("hanging", [hanging_datagram_log, hanging_stream_log, hanging_pipe, stopped_terminal])
 def test_a_log_that_hangs_holds_nothing_up(world, hanging):
-    """Not the recording of 64 universes with a line for every frame, not a call, not the end."""
+    """Nothing waits for it: no recording of 64 universes with a line for every frame, no call, not the end."""
     path = world.path("cue")
     frames = [[art_dmx(universe, bytes([number] * 512)) for universe in range(64)] for number in range(20)]
     with hanging(world) as service:
@@ -295,7 +295,7 @@ TOO_MANY_NODES = (
 
 
 def collide(number):
-    """A long name: up to number 32767 all have one value in every hash that multiplies by 31, as "Aa" and "BB" have."""
+    """A long name. Like "Aa" and "BB", all up to number 32767 have one value in every hash that multiplies by 31."""
     return b"".join(b"BB" if number >> bit & 1 else b"Aa" for bit in range(15))
 
 

@@ -1,4 +1,4 @@
-"""Texts and numbers over the bus that no decent client would send."""
+"""Strange texts and numbers over the bus."""
 
 import os
 import uuid

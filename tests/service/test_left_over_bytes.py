@@ -7,7 +7,7 @@ from harness.nodes import node_reply
 from texts import OVERSIZED_DMX, emitted, unparsed
 
 IN_FRONT = b"x" * 100
-# Shorter than what is in front: what comes after it stays in the buffer, to be found again by every search.
+# Shorter than the bytes before the packet: the packet stays in the buffer, and every search finds it again.
 SHORT = b"y"
 
 

@@ -1,4 +1,4 @@
-"""Node detection: the ArtPoll of a cycle, what came and what went, and the modes that clients choose."""
+"""Node detection: the ArtPoll of a cycle, nodes that came and went, and the modes that clients choose."""
 
 import threading
 
@@ -37,7 +37,7 @@ def detection(service):
 
 
 def await_request_evaluated(client):
-    """The message of a requested cycle is on its way a moment before the request counts as done."""
+    """The message of a requested cycle leaves a moment before the request counts as done."""
     spin_until(lambda: not client.node_detection_request_pending(), "the request to be done")
 
 
@@ -119,7 +119,7 @@ def test_an_artpoll_that_cannot_be_sent_is_an_error_line_and_the_next_cycle_come
     detection.next_poll()
 
 
-# What came and what went
+# Nodes that came and went
 
 
 def test_the_life_of_nodes_over_several_cycles(make_world):
@@ -215,7 +215,7 @@ def test_a_cycle_leaves_no_line_at_level_3(detection):
 
 
 def test_replies_between_two_cycles_are_forgotten(detection):
-    """Without the polling thread there is no cycle; what came before its first ArtPoll does not count."""
+    """Without the polling thread there is no cycle; replies before its first ArtPoll do not count."""
     client = detection.client
     detection.answer(node_reply("10.77.0.8", [4]))
     assert client.set_automatic_node_detection(False) and client.request_node_detection()

@@ -1,4 +1,4 @@
-"""Which ArtPollReplies become nodes, port by port, and what the log says of the others."""
+"""ArtPollReplies that become nodes, port by port, and the log lines about the others."""
 
 import pytest
 from harness import INFO
@@ -254,7 +254,7 @@ def test_the_same_node_again_and_nodes_that_differ_in_one_field(verbose):
             ),
         },
     )
-    # In the next cycle the first answer of a known node is none of the duplicates, the second is.
+    # In the next cycle the first answer of a known node is no duplicate, the second is one.
     start = verbose.world.log.mark()
     verbose.answer(node, node)
     assert verbose.world.log.entries(start) == [duplicate(5, "10.0.0.1"), duplicate(6, "10.0.0.1")]
@@ -330,7 +330,7 @@ def test_replies_that_are_too_short_or_too_long(verbose):
 
 
 def test_a_short_reply_takes_nothing_from_the_one_before(verbose):
-    """What a datagram does not hold reads as zero, also when the datagram before held it."""
+    """Fields that a datagram does not hold read as zero, also when the datagram before held them."""
     whole = node_reply("10.0.0.1", [0x12F], b"first", b"the first node")
     log = verbose.world.log
     start = log.mark()

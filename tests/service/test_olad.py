@@ -29,7 +29,7 @@ def frames_on_the_wire(capture):
 
 
 def finish(service, olad, capture):
-    """Stops the recording behind all that olad has sent; the frames that are certain to be in it."""
+    """Stops the recording after the last frame of olad; the frames that are certain to be in it."""
     service.settle(olad.host.endpoint())
     before_stop = frames_on_the_wire(capture)
     service.client.stop()
@@ -37,7 +37,7 @@ def finish(service, olad, capture):
 
 
 def assert_recorded(path, before_stop, capture):
-    """olad repeats a frame now and then: what it sent between the marker and the stop may be recorded too."""
+    """olad repeats a frame now and then: frames between the marker and the stop may be recorded too."""
     recorded, on_the_wire = Recording.read(path).datagrams, frames_on_the_wire(capture)
     assert len(recorded) >= len(before_stop)
     assert recorded == on_the_wire[: len(recorded)]

@@ -153,7 +153,7 @@ def test_the_end_with_a_request_that_nobody_polls_for(world):
 
 ROUNDS = 200
 WORLDS = 16
-# Seconds: a cycle takes three, and the next one begins right behind it.
+# Seconds: a cycle takes three, and the next one begins right after it.
 LONGEST = 3.4
 MODES = {
     "automatic": (),

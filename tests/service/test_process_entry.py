@@ -27,7 +27,7 @@ def blocked_signals(status_file):
 
 @pytest.fixture
 def watched_bus(world):
-    """A bus address where nobody may knock: (environment, listening socket)."""
+    """A bus address that nobody may use: (environment, listening socket)."""
     path = world.path("watched")
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
         listener.bind(path)

@@ -152,7 +152,7 @@ def test_four_clients_call_everything_while_64_universes_are_recorded(world):
     latest = [datagram[14] for datagram in recordings[Path(name)].datagrams]
     assert (empty, ceiling, universes) == (not latest, max(latest, default=-1), set(latest))
 
-    # Nothing of it stays behind: the service records as on its first day.
+    # No trace of it is left: the service records as before.
     client.remove_all_manual_nodes()
     assert client.set_ctrl_universe(-1)
     client.grab(world.path("last"))

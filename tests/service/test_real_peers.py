@@ -194,6 +194,6 @@ def test_tshark_would_say_so_if_a_packet_were_not_good(announcing):
     console.send(art_poll())
     assert opcode_of(console.receive().data) == OP_POLL_REPLY
     packets.take()
-    # The fifth is the marker of settle(), which is no Art-Net either; the whole ArtPoll behind it is not marked.
+    # The fifth is the marker of settle(), which is no Art-Net either; the whole ArtPoll after it is not marked.
     assert [number for number, _ in packets.complaints("ip.src == 10.77.0.2")] == ["1", "2", "3", "4", "5"]
     assert packets.fields("frame.number == 6", "artnet.header.opcode") == [("0x2000",)]

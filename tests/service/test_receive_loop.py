@@ -1,4 +1,4 @@
-"""Whose datagrams the service looks at, and what it says about those it cannot read."""
+"""Senders whose datagrams the service takes, and the log lines about unreadable datagrams."""
 
 import re
 

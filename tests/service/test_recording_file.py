@@ -131,7 +131,7 @@ def test_a_new_recording_does_not_count_the_time_since_the_last(service):
     assert 0 < delay <= ended - begun
 
 
-# Several packets in one datagram: written once, whole; the last ArtDmx decides whether, and names the universe.
+# Several packets in one datagram: it is written once, whole, if the last ArtDmx says so; that one also gives the universe.
 
 
 @pytest.mark.parametrize(
@@ -163,7 +163,7 @@ def test_datagrams_of_several_packets_have_pauses_between_datagrams_only(service
 
 
 def test_many_small_packets_that_span_two_refills_are_recorded(service, recorded):
-    """After the last packet the search meets those that the first refill left in the buffer. They do nothing."""
+    """After the last packet the search meets packets of the first refill, still in the buffer. They do nothing."""
     datagram = b"".join(art_dmx(number, bytes([number] * 10)) for number in range(30))
     assert 512 < len(datagram) < 1024
     assert recorded([datagram]) == datagram
@@ -260,7 +260,7 @@ def test_start_stop_and_start_in_one_datagram_end_the_recording(armed):
     assert Path(path).read_bytes() == CONTROL_ON + CONTROL_OFF + CONTROL_ON
 
 
-# Bytes that earlier refills left behind in the parser's buffer are searched too.
+# Stale bytes of earlier refills in the parser's buffer are searched too.
 
 
 def test_a_packet_that_a_long_datagram_left_in_the_buffer_does_nothing(service):
@@ -303,7 +303,7 @@ def test_the_whole_file_is_there_when_stop_has_answered(service):
     assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
 
 
-# The reader that these tests trust.
+# The reader on which these tests rely.
 
 
 @pytest.mark.parametrize(

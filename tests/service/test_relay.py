@@ -1,4 +1,4 @@
-"""What local processes hand the service at 127.0.0.1, to be sent from the Art-Net port."""
+"""Datagrams of local processes at 127.0.0.1 that the service sends on from the Art-Net port."""
 
 import pytest
 from harness import CONSOLE, Recording
@@ -10,7 +10,7 @@ FROM_ART_NET_PORT = ("10.77.0.1", 6454)
 
 def sent_on(service, *requests):
     """The payloads that reach the console for these requests."""
-    # Made when first asked for; what is sent before it listens is lost.
+    # Named here, so that it listens before anything is sent.
     assert service.world.console
     service.world.appliance_process.send(*requests)
     received = service.relay_barrier()

@@ -1,4 +1,4 @@
-"""Datagrams that no decent sender would send. After each the service still records and answers."""
+"""Malformed datagrams. After each the service still records and answers."""
 
 import random
 from pathlib import Path
@@ -39,7 +39,7 @@ def test_datagrams_of_every_size_without_a_packet(service, fill):
     service.settle()
     for size in SIZES:
         datagram = (fill * (size // len(fill) + 1))[:size]
-        # Alone behind a marker, so that no identifier is put together from two datagrams.
+        # Each after a marker, so that no identifier is put together from two datagrams.
         lines = service.world.log.mark()
         service.feed([datagram])
         assert service.world.log.entries(lines) == [SIZE_UNREADABLE if size >= 8192 else unparsed(datagram)], size

@@ -94,7 +94,7 @@ def test_a_disk_that_fills_up_keeps_what_fitted(service, client, small):
     client.stop()
     content = Path(f"{outside}/cue").read_bytes()
     assert 0 < len(content) <= 32 * PAGE
-    # All that fitted is the beginning of the recording; the last record may be cut off.
+    # The file holds the beginning of the recording; the last record may be cut off.
     whole = len(content) // 548
     for number in range(whole):
         start = number * 548
@@ -116,7 +116,7 @@ def test_a_disk_with_room_again_takes_the_rest_of_the_recording(service, client,
     client.stop()
     content = Path(f"{outside}/cue").read_bytes()
     assert len(content) > 2 * PAGE
-    # The end of the file is well formed and holds everything that came after there was room.
+    # The end of the file is well formed and holds every datagram since there was room again.
     tail = content[-len(late) * 548 :]
     for number, frame in enumerate(late):
         delay, datagram = tail[number * 548 : number * 548 + 18], tail[number * 548 + 18 : (number + 1) * 548]

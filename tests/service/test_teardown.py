@@ -1,4 +1,4 @@
-"""What the end of the service leaves behind."""
+"""The traces of a service that has ended: none."""
 
 import os
 import signal
@@ -88,7 +88,7 @@ def test_the_end_while_clients_keep_calling(world):
         while not enough.is_set():
             try:
                 answers.append(client.get_status())
-            except Exception:  # the service goes while calls are on their way
+            except Exception:  # the service ends during calls
                 return
 
     asking = threading.Thread(target=ask)

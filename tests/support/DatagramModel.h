@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-/// What the parser does with a datagram, written a second time in the plainest way: one byte after the other,
-/// no streams, no callbacks, a list of events as result. Shares no code with the parser; unit tests and
+/// The parser written a second time in the simplest way: byte by byte, no streams, no callbacks, a list of
+/// events as result. Shares no code with the parser; unit tests and
 /// fuzzers compare the two.
 class DatagramModel {
 public:
@@ -19,9 +19,9 @@ public:
     Kind kind;
     std::uint32_t packet_count;       // packets dispatched before this one
     bool stale;                       // found, whole or in part, in bytes of an earlier datagram or refill
-    std::vector<std::uint8_t> bytes;  // the packet as the wire has it: header and what was read behind it
+    std::vector<std::uint8_t> bytes;  // the packet in wire order: header and the bytes read after it
 
-    /// What the callback is given: the record as the parser hands it over, empty for an error.
+    /// Argument of the callback: the record as the parser hands it over, empty for an error.
     std::vector<std::uint8_t> record() const {
       std::vector<std::uint8_t> record = bytes;
       const auto to_host_order = [&record](std::size_t offset) {
@@ -120,10 +120,10 @@ private:
       cells[static_cast<std::size_t>(valid++)] = *rest++;
       --rest_size;
     }
-    // Once a refill has met the end of the datagram, there is nothing more to come; rest_size is 0 then.
+    // After a refill that met the end of the datagram rest_size is 0: no more bytes come.
   }
 
-  /// Walks to the byte behind the next identifier. @param matched  identifier bytes met at the end of the
+  /// Walks to the byte after the next identifier. @param matched  identifier bytes met at the end of the
   /// buffer before
   bool find_identifier(int& matched) {
     static const std::string identifier("Art-Net\0", 8);

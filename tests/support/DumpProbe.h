@@ -9,9 +9,8 @@
 #include "src/Dump.h"
 #include "src/UdpReplySender.h"
 
-/// The service object without its threads, and its inside: a test or benchmark plays the receive thread and
-/// the polling thread itself, one step at a time, on the thread of its own. It adds nothing to what a step
-/// costs.
+/// The service object without its threads, and its inside: a test or benchmark does the steps of the receive
+/// thread and the polling thread on its own thread. A step costs as much as in the service.
 ///
 /// What the object sends goes through an unbound socket; use it in a private network namespace, or catch
 /// sendto() at link time.

@@ -132,7 +132,7 @@ def attributes(data):
 
 
 class Link:
-    """What one message says about an interface."""
+    """State of an interface in one message."""
 
     def __init__(self, message):
         (flags,) = struct.unpack_from("I", message, 8)
@@ -144,7 +144,7 @@ class Link:
 
 
 class LinkEvents:
-    """What happens to the interfaces of a namespace from now on."""
+    """Events of the interfaces of a namespace from now on."""
 
     def __init__(self, agent, network):
         agent.enter(network)
@@ -329,7 +329,7 @@ def serve_world(channel, directory):
     except (ConnectionError, BrokenPipeError):
         pass
     finally:
-        # Seen from outside, the mount points are empty directories; in here they can go only when nothing is mounted.
+        # From outside the mount points are empty directories; in here they can be removed only after the unmount.
         staging = [os.path.join(directory, name) for name in ("dev", "opt")]
         for path in ["/dev", "/opt", *staging, *agent.mounted]:
             libc.umount2(os.fsencode(path), MNT_DETACH)
@@ -338,7 +338,7 @@ def serve_world(channel, directory):
 
 def main():
     """Forks an agent for every directory that arrives; the descriptor beside it is the agent's end of its socket pair."""
-    # The one who interrupts a test run means the tests; the agents go when their caller does.
+    # An interrupt is for the tests; the agents end when their caller ends.
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, signal.SIG_IGN)
     worlds = socket.socket(fileno=int(sys.argv[1]))

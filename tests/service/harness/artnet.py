@@ -56,7 +56,7 @@ def oem_vfps_ns(nanoseconds):
     return header(OP_OEM_VFPS_NS) + struct.pack("<q", nanoseconds)
 
 
-# Fields of an ArtPollReply behind the header: name, struct format.
+# Fields of an ArtPollReply after the header: name, struct format.
 _POLL_REPLY = (
     ("ip", "4s"),
     ("port", "<H"),

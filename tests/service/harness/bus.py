@@ -161,7 +161,7 @@ class Bus:
         """All messages on the bus from now on, as `MonitoredMessage`s; closed with the bus."""
         monitor = Monitor(self._namespaces, self.address)
         self._clients.append(monitor)
-        # Its own name appears in what it prints first; a message behind it shows that it listens.
+        # First it prints its own name; a message after that shows that it listens.
         spin_until(lambda: self._watcher.owns("org.freedesktop.DBus") and monitor.messages.mark(), "the monitor")
         return monitor
 
@@ -323,7 +323,7 @@ class LazyClient:
             self.received += len(data)
 
     def waiting(self):
-        """What lies in the socket at this moment, of a client that has not read so far."""
+        """Everything in the socket at this moment, for a client that has not read so far."""
         try:
             return self._socket.recv(1 << 20, socket.MSG_DONTWAIT)
         except BlockingIOError:
@@ -345,7 +345,7 @@ class SignalLog(Collector):
     """Signals in the order of the bus.
 
     `items`, `mark`, `since` hold whatever the service emitted before the call (also what its receive thread has just
-    left for its main thread): they wait for the answer to a method call behind it.
+    left for its main thread): they wait for the answer to a method call after it.
     """
 
     def __init__(self, client):

@@ -6,7 +6,7 @@ The table is a file that tests/faults/faults.cpp, loaded into the service, maps 
 import mmap
 import struct
 
-# What a descriptor is (see faults.cpp).
+# Kinds of descriptors (see faults.cpp).
 ANY, UDP, FILE, LOG, BUS, OTHER = range(6)
 
 FOREVER = -1
@@ -25,7 +25,7 @@ _CALLS_OFFSET = 48
 
 
 class Faults:
-    """Hand `prefix` to whatever starts the service, then arm and disarm."""
+    """Put `prefix` before the command of the service, then arm and disarm."""
 
     def __init__(self, path, library):
         self.prefix = ("env", f"LD_PRELOAD={library}", f"KADREL_FAULTS={path}")
@@ -52,7 +52,7 @@ class Faults:
         _TIMES.pack_into(self._table, self._offset(name) + _TIMES_OFFSET, 0)
 
     def shift_clock(self, seconds):
-        """Sets the wall clock that the service reads off by so much."""
+        """Shifts the wall clock of the service by so much."""
         _TIMES.pack_into(self._table, self._offset("realtime") + _DELAY_OFFSET, seconds * SECOND)
 
     def calls(self, name):

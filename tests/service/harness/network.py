@@ -66,7 +66,7 @@ class Endpoint:
         return received
 
     def waiting(self):
-        """What lies in the socket's queue at this moment."""
+        """All datagrams in the socket's queue at this moment."""
         found = []
         while select.select([self.socket], [], [], 0)[0]:
             data, (address, port) = self.socket.recvfrom(LARGEST)

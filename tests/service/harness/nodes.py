@@ -68,7 +68,7 @@ class Detection:
         return self.next_poll()
 
     def next_poll(self, deadline=DEADLINE):
-        """Waits for the next ArtPoll, which begins a cycle; with one cycle after the other it also ends the last."""
+        """Waits for the next ArtPoll, which begins a cycle; in automatic mode it also ends the cycle before."""
         end = now() + deadline
         while True:
             while not select.select([self.listener.socket], [], [], WAKE_PERIOD)[0]:
@@ -81,7 +81,7 @@ class Detection:
                 return datagram
 
     def polls_waiting(self):
-        """ArtPolls that have arrived and that nobody has waited for."""
+        """ArtPolls that have arrived and that no call has waited for."""
         return [datagram for datagram in self.listener.waiting() if datagram.address == self.world.appliance.address]
 
     def answer(self, *replies, sender=None):
@@ -104,7 +104,7 @@ class Detection:
         return text
 
     def cycle(self, *replies):
-        """In automatic mode, behind an ArtPoll: these replies, then the end of the cycle. (messages, nodes as JSON text)"""
+        """In automatic mode, after an ArtPoll: these replies, then the end of the cycle. (messages, nodes as JSON text)"""
         self.answer(*replies)
         assert self.polls_waiting() == [], "the cycle was over before all replies were sent"
         self.next_poll()

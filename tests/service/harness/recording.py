@@ -25,7 +25,7 @@ class Recording:
     """A cue file as a list of records.
 
     The length of a datagram is not stored: an ArtDmx record is as long as its header says. Recordings of odd datagrams
-    (several packets in one, padding behind the data) are read with `of_datagrams`, which knows what was sent.
+    (several packets in one, padding after the data) are read with `of_datagrams`, which knows what was sent.
     """
 
     def __init__(self, records):

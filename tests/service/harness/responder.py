@@ -39,7 +39,7 @@ def queued(path, port):
 
 
 def main():
-    # The kernel keeps packets in order that one processor sends.
+    # The kernel keeps the order of packets that one processor sends.
     os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
     setting = json.loads(sys.stdin.readline())
     listener = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)

@@ -1,4 +1,4 @@
-"""What a sanitizer build needs in its environment, and how its reports are found."""
+"""The environment of a sanitizer build, and its reports."""
 
 import os
 import re
@@ -26,7 +26,7 @@ def environment():
     leaks = REPOSITORY / "tests/sanitizers/lsan.supp"
     if leaks.exists():
         options["LSAN_OPTIONS"] = f"suppressions='{leaks}':print_suppressions=0"
-    # What the caller sets wins.
+    # Settings of the caller win.
     return {name: os.environ.get(name, value) for name, value in options.items()}
 
 

@@ -17,8 +17,8 @@ EXECUTABLE = Path(os.environ.get("KADREL_EXE", sanitizers.REPOSITORY / "build/re
 PROGRAM = EXECUTABLE.name
 READY = "[Dump::listen_incoming_data] This device IP is: "
 
-# What a queued datagram takes of a socket's receive buffer beside twice its size, and how much of the buffer (208 KiB on
-# a Debian) one portion of datagrams may take; both on the safe side.
+# A queued datagram takes twice its size and this much more of a socket's receive buffer; and the part of the buffer (208 KiB
+# on a Debian) that one portion of datagrams may take. Both are on the safe side.
 DATAGRAM_COST = 900
 PORTION = 90_000
 
@@ -161,7 +161,7 @@ class Process:
         return self.wait(deadline)
 
     def end(self, number=signal.SIGTERM):
-        """Signal, then wait_waking(); the exit code."""
+        """Sends a signal, then as wait_waking(); the exit code."""
         if self.alive:
             self.send_signal(number)
         return self.wait_waking()
@@ -217,7 +217,7 @@ class Service(Process):
 
         Sends a datagram that is no Art-Net packet and waits for the log line about it; both leave no trace: the recording
         and the states stay as they are, the line is kept out of `log`. It fills the parser's whole buffer, so
-        nothing of earlier datagrams is left behind in there.
+        nothing of earlier datagrams is left in there.
         """
         self.world.settle(endpoint)
 

@@ -102,11 +102,11 @@ class SystemLog(Collector):
             self.append(line)
 
     def stop_reading(self):
-        """A log daemon that hangs: it takes one more line at most, and its queue fills up."""
+        """Lets the log daemon hang: it takes one more line at most, and its queue fills up."""
         self._reading.clear()
 
     def read_slowly(self, seconds):
-        """A log daemon that takes so long for each line."""
+        """Lets the log daemon take so long for each line."""
         self._pause = seconds
 
     def go_on_reading(self):

@@ -1,4 +1,4 @@
-"""tshark, which says what it makes of the packets on a wire."""
+"""tshark, which dissects the packets on a wire."""
 
 import os
 import select
@@ -26,14 +26,14 @@ class PacketFile:
         self._packets = []
 
     def take(self):
-        """Takes in what has passed so far."""
+        """Takes in all packets so far."""
         while select.select([self._socket], [], [], 0)[0]:
             packet, (_, protocol, _, _, _) = self._socket.recvfrom(PCAP_LARGEST)
             if protocol == ETH_P_IP and packet[9] == socket.IPPROTO_UDP:
                 self._packets.append(packet)
 
     def tshark(self, *options):
-        """What tshark prints about the packets that have been taken in."""
+        """Output of tshark about the packets taken in."""
         with open(self._path, "wb") as file:
             file.write(struct.pack("<IHHiIII", PCAP_MAGIC, 2, 4, 0, 0, PCAP_LARGEST, LINKTYPE_RAW))
             for packet in self._packets:

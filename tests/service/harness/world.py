@@ -74,7 +74,7 @@ class World:
 
     @property
     def appliance_process(self):
-        """A socket at 127.0.0.1: a local process that has things relayed."""
+        """A socket at 127.0.0.1: a local process that asks for relaying."""
         return self._once("appliance_process", self.appliance.loopback)
 
     @property

@@ -45,7 +45,7 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 
 namespace {
 
-// How much is tried where trying everything takes long: 1 in builds that are slow, 5 in others.
+// Amount of tries where trying everything takes long: 1 in slow builds, 5 in others.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__OPTIMIZE__)
 constexpr std::size_t kEffort = 1;
 #else
@@ -423,7 +423,7 @@ TEST(ArtNetParser, LongArtPollReplyIsCutTo239Bytes) {
 }
 
 TEST(ArtNetParser, LengthOfAnArtPollReplyIsTakenFromItsRefill) {
-  // 20 bytes before it and 100 of it: 110 bytes are wanted behind the header, 90 are there.
+  // 20 bytes before it and 100 of it: 110 bytes are wanted after the header, 90 are there.
   ParseRecord truncated = outcome({}, 2);
   truncated.packet_count = 1;
   EXPECT_EQ(parse_once(packets::padding(20) + packets::poll_reply(100)), truncated);
@@ -434,7 +434,7 @@ TEST(ArtNetParser, LengthOfAnArtPollReplyIsTakenFromItsRefill) {
 }
 
 TEST(ArtNetParser, ArtPollReplyBehindAnotherPacketTakesMoreThanItsOwnBytes) {
-  // A reply of 50 bytes behind a poll of 14: 54 bytes are wanted behind its header, 40 are there.
+  // A reply of 50 bytes after a poll of 14: 54 bytes are wanted after its header, 40 are there.
   ParseRecord truncated = outcome({poll_event()}, 2);
   truncated.packet_count = 2;
   EXPECT_EQ(parse_once(packets::poll() + packets::poll_reply(50)), truncated);
@@ -447,7 +447,7 @@ TEST(ArtNetParser, ArtPollReplyInARefillOfFewerBytesThanAHeaderIsTruncated) {
       const std::string wire = packets::padding(512 - 10 + of_header) + packets::poll_reply(10) +
                                packets::counting(rest - of_header);
       ParseRecord expected = outcome({}, 2);
-      // An OpCode that is split is one that is read; a header cut before its OpCode cannot occur here.
+      // A split OpCode is still read; a header that is cut before its OpCode cannot occur here.
       expected.packet_count = 1;
       EXPECT_EQ(parse_once(wire), expected) << rest << ' ' << of_header;
     }
@@ -606,7 +606,7 @@ TEST(ArtNetParser, RecordingOfLargeDatagramsIsReadWhole) {
 }
 
 TEST(ArtNetParser, FortyTriggersInOneStreamGiveTheseCallbacks) {
-  // 720 bytes. The second refill holds 208; behind them the search meets what the first one left: the
+  // 720 bytes. The second refill holds 208; after them the search meets stale bytes of the first one: the
   // triggers 12 to 27, and of trigger 28 the identifier at the very end, whose OpCode would lie beyond the
   // buffer.
   std::string stream;
@@ -620,7 +620,7 @@ TEST(ArtNetParser, FortyTriggersInOneStreamGiveTheseCallbacks) {
 }
 
 TEST(ArtNetParser, LargeArtDmxBehindGarbageIsSeenOnce) {
-  // What its second refill holds is 18 bytes longer than the garbage, and so covers the identifier.
+  // The second refill is 18 bytes longer than the garbage, and so covers the identifier.
   const std::string slots = packets::counting(512);
   for (std::size_t garbage = 0; garbage < 494; ++garbage) {
     ASSERT_EQ(parse_once(packets::padding(garbage) + packets::dmx(slots)), outcome({dmx_event(slots)}))
@@ -629,7 +629,7 @@ TEST(ArtNetParser, LargeArtDmxBehindGarbageIsSeenOnce) {
 }
 
 TEST(ArtNetParser, TwoPacketsOverTwoRefillsLeaveTheFirstToBeSeenAgain) {
-  // A poll at 100 and a dmx of 18 + 400 bytes behind it: 532 bytes. The second refill holds 20, so the poll
+  // A poll at 100 and a dmx of 18 + 400 bytes after it: 532 bytes. The second refill holds 20, so the poll
   // is found once more, and the dmx header with it; its data would leave the buffer, which ends the parse
   // without a word.
   const std::string slots = packets::counting(400);
@@ -666,7 +666,7 @@ TEST(ArtNetParser, TellsInACallbackWhetherItsPacketIsOld) {
     ArtNetParser another;
     EXPECT_EQ(old_packets(another, kind.wire), "n") << kind.name;
     EXPECT_EQ(old_packets(another, kind.wire + packets::poll()), "nn") << kind.name;
-    // The poll is still there behind a datagram that covers the packet.
+    // The poll is still there after a datagram that covers the packet.
     EXPECT_EQ(old_packets(another, packets::padding(kind.wire.size())), "o") << kind.name;
   }
 }
@@ -676,7 +676,7 @@ TEST(ArtNetParser, PacketThatBeginsInNewBytesAndEndsInOldOnesIsOld) {
     ArtNetParser parser;
     EXPECT_EQ(old_packets(parser, packets::poll()), "n");
     const std::string begin = packets::poll().substr(0, size);
-    // Behind a whole identifier the rest is missing, not old.
+    // After a whole identifier the rest is missing, not old.
     const char* const expected = size == 0 || size >= 8 ? "" : "o";
     EXPECT_EQ(old_packets(parser, begin), expected) << size;
   }
@@ -793,8 +793,7 @@ TEST(ArtNetParser, WhatCameBeforeAQuietEndCounts) {
 // ---- truncation, everywhere
 // -----------------------------------------------------------------------------------------
 
-/// How the parse of @p padding_size other bytes and the first @p size bytes of a packet ends, as far as that
-/// packet is concerned.
+/// Result for a packet of which the first @p size bytes are parsed, after @p padding_size other bytes.
 int expected_code(const Kind& kind, std::size_t padding_size, std::size_t size) {
   if (padding_size + size == 0) return 2;
   if (size < 8) return 3;
@@ -811,8 +810,7 @@ TEST(ArtNetParser, EveryTruncationOfEveryKindAtEveryPositionEndsAsItShould) {
         const ParseRecord record = parse_once(bytes);
         ParserModel model;
         ASSERT_EQ(record, model.parse(bytes)) << kind.name << ' ' << before << ' ' << size;
-        if (size == 7 && before + size < 512)
-          continue;  // the empty buffer behind it completes the identifier
+        if (size == 7 && before + size < 512) continue;  // the empty buffer after it completes the identifier
         ASSERT_EQ(record.code, expected_code(kind, before, size))
             << kind.name << ' ' << before << ' ' << size;
         if (record.code != 0) {

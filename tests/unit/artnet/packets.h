@@ -47,7 +47,7 @@ inline std::string poll(unsigned flags = 0x02, unsigned priority = 0x10) {
   return header(0x2000) + high_first(14) + byte(flags) + byte(priority);
 }
 
-/// The first @p size bytes of an ArtPollReply of 239, whose bytes behind the header count up.
+/// The first @p size bytes of an ArtPollReply of 239, whose bytes after the header count up.
 inline std::string poll_reply(std::size_t size = 239, unsigned first = 0x80) {
   return (header(0x2100) + counting(229, first)).substr(0, size);
 }

@@ -30,8 +30,8 @@ std::vector<int> port_addresses(const std::string& datagram) {
   return found;
 }
 
-/// What the recorder's parser says of a datagram: whether it has no error, and the port-addresses of the
-/// ArtDmx packets that it finds in the datagram itself.
+/// Verdict of the recorder's parser on a datagram: whether it has no error, and the port-addresses of the
+/// ArtDmx packets in the datagram itself.
 struct Verdict {
   bool whole = false;
   std::vector<int> port_addresses;
@@ -129,7 +129,7 @@ TEST(DatagramWalk, AgreesWithTheParserOnWhateverADatagramHolds) {
     const std::string datagram = chance.anything();
     if (datagram.empty()) continue;
     const Verdict expected = parser_verdict(datagram);
-    // A poll reply among bytes that its last portion left in place makes the parser refuse a datagram.
+    // The parser refuses a datagram also because of an ArtPollReply in stale bytes.
     const bool stale_reply = datagram.size() > 512 && datagram.size() % 512 < 10;
     if (!expected.whole && stale_reply) continue;
     ASSERT_EQ(shape(datagram).truncated, !expected.whole) << testing::PrintToString(datagram);

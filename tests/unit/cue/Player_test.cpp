@@ -19,7 +19,7 @@ namespace {
 constexpr std::int64_t kMs = 1'000'000;
 constexpr std::int64_t kLead = 5 * kMs;
 
-/// A clock that stands still but for the waits, which end exactly when they should.
+/// A clock that moves only during waits, and ends each wait exactly in time.
 class StillClock : public cue::PlayClock {
 public:
   kesto::Clock::time_point now() override { return time; }

@@ -156,7 +156,7 @@ TEST(RecordingReader, RecoversWhateverTheRecorderWrites) {
       const std::string datagram = chance.datagram();
       const auto* const bytes = recordings::bytes_of(datagram);
       if (!cue::shape_of(bytes, datagram.size()).recordable() || datagram.size() > kLongestDatagram) continue;
-      // What can be read in two ways is left out: a delay record with an ArtDmx behind it in one datagram.
+      // A datagram that holds a delay record and then an ArtDmx can be read in two ways: it is left out.
       bool two_ways = false;
       for (std::size_t at = 0; at + 18 <= datagram.size(); ++at) {
         if (!cue::begins_delay(bytes + at) || cue::shape_of(bytes, at).truncated) continue;
@@ -225,8 +225,7 @@ TEST(RecordingReader, GoesOnBehindADamage) {
   ASSERT_TRUE(reader.resume());
   recordings::read_on(reader, reading);
   EXPECT_FALSE(reading.damage);
-  // The pause in which the damage lies is that of the delay record behind it: the one before it is not known
-  // to be one.
+  // The pause across the damage is that of the delay record after it: the reader cannot trust the one before.
   EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 5}, {kDmx, 7}, {kDmx, 8}}));
   EXPECT_EQ(reading.times, (std::vector<std::int64_t>{0, 5, 12, 20}));
 }

@@ -6,7 +6,7 @@
 
 namespace unit {
 
-/// What an action says that cannot be done.
+/// Message of the CueError that an action throws.
 template <typename Action>
 std::string error_of(Action&& action) {
   try {

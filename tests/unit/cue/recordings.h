@@ -54,7 +54,7 @@ inline cue::RecordingReader reader_of(const std::string& file) {
   return {source_of(file), "show.cue"};
 }
 
-/// What a reader makes of a file.
+/// Everything that a reader reads from a file.
 struct Reading {
   std::vector<Datagram> datagrams;
   std::vector<std::uint64_t> offsets;

@@ -20,8 +20,8 @@ using std::chrono::nanoseconds;
 
 namespace {
 
-// Time stands still in this program, except where a test moves it: the clock of the system, the yields and
-// the sleeps are all served from here.
+// Time stands still in this program until a test moves it: this file serves the system clock, the yields and
+// the sleeps.
 struct Time {
   std::int64_t monotonic = 1'000'000'000'000;  // ns, what the system clock reads
   std::vector<std::pair<long, long>> sleeps;   // seconds and nanoseconds asked for
@@ -36,9 +36,8 @@ Time& fake_time() {
 
 }  // namespace
 
-// The first takes the place of the library function for the framework as well; the linker sends the calls of
-// the library under test to the others, whose names are the linker's.
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// The first replaces the library function for the framework as well. The linker sends the calls of the
+// library under test to the others, whose names it prescribes. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __wrap_nanosleep(const timespec* requested, timespec* remaining);
 int __wrap_sched_yield();
@@ -113,7 +112,7 @@ TEST(Clock, CountsFromItsFirstReading) {
   EXPECT_EQ(child.status, 0) << child.out;
 }
 
-// What is tested sleeps in the time of this test, which only notes it: nothing here takes any time.
+// Sleeps are only noted, so nothing here takes any time.
 TEST_F(DelayTest, SleepForSuspendsForWholeMicroseconds) {
   for (const std::int64_t ns : {1000, 1500, 1999, 2000, 999'999'999, 1'000'000'000})
     kesto::sleep_for(nanoseconds(ns));

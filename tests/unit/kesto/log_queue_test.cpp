@@ -20,7 +20,7 @@ void push(LogQueue& queue, int level, const std::string& text) {
   queue.push({level, 1, text});
 }
 
-/// What leaves the queue until it is empty; "-N" stands for the word that N lines were dropped.
+/// Lines that leave the queue until it is empty; "-N" is the report of N dropped lines.
 Texts drain(LogQueue& queue) {
   Texts texts;
   while (!queue.empty()) {

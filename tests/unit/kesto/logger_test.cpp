@@ -41,7 +41,7 @@ constexpr int kWarning = 4;   // LOG_WARNING
 constexpr int kInfo = 6;      // LOG_INFO
 constexpr int kLocal0 = 128;  // LOG_LOCAL0
 
-/// One call of syslog(): what it was given and what it would have written.
+/// One call of syslog(): its arguments and the line that it would have written.
 struct SystemLogLine {
   int priority;
   std::string format;
@@ -61,7 +61,7 @@ struct SystemLog {
   std::vector<std::string> connection;  // openlog and closelog, as text
   std::vector<SystemLogLine> lines;
   bool hangs = false;     // it takes no line
-  int waiting = 0;        // threads that have a line for it meanwhile
+  int waiting = 0;        // threads that wait meanwhile with a line
   std::string last_name;  // of the thread that wrote last
   sigset_t last_mask{};   // and the signals it blocks
 };
@@ -91,19 +91,19 @@ __attribute__((format(printf, 2, 0))) void record_syslog(int priority, const cha
   pthread_sigmask(SIG_SETMASK, nullptr, &log.last_mask);
 }
 
-/// Returns when every line that was logged before is out.
+/// Returns when all lines logged so far are on their output.
 void settle() {
   EXPECT_TRUE(Logger::instance()->flush(std::chrono::minutes(1)));
 }
 
-/// What the system log has been given.
+/// All lines of the system log.
 std::vector<SystemLogLine> system_log_lines() {
   settle();
   const std::lock_guard<std::mutex> guard(system_log().mutex);
   return system_log().lines;
 }
 
-/// The system log takes no line from now on; returns when the writer has one for it.
+/// From now on the system log takes no line; returns when the writer waits with one.
 void hang_system_log(const char* line) {
   SystemLog& log = system_log();
   {
@@ -163,7 +163,7 @@ void __wrap_syslog(int priority, const char* format, ...) {
   va_end(args);
 }
 
-// What syslog() becomes in a build with checked library functions.
+// syslog() in a build with checked library functions.
 void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -624,8 +624,8 @@ TEST_F(LoggerTest, WaitsForItsLinesNoLongerThanItIsTold) {
   settle();
 }
 
-/// What the system log gets when it has been hanging while @p logger was given more lines than it keeps:
-/// 5,000 of level 3 with an error after every hundredth.
+/// Lines of a system log that hung while more lines than the queue holds were logged: 5,000 of level 3, with
+/// an error after every hundredth.
 Lines after_a_hang(Logger& logger, int threshold) {
   logger.setOutput(Logger::Syslog);
   hang_system_log("before");
@@ -638,7 +638,7 @@ Lines after_a_hang(Logger& logger, int threshold) {
   return system_log_lines();
 }
 
-/// The same as it is to be: of the 5,050 lines 4,096 are kept, all errors among them.
+/// The expected lines: of 5,050 lines 4,096 are kept, all errors among them.
 Lines kept_lines(const std::string& context, const std::string& report) {
   Lines lines{{kInfo, "before", "before"}};
   if (!report.empty()) lines.push_back({kWarning, report, report});
@@ -735,7 +735,7 @@ TEST(Logger, IsConstructedOnceWhenSeveralThreadsCallFirst) {
   EXPECT_EQ(child.err, "");
 }
 
-/// What the system log has seen, as text; once the logger has ended or is not used any more.
+/// Prints the calls and lines of the system log. For use after the last log line.
 void print_system_log() {
   for (const std::string& event : system_log().connection) printf("%s\n", event.c_str());
   for (const SystemLogLine& line : system_log().lines) printf("%s\n", line.text.c_str());
@@ -852,7 +852,7 @@ CHILD_SCENARIO(forked) {
 TEST(Logger, LinesOfAForkedChildArrive) {
   const unit::Outcome child = unit::run_child("forked");
   EXPECT_EQ(child.status, 0) << child.out;
-  // The address sanitizer's search for leaks says that it cannot stop the writer, which the child has not.
+  // The leak checker would complain that it cannot stop the writer, which does not exist in the child.
   const std::regex remark("==.*False leaks are possible\\.\n");
   EXPECT_EQ(std::regex_replace(child.err, remark, ""), "parent\nchild\nparent again\n");
 }

@@ -14,10 +14,9 @@
 #include <unordered_map>
 #include <vector>
 
-// The algorithm of the reader-writer lock as a machine whose steps are its single atomic operations. Every
-// state that a few readers and writers can bring about in any order of steps is visited and checked. That the
-// machine is the lock's code and not something like it is shown by running both side by side, one atomic
-// operation at a time.
+// The algorithm of the reader-writer lock as a machine whose steps are the atomic operations of the lock.
+// Every state that a few readers and writers can reach in any order of steps is visited and checked. To show
+// that the machine equals the lock's code, both run side by side, one atomic operation at a time.
 
 namespace {
 
@@ -45,7 +44,7 @@ struct Thread {
   Place place;
   std::uint8_t seen;  // what was loaded for the compare-and-swap
   std::uint8_t
-      stepping;  // reader: inside resolve_pending_write(), whose claim 2: stands, 1: has been released
+      stepping;  // reader in resolve_pending_write(): the writer's claim 2: stands, 1: has been released
 };
 
 constexpr std::size_t kMostThreads = 5;
@@ -207,7 +206,7 @@ Exploration explore(std::size_t readers, std::size_t writers) {
   }
   result.states = states.size();
 
-  // Backwards from the free lock: what cannot reach it is a deadlock or a livelock without a way out.
+  // Backwards from the free lock: states that cannot reach it are deadlocks or endless livelocks.
   std::vector<bool> gets_free(states.size(), false);
   std::vector<std::uint32_t> open{0};
   gets_free[0] = true;
@@ -254,7 +253,7 @@ TEST(ReadWriteLockStates, ThreeReadersAndTwoWritersAreSafeInEveryOrderOfTheirSte
 
 namespace stepping {
 
-/// The operation that a thread does next: what, on which word.
+/// Next operation of a thread, and its word.
 enum Operation { LoadOfReaders, LoadOfWriting, SwapOfReaders, SwapOfWriting, Subtraction, Store, None };
 
 /// Lets one of several threads at a time do one atomic operation.
@@ -262,7 +261,7 @@ class Baton {
 public:
   struct Over {};
 
-  /// By a thread in front of an operation: waits for its turn. @throws Over when there will be none
+  /// Called by a thread before an operation: waits for its turn. @throws Over when there will be none
   void await_turn(std::size_t who, Operation operation) {
     std::unique_lock<std::mutex> lock(mutex);
     next[who] = operation;
@@ -273,7 +272,7 @@ public:
     turn = -1;
   }
 
-  /// By the driver: returns when the thread that `start` starts has come to its first operation.
+  /// Called by the driver: returns when the thread that `start` starts has come to its first operation.
   void await_arrival(const std::function<void()>& start) {
     std::unique_lock<std::mutex> lock(mutex);
     arrived = false;
@@ -281,7 +280,7 @@ public:
     changed.wait(lock, [&] { return arrived; });
   }
 
-  /// By the driver: has a thread do its operation and returns when it has come to the one after that.
+  /// Called by the driver: lets a thread do its operation and returns when it has come to the next one.
   void hand_to(std::size_t who) {
     std::unique_lock<std::mutex> lock(mutex);
     arrived = false;
@@ -344,7 +343,7 @@ public:
 private:
   static constexpr bool kIsWriting = std::is_same_v<Value, bool>;
 
-  /// Without a baton the lock is being made.
+  /// There is no baton yet while the lock is constructed.
   static void await_turn(Operation operation) {
     if (baton != nullptr) baton->await_turn(own_number, operation);
   }
@@ -352,7 +351,7 @@ private:
 
 }  // namespace stepping
 
-// The source of the lock once more, under another name and with these words in place of the atomic ones.
+// The source of the lock again, under another name and with these words instead of std::atomic.
 namespace std {
 template <typename Value>
 using stepped_atomic = stepping::SteppedAtomic<Value>;

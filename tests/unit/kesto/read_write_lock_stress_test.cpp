@@ -10,8 +10,7 @@
 
 #include "kesto/read_write_lock.h"
 
-// More readers and writers than processors, all at once, for a given number of writes: 20 000, or as many as
-// KADREL_LOCK_ROUNDS says.
+// More readers and writers than processors, all at once, for KADREL_LOCK_ROUNDS writes (default 20 000).
 
 namespace {
 
@@ -26,7 +25,7 @@ long rounds() {
   return text != nullptr ? std::strtol(text, nullptr, 10) : 20000;
 }
 
-/// What the lock guards, and the account of who is inside.
+/// The guarded values, and counts of the threads inside.
 struct Guarded {
   long first = 0;  // plain: only the lock keeps the two together
   long second = 0;

@@ -16,8 +16,8 @@ using kesto::ReadWriteLock;
 
 namespace {
 
-// What the calling thread does whenever the lock gives the processor away. A thread that yields inside the
-// lock is known to wait, so that a test never has to guess how far another thread has come.
+// Action of the calling thread whenever the lock yields. A thread that yields inside the lock waits there, so
+// a test never has to guess how far another thread has come.
 thread_local std::function<void()> on_yield;
 thread_local int yields = 0;
 
@@ -65,8 +65,8 @@ protected:
   ReadWriteLockTest() { yields = 0; }
   ~ReadWriteLockTest() override { on_yield = nullptr; }
 
-  /// Yields that the next writer of this thread has to wait, when the @p readers read locks held are released
-  /// one at each third yield.
+  /// Number of yields that the next writer of this thread waits, when one of @p readers read locks is
+  /// released at each third yield.
   int yields_until_writer_enters(int readers) {
     yields = 0;
     on_yield = [this, &readers] {

@@ -37,7 +37,7 @@ using kesto::net::UdpSocket;
 
 namespace {
 
-/// The system as the socket sees it: which calls it made, and which of them a test lets fail.
+/// The system as the socket sees it: its calls, and the failures that a test wants.
 struct System {
   std::vector<std::string> calls;
   std::map<std::string, std::deque<int>> errors;   // per function, the errno of its next calls; 0: go through
@@ -158,8 +158,7 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeva
 
 namespace {
 
-int allocations_left =
-    -1;  // of those that report a failure by a null pointer; -1: as many as there is memory for
+int allocations_left = -1;  // that succeed, of those that return null on failure; -1: all
 
 bool memory_is_short() {
   if (allocations_left < 0) return false;

@@ -152,8 +152,8 @@ TEST(ArtnetNode, ListIsAnIterableSequence) {
   EXPECT_EQ(texts(walked), texts(nodes));
 }
 
-/// An argument of a message. Marshalled here: what a message holds unmarshalled may be destroyed by the
-/// framework's own thread, of whose order with this one the thread sanitizer knows nothing.
+/// An argument of a message. Marshalled here, because the framework's own thread may destroy an unmarshalled
+/// one, and the thread sanitizer does not see that this thread is done with it.
 template <typename Value>
 QVariant marshalled(const Value& value) {
   QDBusArgument argument;
@@ -169,7 +169,7 @@ public:
   bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
     signature = message.signature().toStdString();
     one = qdbus_cast<ArtnetNode>(message.arguments().at(0));
-    many = {one};  // what the list holds before is gone afterwards
+    many = {one};  // these entries must be gone afterwards
     message.arguments().at(1).value<QDBusArgument>() >> many;
     return connection.send(message.createReply({marshalled(one), marshalled(many)}));
   }

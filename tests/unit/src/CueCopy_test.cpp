@@ -25,7 +25,7 @@ std::vector<std::string> asked;  // paths whose existence was asked for
 int taken = 0;                   // how many of the next ones exist
 int uuid_failures = 0;           // how many of the next identifiers cannot be made
 
-// What the file system cannot do; its errno, 0: it can.
+// Operations that the file system cannot do: their errno; 0: it can.
 struct Lacks {
   int unnamed = 0;
   int rename = 0;

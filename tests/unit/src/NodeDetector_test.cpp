@@ -58,8 +58,8 @@ void wait_until(const std::function<bool()>& condition) {
   }
 }
 
-/// The detector with a test in place of the receive thread and the bus. A cycle waits for its ArtPoll to be
-/// taken, so what is received until then belongs to it; it is evaluated at once then.
+/// The detector with a test in place of the receive thread and the bus. A cycle waits until its ArtPoll is
+/// taken: replies until then belong to it. Then it is evaluated at once.
 class NodeDetectorTest : public testing::Test {
 protected:
   NodeDetectorTest() { kesto::Logger::instance()->setOutput(kesto::Logger::None); }

@@ -39,7 +39,7 @@ public:
     packets.push_back({address.text(), port, packets::bytes_of(reply)});
   }
 
-  /// What was sent since it was last asked.
+  /// Replies sent since the last call.
   std::vector<Packet> taken() { return std::exchange(packets, {}); }
 
   int room = std::numeric_limits<int>::max();
@@ -93,7 +93,7 @@ protected:
     return responder.ask("10.0.0." + std::to_string(host), 6454, sender);
   }
 
-  /// What goes out until nothing is due.
+  /// Replies that go out until nothing is due.
   std::vector<Packet> rest(PollResponder& responder, int limit = PollResponder::kAtOnce) {
     while (responder.send_due(limit, now, sender) == Wait::MoreDue) {
     }
@@ -241,7 +241,7 @@ TEST_F(PollResponderTest, AnAskerThatHoldsTheRoomForHalfASecondGetsNoMore) {
   EXPECT_EQ(responder.waiting(), 2U);
   EXPECT_EQ(responder.send_due(64, now + PollResponder::kUnreachable, sender), Wait::NoRoom);
   EXPECT_EQ(responder.waiting(), 1U);
-  // The others are not to blame, however long it takes.
+  // The others are not forgotten, however long it takes.
   EXPECT_EQ(responder.send_due(64, now + 10 * PollResponder::kUnreachable, sender), Wait::NoRoom);
   sender.room = 100;
   EXPECT_EQ(rest(responder), replies(64, 100, 3));

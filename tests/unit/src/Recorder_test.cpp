@@ -191,8 +191,7 @@ TEST_F(RecorderTest, HasOneEndedGrabAfterEachEnd) {
   EXPECT_FALSE(recorder.take_ended_grab());
 }
 
-// A disk that is full for a while: what the file does not take counts neither for the time nor for the
-// summary.
+// A disk that is full for a while: dropped datagrams count neither for the time nor for the summary.
 TEST_F(RecorderTest, KeepsTheTimeTrueOverDatagramsThatTheFileDidNotTake) {
   const std::string datagram(8000, 'd');
   arm();

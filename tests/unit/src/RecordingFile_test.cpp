@@ -217,10 +217,10 @@ TEST(RecordingFileOpen, RefusesWhatCannotBeAFile) {
     EXPECT_EQ(RecordingFile::open(QString::fromUtf8(path)), nullptr) << path;
 }
 
-/// One record into the file, and what becomes of it.
+/// One record for the file, and its fate.
 struct Step {
-  qint64 room;                  // bytes that the disk takes of the file
-  char name;                    // what the record is filled with
+  qint64 room;                  // largest size of the file on this disk, bytes
+  char name;                    // fills the record
   std::size_t delay, datagram;  // bytes
   Kept kept;
   qint64 on_disk;  // afterwards

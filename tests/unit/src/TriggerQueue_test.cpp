@@ -11,7 +11,7 @@
 
 #include "kesto/logger.h"
 
-// What a flood of triggers can make the service keep.
+// A flood of triggers must not fill the memory of the service.
 
 namespace {
 

@@ -54,7 +54,7 @@ Outcome run_child(const char* name) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
-  // The system cannot run this program by itself where it runs under an emulator.
+  // Under an emulator the system cannot start this program directly.
   const char* const emulator = getenv("KADREL_TEST_EMULATOR");
   std::string self = emulator != nullptr ? std::filesystem::read_symlink("/proc/self/exe") : "/proc/self/exe";
   std::string program = emulator != nullptr ? emulator : self;
