@@ -8,7 +8,7 @@ set(KADREL_EXECUTABLE "${CMAKE_INSTALL_FULL_BINDIR}/kadrel")
 set(KADREL_SESSION "${CMAKE_INSTALL_FULL_LIBEXECDIR}/kadrel/kadrel-session")
 set(KADREL_SETTINGS "${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/kadrel")
 
-# The shell, systemd and the bus each quote in a way of their own.
+# The shell, systemd and the bus have different rules for quoting.
 foreach(path IN ITEMS "${KADREL_EXECUTABLE}" "${KADREL_SESSION}" "${KADREL_SETTINGS}")
   if(NOT path MATCHES "^[-A-Za-z0-9/._+]+$")
     message(FATAL_ERROR "A path of the installation may hold letters, digits and -/._+ only: ${path}")
@@ -25,7 +25,7 @@ install(FILES data/kadrel.default DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/defau
 install(FILES "${CMAKE_BINARY_DIR}/data/com.tolvekserver.Kadrel.service"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/services")
 install(FILES data/com.tolvekserver.Kadrel.Dump.xml DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
-# Both are found in lib, never in a library folder of one architecture.
+# Both belong in lib, not in the library folder of one architecture.
 install(FILES "${CMAKE_BINARY_DIR}/data/kadrel.service" DESTINATION lib/systemd/user)
 install(FILES data/50-kadrel.conf DESTINATION lib/sysctl.d)
 install(FILES data/kadrel.nft DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")

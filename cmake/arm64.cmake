@@ -1,6 +1,6 @@
 # Toolchain file: from Debian of another architecture for Debian arm64. Needs crossbuild-essential-arm64, qemu-user-static
 # for the unit tests, and the libraries of arm64 beside those of this machine (dpkg --add-architecture arm64).
-# ./package --arch arm64 makes a root that has all of it.
+# ./package --arch arm64 makes a root with all of these.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)

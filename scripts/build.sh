@@ -3,8 +3,8 @@
 # directory.
 
 # build_preset PRESET ALL [TARGET...]
-# ALL is ON or OFF: whether the unit tests, the programs beside the service and the manual pages belong to the build; they
-# want packages that the service does not need. Without targets everything is built.
+# ALL is ON or OFF: whether the build has the unit tests, the programs beside the service and the manual pages, which need
+# more packages than the service. Without targets everything is built.
 build_preset() {
   local preset=$1 all=$2 targets=()
   shift 2

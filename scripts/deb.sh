@@ -15,7 +15,7 @@ build_deb() {
     tar -C "$place" -x
   (
     cd -- "$place" || exit
-    # Otherwise set by whoever calls, it would go before the changelog.
+    # A value of the caller would win over the changelog.
     unset SOURCE_DATE_EPOCH
     LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" DEB_BUILD_PROFILES=nocheck \
       dpkg-buildpackage --build=binary --unsigned-source --unsigned-changes "$@"

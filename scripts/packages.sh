@@ -27,7 +27,7 @@ KADREL_PACKAGE_PACKAGES=(
   python3-docutils
 )
 
-# What the tests of the package need besides: what it depends on beyond the libraries it was built with, since they have no
+# What the tests of the package need besides: its dependencies beyond the build libraries, because they run without a
 # network.
 KADREL_PACKAGE_TEST_PACKAGES=(
   dbus-user-session
@@ -52,7 +52,7 @@ KADREL_RUN_PACKAGES=(
 )
 
 # What ./test needs besides: GoogleTest and pytest, the network and capture tools of the service tests, an Art-Net
-# controller to record from, what checks the style, and what builds and checks the manual pages and the unit file.
+# controller to record from, style checkers, and tools that build and check the manual pages and the unit file.
 KADREL_TEST_PACKAGES=(
   googletest
   libgtest-dev
@@ -88,7 +88,7 @@ KADREL_FUZZ_PACKAGES=(
 )
 
 # missing_packages PACKAGE...
-# Prints those of the packages that are not installed, one per line.
+# Prints the packages that are not installed, one per line.
 missing_packages() {
   local package
   for package in "$@"; do
@@ -97,7 +97,7 @@ missing_packages() {
 }
 
 # ensure_packages PACKAGE...
-# Installs those of the packages that are missing, through sudo when not root. Touches neither apt-get nor sudo when
+# Installs missing packages, through sudo when not root. Touches neither apt-get nor sudo when
 # nothing is missing.
 ensure_packages() {
   local missing=() privilege=()

@@ -1,4 +1,4 @@
-"""The two processes behind a recording: a private D-Bus bus and the kadrel service. Each is ended by its own pid."""
+"""The two processes of a recording: a private D-Bus bus and the kadrel service. Each is ended by its own pid."""
 
 import contextlib
 import os
