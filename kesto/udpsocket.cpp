@@ -21,7 +21,7 @@ namespace {
 
 const char* const kAnyAddress = "0.0.0.0";
 
-// A read is tried so often while it is interrupted.
+// Attempts of a read that is interrupted.
 constexpr int kInterruptedReads = 5;
 
 sockaddr_in socket_address(in_addr_t address, int port) {
@@ -72,12 +72,12 @@ bool HostAddress::ipv4(std::uint32_t& result) const {
 
 /// Datagrams fetched by one call, in order.
 struct UdpSocket::Batch {
-  // As many as one call may bring. A burst of 16 universes costs one call; the share of the call itself in
-  // the cost of a datagram is small from there on, and more slots only spread over more cache.
+  // Most datagrams of one call: a burst of 16 universes costs one call. From there on the call itself adds
+  // little to the cost of a datagram, and more slots only take more cache.
   static constexpr unsigned int kSlots = 64;
 
-  // Any UDP datagram fits whole. Memory is taken only as far as datagrams reach; the odd distance keeps the
-  // beginnings of the slots out of one another's cache sets.
+  // Any UDP datagram fits whole; untouched pages take no memory. The odd distance keeps the beginnings of the
+  // slots in different cache sets.
   static constexpr size_t kSlotSize = 65536 + 576;
 
   Batch() : bytes(new (std::nothrow) char[kSlots * kSlotSize]) {
@@ -96,7 +96,7 @@ struct UdpSocket::Batch {
   const sockaddr_in& sender() const { return senders[first]; }
 
   unsigned int first = 0;  // slot of the datagram at the head
-  unsigned int count = 0;  // slots filled by the last call; the head reaches it when all are read
+  unsigned int count = 0;  // slots filled by the last call; all are read when first == count
   std::unique_ptr<char[]> bytes;
   std::array<mmsghdr, kSlots> messages{};
   std::array<iovec, kSlots> parts{};
@@ -114,7 +114,7 @@ bool UdpSocket::initialize() {
 }
 
 bool UdpSocket::create() {
-  // A descriptor left by an initialisation that failed half-way.
+  // An earlier initialisation may have failed half-way.
   if (fd != -1) close(fd);
   fd = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd == -1) return false;
@@ -209,8 +209,8 @@ std::int64_t UdpSocket::writeDatagram(const char* data, unsigned int size, const
 
 bool UdpSocket::sendBufferIsBelow(int percent) const {
   if (!initialized) return true;
-  // Both numbers count memory, not payload: a datagram of 239 bytes takes 768 to 1280, whatever the driver
-  // asks for around it. They are the two that the kernel compares when it refuses a datagram with EAGAIN.
+  // Both numbers count memory, not payload: a datagram of 239 bytes takes 768 to 1280, depending on the
+  // driver. The kernel compares the same two numbers when it refuses a datagram with EAGAIN.
   int used = 0;
   if (ioctl(fd, SIOCOUTQ, &used) == -1) return true;
   return used < static_cast<std::int64_t>(send_buffer_size) * percent / 100;

@@ -8,8 +8,8 @@
 
 namespace kesto::net {
 
-/// IPv4 address as dotted-decimal text, for example 192.168.1.20. Holds any text; only sending needs it to be
-/// an address. An address is kept as its number and gets its text when somebody asks for it.
+/// IPv4 address as dotted-decimal text, for example 192.168.1.20. Any other text is held, too, but not sent
+/// to. An address is kept as a number; its text is made by text().
 class HostAddress {
 public:
   HostAddress() = default;
@@ -21,7 +21,7 @@ public:
   /// @param number  in network byte order
   static HostAddress from_ipv4(std::uint32_t number);
 
-  /// Becomes the address of that number, in network byte order.
+  /// Becomes the address @p new_number, in network byte order.
   void set_ipv4(std::uint32_t new_number) {
     is_number = true;
     number = new_number;
@@ -49,13 +49,13 @@ private:
 
 /// Thin non-blocking IPv4 UDP socket with broadcast allowed, created by the first operation that needs it.
 ///
-/// Datagrams are fetched from the kernel in batches and kept in order until they are read; to a caller it
-/// looks as if each operation asked the kernel itself.
+/// Datagrams are fetched from the kernel in batches and kept in order until they are read. A caller sees no
+/// difference from asking the kernel for each.
 ///
 /// Every operation reports failure by its result and leaves errno as the failing call set it; nothing throws
 /// or logs.
 ///
-/// No lock. One thread does whatever creates the socket or looks at datagrams: initialize, bind,
+/// No lock. One thread makes all calls that create the socket or look at datagrams: initialize, bind,
 /// hasPendingDatagrams, hasFetchedDatagrams, pendingDatagramSize, readDatagram, takeDatagram,
 /// select_with_tm and waitForReadyRead; the const ones among them fetch, too. Once initialize() or bind()
 /// has succeeded, other threads may call writeDatagram, sendBufferIsBelow and wake at the same time, also
@@ -91,15 +91,15 @@ public:
   /// longer.
   std::int64_t pendingDatagramSize() const;
 
-  /// Takes one datagram from the queue; what is beyond @p maxSize is lost. With @p maxSize 0 it is discarded
+  /// Takes one datagram from the queue; bytes beyond @p maxSize are lost. With @p maxSize 0 it is discarded
   /// whole.
   /// @param address, port  sender, written when not null; "0.0.0.0" and 0 when the receive failed.
   /// @return bytes, or -1; with @p maxSize 0: 0 for success; 0 as well when the socket cannot be created.
   std::int64_t readDatagram(char* data, unsigned int maxSize, HostAddress* address, int* port);
 
-  /// Takes one datagram from the queue and leaves its bytes where they are.
+  /// Takes one datagram from the queue without a copy.
   /// @param address, port  sender
-  /// @return its bytes, good until the next operation that receives or waits; data() is null when there is
+  /// @return its bytes, valid until the next operation that receives or waits; data() is null when there is
   /// none
   std::string_view takeDatagram(HostAddress& address, int& port);
 
@@ -107,9 +107,9 @@ public:
   /// address).
   std::int64_t writeDatagram(const char* data, unsigned int size, const HostAddress& address, int port);
 
-  /// True while the datagrams that were sent and have not left yet take less than @p percent of the send
-  /// buffer. A datagram of any size is accepted while they take less than all of it. Creates no socket: true
-  /// when there is none.
+  /// True while the sent datagrams that have not left yet take less than @p percent of the send buffer. The
+  /// kernel accepts a datagram of any size while they take less than all of it. Creates no socket: true when
+  /// there is none.
   bool sendBufferIsBelow(int percent) const;
 
   /// Waits until the socket is readable (@p read) or writable. Creates no socket.
@@ -135,7 +135,7 @@ private:
   /// Makes the socket. @return false when a step of it failed
   bool create();
 
-  /// Fetches what waits, unless datagrams of the last batch are left. @return false when there is none (see
+  /// Fetches waiting datagrams, unless some of the last batch are left. @return false when there is none (see
   /// errno).
   bool fetch() const;
 

@@ -21,17 +21,15 @@ namespace {
 
 constexpr int kWaitMs = 1000;
 
-// Wait while ArtPollReplies are due and have no room: a few of them leave by a slow link in this time, and
-// many would be late for nobody.
+// Wait while ArtPollReplies are due but have no room. In this time a few of them leave, even by a slow link.
 constexpr int kNoRoomWaitMs = 1;
 
-// So many waits in a row may end without a datagram, be it that reading fails although the socket is readable
-// or that they are interrupted; then each is followed by a pause.
+// When more waits in a row than this end without a datagram, interrupted or before a read that fails, a pause
+// comes before each further one.
 constexpr int kFruitlessWaits = 4;
 constexpr std::chrono::milliseconds kFruitlessPause(1);
 
-// Pause after a wait that failed at once, so that a socket that cannot be waited for does not take a whole
-// processor.
+// Pause after a failed wait, so that endless failures do not take a whole processor.
 constexpr std::chrono::milliseconds kFailedWaitPause(100);
 
 static_assert(kesto::net::UdpSocket::kSizeLimit == kLongestDatagram + 1,
@@ -49,8 +47,8 @@ ReceiveLoop::ReceiveLoop(const std::string& device_ip_hex, Consumers consumers)
 }
 
 void ReceiveLoop::wire_parser() {
-  // What lies, wholly or in part, in bytes that an earlier datagram left in the parser's buffer does nothing:
-  // what a datagram does depends on that datagram alone.
+  // The effect of a datagram depends on that datagram alone: packets that lie, wholly or in part, in stale
+  // bytes of the parser's buffer do nothing.
   const auto own = [this](auto take) {
     return [this, take](auto&& packet) {
       if (!parser.from_stale_bytes()) (this->*take)(packet);
@@ -79,7 +77,8 @@ void ReceiveLoop::listen_incoming_data(int port) {
     while (running) {
       if (const auto request = parts.detector.take_request()) serve(*request);
       const int wait_ms = parts.responder.waiting() > 0 ? send_replies(ready) : kWaitMs;
-      // After a wait the kernel is asked; later only what it gave, for the next wait asks it anyway.
+      // Ask the kernel only after a wait. While datagrams of a batch are left, look only at those: the next
+      // wait asks the kernel anyway.
       if (ready) ready = waited ? socket->hasPendingDatagrams() : socket->hasFetchedDatagrams();
       waited = !ready;
       if (!ready) {
@@ -158,7 +157,7 @@ bool ReceiveLoop::receive_datagram() {
   const std::int64_t size = socket->pendingDatagramSize();
   if (size == -1) {
     KESTO_LOG(-2, "Failed to read pending datagram size");
-    // A datagram that is too long would stay at the head of the queue for ever.
+    // Discard it: a datagram that is too long would stay at the head of the queue for ever.
     socket->readDatagram(nullptr, 0, nullptr, nullptr);
     return false;
   }

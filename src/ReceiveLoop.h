@@ -17,10 +17,10 @@ class NodeDetector;
 class PollResponder;
 class TriggerQueue;
 
-/// Everything that arrives by UDP, and everything that leaves by it: the body of the receive thread.
+/// The body of the receive thread: receives and sends everything that goes by UDP.
 ///
-/// It owns the socket and the parser and hands each packet to the part that it is for. Everything but stop()
-/// and its construction happens on the receive thread.
+/// It owns the socket and the parser and hands each packet to its part. Receive thread only, but for the
+/// construction and stop().
 class ReceiveLoop {
 public:
   /// The parts that packets go to. They outlive the loop.
@@ -29,10 +29,10 @@ public:
     PollResponder& responder;
     NodeDetector& detector;
     TriggerQueue& triggers;
-    std::function<void()> grab_ended;  // a recording ended by its record channel waits to be concluded
+    std::function<void()> grab_ended;  // a record channel has ended its recording, which is to be concluded
   };
 
-  /// @param device_ip_hex  the appliance's address, 8 hexadecimal digits: what comes from there is dropped
+  /// @param device_ip_hex  the appliance's address, 8 hexadecimal digits: datagrams from there are dropped
   ReceiveLoop(const std::string& device_ip_hex, Consumers consumers);
 
   /// Receives on UDP port @p port until stop().
@@ -54,7 +54,7 @@ private:
   void handle_datagram(GuardedState::Reader& state);
   void serve(const ArtPollRequest& request);
 
-  /// Sends some of the ArtPollReplies that are due. @return ms after which to go on
+  /// Sends some of the due ArtPollReplies. @return longest wait before the next call, ms
   int send_replies(bool between_datagrams);
 
   void relay_datagram();

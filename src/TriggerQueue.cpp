@@ -12,10 +12,10 @@ namespace {
 // Triggers in flight at most. A console sends 44 a second; a flood of them must not fill the memory.
 constexpr qint32 kInFlightLimit = 32768;
 
-// The loss counts as over when so few are in flight, so that a flood does not fill the log.
+// The loss counts as over only when so few are in flight; otherwise a flood would fill the log.
 constexpr qint32 kRoomAgain = kInFlightLimit / 2;
 
-// The bus is asked after so many triggers whether it has taken them.
+// After so many triggers the bus is asked whether it has taken them.
 constexpr qint32 kTriggersPerQuestion = 1024;
 
 }  // namespace
@@ -55,8 +55,8 @@ void TriggerQueue::hand_over(int key, int subkey) {
 void TriggerQueue::ask_bus() {
   const qint32 asked_about = std::exchange(handed_over, 0);
   bus_asked = true;
-  // The answer comes after everything that was sent before. It is waited for without an end: a bus that hangs
-  // has taken nothing. One that is gone answers with an error, and there is nothing to count any more.
+  // The answer comes after the triggers. There is no time-out: a bus that hangs has taken nothing. A bus that
+  // is gone gives an error; then there is nothing left to count.
   const QDBusMessage question = QDBusMessage::createMethodCall(
       QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
       QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));

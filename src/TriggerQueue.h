@@ -10,20 +10,20 @@
 
 /// Triggers on their way from the receive thread to the bus, in order and in a limited number.
 ///
-/// A trigger is in flight until the bus has taken it, not only until it has been handed to it: what a bus
-/// that hangs does not take would pile up. Beyond the limit triggers are lost; a line in the log says when
-/// that begins, another how many they were.
+/// A trigger is in flight until the bus has taken it, not only until it has been handed over: triggers for a
+/// hanging bus would pile up. Beyond the limit triggers are lost; one log line says when that begins, another
+/// how many were lost.
 class TriggerQueue : public QObject {
   Q_OBJECT
 
 public:
   TriggerQueue();
 
-  /// From now on triggers count until @p watched has taken them. Main thread.
+  /// From now on a trigger stays in flight until @p watched has taken it. Main thread.
   void watch_bus(const QDBusConnection& watched);
 
   /// Emits a trigger, unless too many are in flight. Receive thread.
-  /// @param method  the method of the service that found it, for the log
+  /// @param method  name of the method that found it, for the log
   void post(const char* method, Trigger trigger);
 
 signals:
