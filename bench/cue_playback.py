@@ -45,7 +45,7 @@ def write_recording(path, universes, frames):
 
 
 def write_show(path, universes, frames):
-    """The text that ola_recorder reads: frames, and behind each the milliseconds until the next."""
+    """The text that ola_recorder reads: frames, and after each the milliseconds until the next."""
     with open(path, "w", encoding="ascii") as file:
         file.write("OLA Show\n")
         for frame in range(frames):

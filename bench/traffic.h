@@ -20,7 +20,7 @@ struct TrafficMark {
 
 constexpr char kTrafficName[8] = {'b', 'e', 'n', 'c', 'h', ' ', 'U', '\0'};
 
-/// Slots behind the mark hold this value, one per datagram, so that a torn copy shows.
+/// Slots after the mark hold this value, one per datagram, so that a torn copy shows.
 inline std::uint8_t traffic_fill(std::uint32_t sequence) {
   return static_cast<std::uint8_t>(sequence % 251);
 }

@@ -1,4 +1,4 @@
-"""The programs that are compared, all behind the same few verbs."""
+"""The compared programs, all with the same interface."""
 
 import json
 import os

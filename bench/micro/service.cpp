@@ -14,7 +14,7 @@ void receive(DumpProbe& probe, const micro::Datagram& datagram, qint64 time) {
   probe.receive({datagram.data(), datagram.size()}, sender, kArtNetPort, time);
 }
 
-/// One foreign ArtDmx after the other through everything behind the socket, into a file that keeps nothing.
+/// One foreign ArtDmx after the other through everything after the socket, into a file that keeps nothing.
 void record(benchmark::State& state, int universes) {
   DumpProbe probe;
   probe->grab(QStringLiteral("/dev/null"));
