@@ -76,8 +76,8 @@ struct UdpSocket::Batch {
   // little to the cost of a datagram, and more slots only take more cache.
   static constexpr unsigned int kSlots = 64;
 
-  // Any UDP datagram fits whole; untouched pages take no memory. The odd distance keeps the beginnings of the
-  // slots in different cache sets.
+  // Any UDP datagram fits whole; untouched pages take no memory. The 576 bytes more put the beginnings of the
+  // slots into different cache sets.
   static constexpr size_t kSlotSize = 65536 + 576;
 
   Batch() : bytes(new (std::nothrow) char[kSlots * kSlotSize]) {

@@ -37,7 +37,8 @@ Time& fake_time() {
 }  // namespace
 
 // The first replaces the library function for the framework as well. The linker sends the calls of the
-// library under test to the others, whose names it prescribes. NOLINTBEGIN(bugprone-reserved-identifier)
+// library under test to the others, whose names it prescribes.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 int __wrap_nanosleep(const timespec* requested, timespec* remaining);
 int __wrap_sched_yield();
