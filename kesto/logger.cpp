@@ -48,7 +48,7 @@ int framework_level(QtMsgType type) {
 }  // namespace
 
 Logger* Logger::instance() {
-  static Logger* const logger = new Logger;
+  static auto* const logger = new Logger;
   return logger;
 }
 

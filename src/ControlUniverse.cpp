@@ -2,13 +2,12 @@
 
 namespace {
 
-constexpr int kNotSet = -1;
 constexpr int kChannels = static_cast<int>(kDmxSlots);
 constexpr int kLevels = 255;
 
 /// Whether @p value is off or within 1..@p highest.
 bool is_setting(int value, int highest) {
-  return value == kNotSet || (value >= 1 && value <= highest);
+  return value == -1 || (value >= 1 && value <= highest);
 }
 
 }  // namespace
@@ -63,10 +62,6 @@ bool ControlUniverse::ctrl_action_enabled() const {
   return ctrl_universe != kNotSet && ctrl_key_channel != kNotSet && ctrl_value_channel != kNotSet;
 }
 
-bool ControlUniverse::ctrl_record_enabled() const {
-  return ctrl_universe != kNotSet && ctrl_record_channel != kNotSet && ctrl_record_threshold != kNotSet;
-}
-
 bool ControlUniverse::ctrl_action_with_step(int key) {
   return key == 1 || key == 2;
 }
@@ -77,10 +72,4 @@ std::optional<Trigger> ControlUniverse::trigger_dmx_idle(const ArtDmx& dmx) cons
   const int key = dmx.data[ctrl_key_channel - 1];
   const int divisor = ctrl_step != kNotSet && ctrl_action_with_step(key) ? ctrl_step : 1;
   return Trigger{key, dmx.data[ctrl_value_channel - 1] / divisor};
-}
-
-ControlUniverse::RecordLevel ControlUniverse::record_level(const ArtDmx& dmx) const {
-  if (!ctrl_record_enabled() || dmx.universe != ctrl_universe - 1 || dmx.length < ctrl_record_channel)
-    return RecordLevel::Absent;
-  return dmx.data[ctrl_record_channel - 1] >= ctrl_record_threshold ? RecordLevel::On : RecordLevel::Off;
 }

@@ -42,7 +42,9 @@ public:
   Refusal set_ctrl_record(int channel, int threshold);
 
   bool ctrl_action_enabled() const;
-  bool ctrl_record_enabled() const;
+  bool ctrl_record_enabled() const {
+    return ctrl_universe != kNotSet && ctrl_record_channel != kNotSet && ctrl_record_threshold != kNotSet;
+  }
 
   /// Whether the value of @p key is divided by the step: keys 1 and 2.
   static bool ctrl_action_with_step(int key);
@@ -51,16 +53,21 @@ public:
   /// one.
   std::optional<Trigger> trigger_dmx_idle(const ArtDmx& dmx) const;
 
-  RecordLevel record_level(const ArtDmx& dmx) const;
+  RecordLevel record_level(const ArtDmx& dmx) const {
+    if (!ctrl_record_enabled() || dmx.universe != ctrl_universe - 1 || dmx.length < ctrl_record_channel)
+      return RecordLevel::Absent;
+    return dmx.data[ctrl_record_channel - 1] >= ctrl_record_threshold ? RecordLevel::On : RecordLevel::Off;
+  }
 
 private:
   friend class DumpProbe;
 
-  // -1: not set.
-  std::int32_t ctrl_universe = -1;          // 1..32768
-  std::int32_t ctrl_key_channel = -1;       // 1..512
-  std::int32_t ctrl_value_channel = -1;     // 1..512
-  std::int32_t ctrl_step = -1;              // 1..255
-  std::int32_t ctrl_record_channel = -1;    // 1..512
-  std::int32_t ctrl_record_threshold = -1;  // 1..255
+  static constexpr int kNotSet = -1;
+
+  std::int32_t ctrl_universe = kNotSet;          // 1..32768
+  std::int32_t ctrl_key_channel = kNotSet;       // 1..512
+  std::int32_t ctrl_value_channel = kNotSet;     // 1..512
+  std::int32_t ctrl_step = kNotSet;              // 1..255
+  std::int32_t ctrl_record_channel = kNotSet;    // 1..512
+  std::int32_t ctrl_record_threshold = kNotSet;  // 1..255
 };

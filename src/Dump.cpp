@@ -20,13 +20,14 @@ Dump::Dump(Device own, qint32 announced)
       responder({device.device_ip_hex, device.device_mac, kesto::device::oem_id(),
                  kesto::device::manufacturer_id(), kesto::device::short_name(), kesto::device::long_name()},
                 announced),
-      receive_loop(device.device_ip_hex, {state, responder, detector, triggers, [this] {
-                                            QMetaObject::invokeMethod(
-                                                this, [this] { conclude_ended_grab(); },
-                                                Qt::QueuedConnection);
-                                          }}) {
+      receive_loop(device.device_ip_hex,
+                   {state, responder, detector, triggers, [this] { emit grab_signals.grab_ended(); }}) {
   register_node_types();
   connect(&triggers, &TriggerQueue::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
+  // Never at once: whoever emits holds the lock that concluding takes.
+  connect(
+      &grab_signals, &GrabEndedObject::grab_ended, this, [this] { conclude_ended_grab(); },
+      Qt::QueuedConnection);
 }
 
 Dump::Device Dump::look_at_device() {

@@ -15,6 +15,7 @@
 #include "src/NodeDetector.h"
 #include "src/PollResponder.h"
 #include "src/ReceiveLoop.h"
+#include "src/SignalRelays.h"
 #include "src/TriggerQueue.h"
 
 /// The service object: one D-Bus interface for recorder, remote triggers, node detection and manual nodes. It
@@ -108,6 +109,9 @@ private:
 
   // Main thread and receive thread, each through its own guard.
   GuardedState state;
+
+  // The receive thread emits, the event loop concludes.
+  GrabEndedObject grab_signals;
 
   // Main thread only.
   GrabSummary latest_grab_summary;

@@ -77,6 +77,7 @@ public:
 
   /// Number of askers whose answers are under way, 0..kAskers.
   std::size_t waiting() const { return askers.size(); }
+  bool nobody_waits() const { return askers.empty(); }
 
 private:
   /// An asker whose answer is under way.

@@ -46,20 +46,22 @@ ReceiveLoop::ReceiveLoop(const std::string& device_ip_hex, Consumers consumers)
   wire_parser();
 }
 
-void ReceiveLoop::wire_parser() {
-  // The effect of a datagram depends on that datagram alone: packets that lie, wholly or in part, in stale
-  // bytes of the parser's buffer do nothing.
-  const auto own = [this](auto take) {
-    return [this, take](auto&& packet) {
-      if (!parser.from_stale_bytes()) (this->*take)(packet);
-    };
+/// Hands packets to one of the methods. A packet that lies, wholly or in part, in bytes that an earlier
+/// datagram left in the parser's buffer does nothing: what a datagram does depends on that datagram alone.
+template <auto method>
+auto ReceiveLoop::own_packets() {
+  return [this](auto&& packet) {
+    if (!parser.from_stale_bytes()) (this->*method)(packet);
   };
-  parser.on_trigger = own(&ReceiveLoop::process_artnet_trigger);
-  parser.on_dmx = own(&ReceiveLoop::process_artnet_trigger_dmx);
-  parser.on_poll = own(&ReceiveLoop::process_art_poll);
-  parser.on_poll_reply = own(&ReceiveLoop::process_art_poll_reply);
-  parser.on_unknown = own(&ReceiveLoop::unknown_packet);
-  parser.on_error = own(&ReceiveLoop::packet_error);
+}
+
+void ReceiveLoop::wire_parser() {
+  parser.on_trigger = own_packets<&ReceiveLoop::process_artnet_trigger>();
+  parser.on_dmx = own_packets<&ReceiveLoop::process_artnet_trigger_dmx>();
+  parser.on_poll = own_packets<&ReceiveLoop::process_art_poll>();
+  parser.on_poll_reply = own_packets<&ReceiveLoop::process_art_poll_reply>();
+  parser.on_unknown = own_packets<&ReceiveLoop::unknown_packet>();
+  parser.on_error = own_packets<&ReceiveLoop::packet_error>();
 }
 
 void ReceiveLoop::listen_incoming_data(int port) {
@@ -76,7 +78,7 @@ void ReceiveLoop::listen_incoming_data(int port) {
     int fruitless_waits = 0;
     while (running) {
       if (const auto request = parts.detector.take_request()) serve(*request);
-      const int wait_ms = parts.responder.waiting() > 0 ? send_replies(ready) : kWaitMs;
+      const int wait_ms = parts.responder.nobody_waits() ? kWaitMs : send_replies(ready);
       // Ask the kernel only after a wait. While datagrams of a batch are left, look only at those: the next
       // wait asks the kernel anyway.
       if (ready) ready = waited ? socket->hasPendingDatagrams() : socket->hasFetchedDatagrams();
@@ -170,7 +172,6 @@ bool ReceiveLoop::receive_datagram() {
 }
 
 void ReceiveLoop::handle_datagram(GuardedState::Reader& state) {
-  static const kesto::net::HostAddress loopback("127.0.0.1");
   if (datagram.sender_address == loopback)
     relay_datagram();
   else if (datagram.sender_address != this_device_ip)
@@ -250,12 +251,12 @@ void ReceiveLoop::process_artnet_trigger_dmx(const ArtDmx& dmx) {
   }
 }
 
-void ReceiveLoop::unknown_packet(const ArtHeader& /*header*/) {
+void ReceiveLoop::unknown_packet(const ArtHeader& /*header*/) const {
   KESTO_LOG(6, "[Dump::ArtNetParser::on_unknown] Failed to parse unknown packet (%d)",
             static_cast<int>(parser.packet_count));
 }
 
-void ReceiveLoop::packet_error(std::error_code ec) {
+void ReceiveLoop::packet_error(std::error_code ec) const {
   KESTO_LOG(-2, "[Dump::ArtNetParser::on_error] Failed to parse packet (%d, ec:%d)",
             static_cast<int>(parser.packet_count), ec.value());
 }

@@ -68,12 +68,15 @@ private:
   void process_art_poll_reply(const ArtPollReply& reply);
   void process_artnet_trigger(const ArtTrigger& trigger);
   void process_artnet_trigger_dmx(const ArtDmx& dmx);
-  void unknown_packet(const ArtHeader& header);
-  void packet_error(std::error_code ec);
+  void unknown_packet(const ArtHeader& header) const;
+  void packet_error(std::error_code ec) const;
 
   void wire_parser();
+  template <auto method>
+  auto own_packets();
 
   // Constant after construction.
+  const kesto::net::HostAddress loopback = "127.0.0.1";
   const kesto::net::HostAddress this_device_ip;
   const Consumers parts;
 

@@ -39,26 +39,6 @@ void Recorder::arm(std::unique_ptr<RecordingFile> opened, bool by_record_channel
   grab_state = by_record_channel ? Armed : StartPending;
 }
 
-void Recorder::trigger_dmx_grab(const ArtDmx& dmx, ControlUniverse::RecordLevel level) {
-  current_universe = dmx.universe;
-  if (grab_state == Armed) {
-    if (level == ControlUniverse::RecordLevel::On) {
-      record_current = false;
-      grab_state = StartPending;
-    }
-    return;
-  }
-  record_current = level != ControlUniverse::RecordLevel::Off;
-  if (!record_current) grab_state = StopPending;
-}
-
-Recorder::Verdict Recorder::end_datagram(const Datagram& datagram, bool good) {
-  Verdict verdict;
-  if (good && record_current) record(datagram, verdict);
-  verdict.ended = grab_state == StopPending;
-  return verdict;
-}
-
 void Recorder::record(const Datagram& datagram, Verdict& verdict) {
   record_current = false;
   if (grab_state == StartPending) {

@@ -47,18 +47,34 @@ public:
   /// "off", "on" or "run".
   const char* status() const;
 
-  /// Records into @p file from now on. Only while off.
+  /// Records into @p opened from now on. Only while off.
   /// @param by_record_channel  wait for the record channel to be on
-  void arm(std::unique_ptr<RecordingFile> file, bool by_record_channel);
+  void arm(std::unique_ptr<RecordingFile> opened, bool by_record_channel);
 
   /// A new datagram: nothing of it is marked for recording yet.
   void begin_datagram() { record_current = false; }
 
   /// Takes in one ArtDmx of the current datagram. Only while not off. The last of several decides.
-  void trigger_dmx_grab(const ArtDmx& dmx, ControlUniverse::RecordLevel level);
+  void trigger_dmx_grab(const ArtDmx& dmx, ControlUniverse::RecordLevel level) {
+    current_universe = dmx.universe;
+    if (grab_state == Armed) {
+      if (level == ControlUniverse::RecordLevel::On) {
+        record_current = false;
+        grab_state = StartPending;
+      }
+      return;
+    }
+    record_current = level != ControlUniverse::RecordLevel::Off;
+    if (!record_current) grab_state = StopPending;
+  }
 
   /// The current datagram has been parsed. @param good  without an error; otherwise it is not recorded
-  Verdict end_datagram(const Datagram& datagram, bool good);
+  Verdict end_datagram(const Datagram& datagram, bool good) {
+    Verdict verdict;
+    if (good && record_current) record(datagram, verdict);
+    verdict.ended = grab_state == StopPending;
+    return verdict;
+  }
 
   /// Ends the recording, whatever its state. Only while not off.
   void finalize_grabbing();

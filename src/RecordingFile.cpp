@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "kesto/delay.h"
 #include "src/ThreadSignals.h"
@@ -60,18 +62,16 @@ RecordingFile::Kept RecordingFile::append(std::string_view delay, std::string_vi
   if (!delay.empty()) memcpy(end, delay.data(), delay.size());
   memcpy(end + delay.size(), datagram.data(), datagram.size());
   size += added;
-  record_ends.set(size - 1);
+  record_ends[records++] = static_cast<std::uint16_t>(size);
   return Kept::Yes;
 }
 
 std::size_t RecordingFile::flush() {
   write_gathered();
   if (cut_off > 0 && !grab_file.isSequential()) grab_file.resize(grab_file.pos() - cut_off);
-  const std::size_t lost = record_ends.count();
-  record_ends.reset();
   size = 0;
   cut_off = 0;
-  return lost;
+  return std::exchange(records, 0);
 }
 
 void RecordingFile::write_gathered() {
@@ -82,13 +82,13 @@ void RecordingFile::write_gathered() {
     if (result <= 0) return;
     const auto written = static_cast<std::size_t>(result);
     size -= written;
-    if (size == 0) {
-      record_ends.reset();
-      cut_off = 0;
-      return;
-    }
-    for (std::size_t i = 0; i < written; ++i) cut_off = record_ends.test(i) ? 0 : cut_off + 1;
-    record_ends >>= written;
+    std::uint16_t* const first = record_ends.data();
+    const std::uint16_t* const rest = std::upper_bound(first, first + records, written);
+    cut_off = rest == first ? cut_off + result : result - rest[-1];
+    const std::uint16_t* const end = first + records;
+    records = static_cast<std::size_t>(end - rest);
+    std::transform(rest, end, first,
+                   [written](std::size_t at) { return static_cast<std::uint16_t>(at - written); });
     memmove(gathered.data(), gathered.data() + written, size);
   }
 }

@@ -4,8 +4,8 @@
 #include <QFile>
 #include <QString>
 #include <array>
-#include <bitset>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -68,6 +68,7 @@ private:
   // The gathered bytes. The first cut_off bytes of the first record are in the file already.
   std::array<char, kCapacity> gathered;
   std::size_t size = 0;
-  std::bitset<kCapacity> record_ends;  // the last byte of each record
+  std::array<std::uint16_t, kCapacity> record_ends;  // where each record ends in them
+  std::size_t records = 0;
   qint64 cut_off = 0;
 };

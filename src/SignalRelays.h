@@ -17,3 +17,10 @@ class ArtnetNodesUpdatedObject : public QObject {
 signals:
   void OnArtnetNodesUpdated(const QString& message);
 };
+
+/// A recording has ended and waits to be concluded.
+class GrabEndedObject : public QObject {
+  Q_OBJECT
+signals:
+  void grab_ended();
+};

@@ -87,7 +87,8 @@ void print_usage() {
 }
 
 Settings configure() {
-  const Settings settings = read_settings([](const char* name) -> const char* { return getenv(name); });
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
+  Settings settings = read_settings([](const char* name) -> const char* { return getenv(name); });
   kesto::Logger::instance()->setLevel(settings.log_level);
   kesto::Logger::instance()->setOutput(settings.log_output);
   return settings;
