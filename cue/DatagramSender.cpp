@@ -9,8 +9,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "artnet/RecordingFormat.h"
+#include "artnet/RelayFormat.h"
 #include "cue/CueError.h"
-#include "cue/DatagramWalk.h"
 
 namespace cue {
 namespace {
@@ -19,14 +20,6 @@ constexpr const char* kLoopback = "127.0.0.1";
 
 // Time for the network to take a datagram; after it the datagram is lost, so that a stop never waits for one.
 constexpr suseconds_t kSendTimeoutUs = 50'000;
-
-// Request to the service, all in host order: manufacturer id (32 bits), address text (16 bytes), port (32
-// bits), datagram.
-constexpr std::size_t kAddressOffset = 4;
-constexpr std::size_t kAddressSize = 16;
-constexpr std::size_t kPortOffset = 20;
-constexpr std::size_t kRequestHeader = 24;
-constexpr int kLowestRelayedPort = 1024;
 
 sockaddr_in socket_address(const Destination& destination) {
   sockaddr_in address{};
@@ -83,18 +76,16 @@ int UdpSender::send(const std::uint8_t* data, std::size_t size) {
 }
 
 RelaySender::RelaySender(int port, const Destination& to, std::uint16_t manufacturer_id)
-    : socket({kLoopback, port}, Destination{kLoopback, 0}), request(kRequestHeader, 0) {
+    : socket({kLoopback, port}, Destination{kLoopback, 0}), request(sizeof(RelayHeader)) {
   relayable(to);
-  const std::uint32_t id = manufacturer_id;
-  const std::int32_t to_port = to.port;
-  memcpy(request.data(), &id, sizeof id);
-  memcpy(request.data() + kAddressOffset, to.address.c_str(), std::min(to.address.size(), kAddressSize - 1));
-  memcpy(request.data() + kPortOffset, &to_port, sizeof to_port);
+  RelayHeader header{manufacturer_id, {}, to.port};
+  to.address.copy(header.address, sizeof header.address - 1);
+  memcpy(request.data(), &header, sizeof header);
 }
 
 int RelaySender::send(const std::uint8_t* data, std::size_t size) {
-  if (kRequestHeader + size > kLongestDatagram) return EMSGSIZE;
-  request.resize(kRequestHeader);
+  if (sizeof(RelayHeader) + size > kLongestDatagram) return EMSGSIZE;
+  request.resize(sizeof(RelayHeader));
   request.insert(request.end(), data, data + size);
   return socket.send(request.data(), request.size());
 }

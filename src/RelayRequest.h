@@ -13,8 +13,8 @@ struct RelayRequest {
   std::size_t size = 0;           // bytes, at least 1
 };
 
-/// Request held by a datagram: manufacturer id (32 bits), address text (16 bytes), port (32 bits), payload,
-/// all in host order. @return nothing when it is shorter than 25 bytes or carries another manufacturer id.
+/// Request held by a datagram: a RelayHeader and the payload. @return nothing when it is shorter than 25
+/// bytes or carries another manufacturer id.
 std::optional<RelayRequest> read_relay_request(const char* datagram, std::size_t size,
                                                std::uint16_t manufacturer_id);
 
