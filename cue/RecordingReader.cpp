@@ -256,14 +256,15 @@ bool RecordingReader::take(Record& record) {
     case EndKind::Damaged: {
       deliver(record, end_of_datagram.at);
       const std::size_t rest = available() - end_of_datagram.at - kDelaySize;
-      std::string what = "no whole datagram of at most 8191 bytes";
+      std::string what = "no whole datagram of at most " + std::to_string(kLongestDatagram) + " bytes";
       if (at_end && rest == 0) what = "cut off behind a delay record";
       if (at_end && rest > 0 && rest <= kLongestDatagram) what = "cut off within a datagram";
       next_damage = Damage{record.end() + kDelaySize, record.end(), std::move(what)};
       break;
     }
     case EndKind::None:
-      if (available() > kLongestDatagram) return broken("no end of a datagram within 8191 bytes");
+      if (available() > kLongestDatagram)
+        return broken("no end of a datagram within " + std::to_string(kLongestDatagram) + " bytes");
       if (!take_rest(record)) return false;
       break;
   }

@@ -13,7 +13,7 @@ namespace cue {
 /// One recorded datagram. The bytes belong to the reader and are valid until its next call.
 struct Record {
   const std::uint8_t* data = nullptr;
-  std::size_t size = 0;      // bytes, 1..8191
+  std::size_t size = 0;      // bytes, 1..kLongestDatagram
   std::int64_t pause = 0;    // ns since the datagram before it; 0 for the first of a recording
   std::int64_t time = 0;     // ns since the first datagram of the recording
   std::uint64_t offset = 0;  // of the datagram in the file

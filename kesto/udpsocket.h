@@ -87,8 +87,7 @@ public:
   bool hasFetchedDatagrams() const;
 
   /// Size of the datagram at the head of the queue, which stays queued. Creates no socket.
-  /// @return bytes (0..8191), or -1 when nothing waits, the peek fails, or the datagram is 8192 bytes or
-  /// longer.
+  /// @return bytes (below kSizeLimit), or -1 when nothing waits, the peek fails, or the datagram is too long.
   std::int64_t pendingDatagramSize() const;
 
   /// Takes one datagram from the queue; bytes beyond @p maxSize are lost. With @p maxSize 0 it is discarded

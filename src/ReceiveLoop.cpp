@@ -19,6 +19,9 @@
 
 namespace {
 
+static_assert(kLongestDatagram == kesto::net::UdpSocket::kSizeLimit - 1,
+              "a recording holds whatever the socket gives");
+
 constexpr int kWaitMs = 1000;
 
 // Wait while ArtPollReplies are due but have no room. In this time a few of them leave, even by a slow link.
