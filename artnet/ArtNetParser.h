@@ -39,6 +39,12 @@ private:
 class PacketStream : public std::streambuf {
 public:
   PacketStream(const char* data, std::size_t size);
+  ~PacketStream() override = default;
+  // The get area points into the copy.
+  PacketStream(const PacketStream&) = delete;
+  PacketStream& operator=(const PacketStream&) = delete;
+  PacketStream(PacketStream&&) = delete;
+  PacketStream& operator=(PacketStream&&) = delete;
 
 private:
   std::vector<char> bytes;

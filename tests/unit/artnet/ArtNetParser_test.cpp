@@ -1223,6 +1223,9 @@ TEST(ArtNetParserErrors, UnknownCodesHaveAMessageToo) {
   EXPECT_EQ(category().message(-1), "Unknown error");
 }
 
+static_assert(!std::is_copy_constructible_v<PacketStream> && !std::is_copy_assignable_v<PacketStream>);
+static_assert(!std::is_move_constructible_v<PacketStream> && !std::is_move_assignable_v<PacketStream>);
+
 TEST(PacketStream, DeliversACopyOfTheDatagramOnce) {
   for (const std::size_t size : {0U, 1U, 18U, 512U, 8191U}) {
     std::string datagram = packets::counting(size);
