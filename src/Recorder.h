@@ -84,6 +84,7 @@ public:
 
 private:
   friend class DumpProbe;
+  friend class RecorderProbe;
 
   /// Writes the current datagram into the file, or drops it.
   void record(const Datagram& datagram, Verdict& verdict);

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -12,6 +13,13 @@
 #include "unit/src/dmx.h"
 #include "unit/support/room.h"
 #include "unit/support/temporary_file.h"
+
+/// A recording cannot be brought to these numbers by recording.
+class RecorderProbe {
+public:
+  static void set_packet_count(Recorder& recorder, qint32 count) { recorder.grab_packet_count = count; }
+  static qint32 packet_count(const Recorder& recorder) { return recorder.grab_packet_count; }
+};
 
 namespace {
 
@@ -160,6 +168,21 @@ TEST_F(RecorderTest, SumsUpWhatIsInTheFile) {
   EXPECT_FALSE(summary.empty);
   EXPECT_EQ(summary.universe_ceiling, 65535);
   EXPECT_EQ(summary.universes, (std::unordered_set<qint32>{0, 3, 65535}));
+}
+
+TEST_F(RecorderTest, GoesOnWhenThereAreMoreDatagramsThanItCanCount) {
+  constexpr qint32 kMost = std::numeric_limits<qint32>::max();
+  arm();
+  receive("first", 1);
+  RecorderProbe::set_packet_count(recorder, kMost - 1);
+  receive("second", 2);
+  EXPECT_EQ(RecorderProbe::packet_count(recorder), kMost);
+  receive("third", 3);
+  EXPECT_EQ(RecorderProbe::packet_count(recorder), kMost);
+  receive("fourth", 4);
+  EXPECT_FALSE(finish().empty);
+  EXPECT_EQ(content(),
+            "first" + delay_record(1) + "second" + delay_record(1) + "third" + delay_record(1) + "fourth");
 }
 
 TEST_F(RecorderTest, SumsUpARecordingOfNothing) {
