@@ -11,8 +11,6 @@ IN_FRONT = b"x" * 100
 SHORT = b"y"
 
 
-
-
 def left_over(packet):
     """Two datagrams: one that hides the packet from its own search, one that leaves it for the search to find."""
     # A search does not look again at the byte that ended a partial match.
