@@ -13,7 +13,7 @@ namespace {
 class Join : public Command {
 public:
   CLI::App* add_to(CLI::App& app) override {
-    CLI::App* const command = add_command(app, "join", "Writes recordings one behind the other as one.",
+    CLI::App* const command = add_command(app, "join", "Writes recordings one after the other as one.",
                                           "  kadrel-cue join verse.cue chorus.cue -o song.cue\n"
                                           "  kadrel-cue join --gap 2 verse.cue chorus.cue -o song.cue");
     command->add_option("FILE", options.files, "Recordings, in order")->required()->type_name("");

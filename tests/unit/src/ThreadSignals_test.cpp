@@ -43,7 +43,7 @@ TEST(ThreadSignals, ThreadCreatedUnderTheBlockKeepsTheEndingSignalsBlocked) {
   EXPECT_EQ(of_worker, expected);
 }
 
-TEST(ThreadSignals, SignalThatArrivesUnderTheBlockIsDeliveredBehindIt) {
+TEST(ThreadSignals, SignalThatArrivesUnderTheBlockIsDeliveredAfterIt) {
   static volatile std::sig_atomic_t delivered;
   delivered = 0;
   const auto handler_before = std::signal(SIGHUP, [](int) { delivered = 1; });
