@@ -46,7 +46,7 @@ bool take_universe_count(const char* text, Settings& settings) {
 struct Variable {
   const char* name;
   const char* condition;
-  const char* otherwise;
+  const char* default_value;
   bool (*take)(const char* text, Settings& settings);
 };
 
@@ -63,9 +63,11 @@ Settings read_settings(const char* (*variable)(const char* name)) {
   Settings settings;
   for (const Variable& one : kVariables) {
     const char* const text = variable(one.name);
-    if (text == nullptr || one.take(text, settings)) continue;
+    if (text != nullptr && one.take(text, settings)) continue;
+    one.take(one.default_value, settings);
+    if (text == nullptr) continue;
     settings.warnings.push_back(std::string(one.name) + " is not " + one.condition + ", using " +
-                                one.otherwise + " (value:" + text + ")");
+                                one.default_value + " (value:" + text + ")");
   }
   return settings;
 }

@@ -8,9 +8,9 @@
 
 /// Settings from the environment of the process. An invalid value means the default and a warning.
 struct Settings {
-  int log_level = 3;  // KADREL_LOG_LEVEL, threshold of the log: any int
-  kesto::Logger::Output log_output = kesto::Logger::Syslog;  // KADREL_LOG_OUTPUT: syslog, console or none
-  std::int32_t universe_count = 1;  // KADREL_UNIVERSE_COUNT, universes to announce: 1..32768
+  int log_level{};                     // KADREL_LOG_LEVEL, threshold of the log: any int
+  kesto::Logger::Output log_output{};  // KADREL_LOG_OUTPUT: syslog, console or none
+  std::int32_t universe_count{};       // KADREL_UNIVERSE_COUNT, universes to announce: 1..32768
 
   std::vector<std::string> warnings;  // one line for each invalid value
 };
