@@ -60,7 +60,6 @@ void Dump::conclude_ended_grab() {
 
 void Dump::grab(const QString& filename) {
   KESTO_LOG(3, "[Dump::grab] Preparing to grab");
-  conclude_ended_grab();
   bool off = false;
   {
     GuardedState::Writer guard(state);
@@ -70,7 +69,9 @@ void Dump::grab(const QString& filename) {
     KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
     return;
   }
-  // Only this thread starts a recording, so the recorder stays off meanwhile.
+  // Only this thread starts a recording, so it stays off meanwhile. One that the record channel ended before
+  // that look goes into its file now: later it would go into a new recording of the same name.
+  conclude_ended_grab();
   auto file = RecordingFile::open(filename);
   if (file == nullptr) {
     KESTO_LOG(-2, "Can't open file for grabbing");
@@ -96,10 +97,14 @@ void Dump::stop() {
 }
 
 QString Dump::get_status() {
-  // A client that reads "off" finds the file complete.
+  const char* status = nullptr;
+  {
+    GuardedState::Writer guard(state);
+    status = guard.recorder().status();
+  }
+  // Whoever reads "off" finds the file complete: also that of a recording which ended just before the look.
   conclude_ended_grab();
-  GuardedState::Writer guard(state);
-  return QString::fromLatin1(guard.recorder().status());
+  return QString::fromLatin1(status);
 }
 
 QString Dump::latest_grab() {
