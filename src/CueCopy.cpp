@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "src/OpenFile.h"
 #include "src/ThreadSignals.h"
 
 namespace {
@@ -111,9 +112,14 @@ QString new_cue_path(const QString& destpath) {
 bool copy_cue(const QString& from, const QString& to) {
   const std::unique_ptr<char[]> portion(new (std::nothrow) char[kPortion]);
   if (portion == nullptr) return false;
-  QFile source(from);
-  // isFile() first: opening a pipe would wait for a writer.
-  if (!QFileInfo(from).isFile() || !source.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) return false;
+  // Looked at before it is opened: opening a device may do something.
+  const int source_fd = QFileInfo(from).isFile() ? open_file(from, O_RDONLY) : -1;
+  if (source_fd == -1) return false;
+  QFile source;
+  if (!source.open(source_fd, QIODevice::ReadOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)) {
+    close(source_fd);
+    return false;
+  }
   HiddenFile copy(QFile::encodeName(to).toStdString());
   if (!copy.is_open()) return false;
   for (;;) {

@@ -7,7 +7,7 @@
 QString new_cue_path(const QString& destpath);
 
 /// Copies the ordinary file @p from to the new file @p to, with its permissions. Anything else (a device, a
-/// pipe, a folder) is not copied.
+/// pipe, a folder) is not copied, nor is a file whose lease another process does not give up within a second.
 ///
 /// @p to appears when the whole copy is on the disk, and never replaces a file. Until then the copy has no
 /// name or, on file systems that need one, the hidden name ".NAME.kadrel-copy" in the same folder. Gives up,

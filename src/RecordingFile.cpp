@@ -5,38 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
-#include "kesto/delay.h"
-#include "src/ThreadSignals.h"
-
-namespace {
-
-// An open that a lease refuses makes the kernel ask its holder to give it up: try again for so long.
-constexpr auto kLeasePatience = std::chrono::seconds(1);
-constexpr auto kLeaseLook = std::chrono::milliseconds(5);
-
-/// @return descriptor, or -1
-int open_for_writing(const QString& path) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-  constexpr mode_t kPermissions = 0666;
-  const QByteArray name = QFile::encodeName(path);
-  const auto deadline = kesto::Clock::now() + kLeasePatience;
-  for (;;) {
-    const int fd = ::open(name.constData(), kFlags, kPermissions);
-    const bool leased = fd == -1 && errno == EWOULDBLOCK;
-    if (!leased || end_requested() || kesto::Clock::now() >= deadline) return fd;
-    kesto::sleep_for(kLeaseLook);
-  }
-}
-
-}  // namespace
+#include "src/OpenFile.h"
 
 std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
-  const int fd = open_for_writing(path);
+  constexpr mode_t kPermissions = 0666;
+  const int fd = open_file(path, O_WRONLY | O_CREAT | O_TRUNC, kPermissions);
   if (fd == -1) return nullptr;
   std::unique_ptr<RecordingFile> file(new RecordingFile);
   file->file_name = path;

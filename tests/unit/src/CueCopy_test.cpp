@@ -18,8 +18,11 @@
 #include <vector>
 
 #include "src/ThreadSignals.h"
+#include "unit/support/lease_holder.h"
 
 namespace {
+
+using unit::LeaseHolder;
 
 std::vector<std::string> asked;  // paths whose existence was asked for
 int taken = 0;                   // how many of the next ones exist
@@ -270,6 +273,20 @@ TEST_F(CopyCue, CopiesOrdinaryFilesOnly) {
     EXPECT_FALSE(copy_cue(text(other), text(target))) << other;
     EXPECT_EQ(names(), (std::set<std::string>{"cue", "pipe"})) << other;
   }
+}
+
+TEST_F(CopyCue, WaitsForALeaseThatIsGivenUp) {
+  const LeaseHolder holder(cue, LeaseHolder::GivesItUp);
+  ASSERT_TRUE(holder.holds);
+  EXPECT_TRUE(copy());
+  EXPECT_TRUE(content_of(target) == bytes);
+}
+
+TEST_F(CopyCue, GivesUpAFileWhoseLeaseIsKept) {
+  const LeaseHolder holder(cue, LeaseHolder::KeepsIt);
+  ASSERT_TRUE(holder.holds);
+  EXPECT_FALSE(copy());
+  EXPECT_EQ(names(), (std::set<std::string>{"cue"}));
 }
 
 TEST_F(CopyCue, NeedsAFolder) {

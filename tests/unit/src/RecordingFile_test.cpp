@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -14,12 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "unit/support/lease_holder.h"
 #include "unit/support/room.h"
 #include "unit/support/temporary_file.h"
 
 namespace {
 
 using Kept = RecordingFile::Kept;
+using unit::LeaseHolder;
 using unit::Room;
 
 constexpr qint64 kPlenty = 1000000;
@@ -151,51 +152,6 @@ TEST(RecordingFile, OutlivesTheReaderOfAPipe) {
   EXPECT_TRUE(pipe.read_all() == std::string(16000, 'a') + std::string(16000, 'c'));
 }
 
-/// Another process that holds a lease on a file.
-class LeaseHolder {
-public:
-  enum Manner { GivesItUp, KeepsIt };
-
-  LeaseHolder(const std::string& path, Manner manner) {
-    int ready[2];
-    if (pipe(ready) != 0) abort();
-    process = fork();
-    if (process == 0) hold(path, manner, ready[1]);
-    close(ready[1]);
-    char byte = 0;
-    holds = read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
-  }
-  ~LeaseHolder() {
-    kill(process, SIGKILL);
-    waitpid(process, nullptr, 0);
-  }
-  LeaseHolder(const LeaseHolder&) = delete;
-  LeaseHolder& operator=(const LeaseHolder&) = delete;
-  LeaseHolder(LeaseHolder&&) = delete;
-  LeaseHolder& operator=(LeaseHolder&&) = delete;
-
-  bool holds = false;
-
-private:
-  [[noreturn]] static void hold(const std::string& path, Manner manner, int ready) {
-    sigset_t asked;
-    sigemptyset(&asked);
-    sigaddset(&asked, SIGIO);
-    pthread_sigmask(SIG_BLOCK, &asked, nullptr);
-    const int fd = open(path.c_str(), O_RDONLY);
-    if (fcntl(fd, F_SETLEASE, F_RDLCK) == 0 && write(ready, "", 1) == 1) {
-      int signal = 0;
-      sigwait(&asked, &signal);
-      if (manner == GivesItUp) fcntl(fd, F_SETLEASE, F_UNLCK);
-      pause();
-    }
-    _exit(1);
-  }
-
-  pid_t process;
-};
-
 TEST(RecordingFileOpen, WaitsForALeaseThatIsGivenUp) {
   const unit::TemporaryFile file("old content");
   const LeaseHolder holder(file.path(), LeaseHolder::GivesItUp);
@@ -206,9 +162,11 @@ TEST(RecordingFileOpen, WaitsForALeaseThatIsGivenUp) {
 
 TEST(RecordingFileOpen, RefusesAFileWhoseLeaseIsKept) {
   const unit::TemporaryFile file("old content");
-  const LeaseHolder holder(file.path(), LeaseHolder::KeepsIt);
-  ASSERT_TRUE(holder.holds);
-  EXPECT_EQ(RecordingFile::open(text(file.path())), nullptr);
+  {
+    const LeaseHolder holder(file.path(), LeaseHolder::KeepsIt);
+    ASSERT_TRUE(holder.holds);
+    EXPECT_EQ(RecordingFile::open(text(file.path())), nullptr);
+  }
   EXPECT_EQ(content_of(file.path()), "old content");
 }
 
