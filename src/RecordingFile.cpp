@@ -30,9 +30,14 @@ RecordingFile::~RecordingFile() {
 
 RecordingFile::Kept RecordingFile::append(std::string_view delay, std::string_view datagram) {
   const std::size_t added = delay.size() + datagram.size();
-  if (kCapacity - size < added) {
+  if (refused || kCapacity - size < added) {
+    const std::size_t waiting = size;
     write_gathered();
-    if (kCapacity - size < added) return Kept::No;
+    if (size < waiting) refused = false;
+    if (refused || kCapacity - size < added) {
+      refused = true;
+      return Kept::No;
+    }
   }
   char* const end = gathered.data() + size;
   if (!delay.empty()) memcpy(end, delay.data(), delay.size());
@@ -47,6 +52,7 @@ std::size_t RecordingFile::flush() {
   if (cut_off > 0 && !grab_file.isSequential()) grab_file.resize(grab_file.pos() - cut_off);
   size = 0;
   cut_off = 0;
+  refused = false;
   return std::exchange(records, 0);
 }
 

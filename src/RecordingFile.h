@@ -71,4 +71,8 @@ private:
   std::array<std::uint16_t, kCapacity> record_ends;  // where each record ends in them
   std::size_t records = 0;
   qint64 cut_off = 0;
+
+  // A record was dropped, and the disk has taken nothing since: a shorter one that would fit does not make it
+  // look as if it had.
+  bool refused = false;
 };
