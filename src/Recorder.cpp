@@ -13,12 +13,21 @@ GrabSummary EndedGrab::conclude() {
   dropped += given_up;
   summary.file_name = file->name();
   summary.empty = file->size_on_disk() == 0;
-  if (given_up < static_cast<std::size_t>(packet_count)) {
-    summary.universe_ceiling = universe_ceiling;
-    summary.universes = std::move(universes);
-  }
+  if (given_up > 0) forget_records_after(packet_count - static_cast<qint64>(given_up));
+  summary.universe_ceiling = universe_ceiling;
+  summary.universes = std::move(universes);
   file.reset();
   return summary;
+}
+
+void EndedGrab::forget_records_after(qint64 count) {
+  universe_ceiling = -1;
+  for (const FirstRecord& first : first_records) {
+    if (first.number > count)
+      universes.erase(first.universe);
+    else
+      universe_ceiling = std::max(universe_ceiling, first.universe);
+  }
 }
 
 const char* Recorder::status() const {
@@ -65,15 +74,19 @@ void Recorder::record(const Datagram& datagram, Verdict& verdict) {
   if (!grab_universe_noted.test(static_cast<std::size_t>(universe))) {
     grab_universe_noted.set(static_cast<std::size_t>(universe));
     grab_universes.insert(universe);
+    first_records.push_back({universe, grab_packet_count});
   }
 }
 
 void Recorder::finalize_grabbing() {
   grab_state = Off;
-  ended_grab =
-      EndedGrab{std::move(file), std::exchange(grab_packet_count, 0), std::exchange(grab_max_universe, -1),
-                std::move(grab_universes), std::exchange(dropped, 0)};
-  grab_universes.clear();
+  ended_grab.emplace();
+  ended_grab->file = std::move(file);
+  ended_grab->packet_count = std::exchange(grab_packet_count, 0);
+  ended_grab->universe_ceiling = std::exchange(grab_max_universe, -1);
+  ended_grab->universes = std::exchange(grab_universes, {});
+  ended_grab->first_records = std::exchange(first_records, {});
+  ended_grab->dropped = std::exchange(dropped, 0);
   grab_universe_noted.reset();
   current_universe = -1;
 }

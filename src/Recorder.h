@@ -6,11 +6,18 @@
 #include <optional>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "src/ControlUniverse.h"
 #include "src/Datagram.h"
 #include "src/GrabSummary.h"
 #include "src/RecordingFile.h"
+
+/// A universe, and how many records were kept when its first one was, itself included.
+struct FirstRecord {
+  qint32 universe;
+  qint32 number;
+};
 
 /// A recording that has ended. It takes no more datagrams, but the last ones may not be in the file yet.
 struct EndedGrab {
@@ -18,11 +25,16 @@ struct EndedGrab {
   qint32 packet_count = 0;
   qint32 universe_ceiling = -1;
   std::unordered_set<qint32> universes;
-  quint64 dropped = 0;  // datagrams after the last one that the file took
+  std::vector<FirstRecord> first_records;  // one for each of them
+  quint64 dropped = 0;                     // datagrams since the file took the last one
 
   /// Writes the rest into the file and closes it; datagrams that the file does not take count as dropped. May
   /// wait for the disk: never call it with state_lock held.
   GrabSummary conclude();
+
+private:
+  /// The file holds only the first @p count records.
+  void forget_records_after(qint64 count);
 };
 
 /// The grabber: decides which datagrams are recorded, and keeps the figures of the recording.
@@ -101,5 +113,6 @@ private:
   qint32 grab_max_universe = -1;
   std::unordered_set<qint32> grab_universes;  // 0-based port-addresses
   std::bitset<65536> grab_universe_noted;     // the same set, for a quick look
-  quint64 dropped = 0;                        // datagrams after the last one that the file took
+  std::vector<FirstRecord> first_records;     // one for each of them
+  quint64 dropped = 0;                        // datagrams since the file took the last one
 };

@@ -20,6 +20,7 @@ public:
   explicit DumpProbe(qint32 announced = 1, const std::string& own_address = "")
       : dump(new Dump({own_address, "", ""}, announced)) {
     loop().socket = std::make_unique<kesto::net::UdpSocket>();
+    loop().socket->initialize();
   }
 
   Dump& service() { return *dump; }

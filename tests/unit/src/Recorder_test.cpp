@@ -252,6 +252,24 @@ TEST_F(RecorderTest, CountsWhatWasDroppedWhenTheDiskStaysFullToTheEnd) {
   EXPECT_EQ(dropped, 5U);
 }
 
+TEST_F(RecorderTest, ReportsNoUniverseThatOnlyTheLostEndOfTheRecordingHeld) {
+  arm();
+  receive("first", 0, 3);
+  receive("second", 1, 5);
+  receive("third", 2, 9);
+  receive("fourth", 3, 3);
+  receive("fifth", 4, 7);
+  GrabSummary summary;
+  {
+    const unit::Room room(5 + 18 + 6 + 4);
+    summary = finish();
+  }
+  EXPECT_EQ(content(), "first" + delay_record(1) + "second");
+  EXPECT_EQ(dropped, 3U);
+  EXPECT_EQ(summary.universe_ceiling, 5);
+  EXPECT_EQ(summary.universes, (std::unordered_set<qint32>{3, 5}));
+}
+
 TEST_F(RecorderTest, TellsOfEachTimeThatTheDiskIsFull) {
   const std::string datagram(16384 - 18, 'd');
   arm();
