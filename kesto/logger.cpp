@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <QByteArray>
 #include <QString>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace kesto {
@@ -218,7 +220,15 @@ void Logger::put(const LogLine& line) {
 void Logger::writeToNone(int /*level*/, const char* /*line*/) {}
 
 void Logger::writeToConsole(int /*level*/, const char* line) {
-  fprintf(stderr, "%s\n", line);
+  // Straight to the descriptor: a thread that waits for a terminal must not hold the lock of stderr, which the
+  // end of the process may want.
+  const std::string text = std::string(line) + '\n';
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
+    if (written < 0) return;
+    rest.remove_prefix(static_cast<size_t>(written));
+  }
 }
 
 void Logger::writeToSyslog(int message_level, const char* line) {
