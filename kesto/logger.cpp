@@ -220,8 +220,8 @@ void Logger::put(const LogLine& line) {
 void Logger::writeToNone(int /*level*/, const char* /*line*/) {}
 
 void Logger::writeToConsole(int /*level*/, const char* line) {
-  // Straight to the descriptor: a thread that waits for a terminal must not hold the lock of stderr, which the
-  // end of the process may want.
+  // Straight to the descriptor: a thread that waits for a terminal must not hold the lock of stderr, which
+  // the end of the process may want.
   const std::string text = std::string(line) + '\n';
   std::string_view rest = text;
   while (!rest.empty()) {
