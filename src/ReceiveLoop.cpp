@@ -19,6 +19,8 @@
 
 namespace {
 
+using Wait = kesto::net::UdpSocket::Wait;
+
 static_assert(kLongestDatagram == kesto::net::UdpSocket::kSizeLimit - 1,
               "a recording holds whatever the socket gives");
 
@@ -89,9 +91,10 @@ void ReceiveLoop::listen_incoming_data(int port) {
       if (!ready) {
         state.let_go();
         if (fruitless_waits > kFruitlessWaits) kesto::sleep_for(kFruitlessPause);
-        const Waited result = wait_for_datagram(wait_ms);
-        ready = result == Waited::Ready;
-        fruitless_waits = result == Waited::InVain ? 0 : fruitless_waits + 1;
+        const Wait result = socket->waitFor(wait_ms);
+        if (result == Wait::Failed) kesto::sleep_for(kFailedWaitPause);
+        ready = result == Wait::Ready;
+        fruitless_waits = ready || result == Wait::Interrupted ? fruitless_waits + 1 : 0;
         state.take_again();
         continue;
       }
@@ -116,21 +119,6 @@ void ReceiveLoop::stop() {
 void ReceiveLoop::set_wakeable(bool new_wakeable) {
   const kesto::MutexLock lock(socket_mutex);
   wakeable = new_wakeable;
-}
-
-ReceiveLoop::Waited ReceiveLoop::wait_for_datagram(int timeout_ms) {
-  switch (socket->waitFor(timeout_ms)) {
-    case kesto::net::UdpSocket::Wait::Ready:
-      return Waited::Ready;
-    case kesto::net::UdpSocket::Wait::Interrupted:
-      return Waited::Interrupted;
-    case kesto::net::UdpSocket::Wait::Failed:
-      kesto::sleep_for(kFailedWaitPause);
-      break;
-    case kesto::net::UdpSocket::Wait::TimeOut:
-      break;
-  }
-  return Waited::InVain;
 }
 
 int ReceiveLoop::send_replies(bool between_datagrams) {

@@ -46,10 +46,6 @@ private:
 
   void set_wakeable(bool new_wakeable) EXCLUDES(socket_mutex);
 
-  /// What the wait for a datagram came to.
-  enum class Waited { Ready, InVain, Interrupted };
-
-  Waited wait_for_datagram(int timeout_ms);
   bool receive_datagram();
   void handle_datagram(GuardedState::Reader& state);
   void serve(const ArtPollRequest& request);
