@@ -18,7 +18,7 @@ _LINE = re.compile(
 
 # Errors and warnings begin with line number, blank, function and ") ". A function text ends in ")", a lambda's in ">",
 # and the framework names none.
-_CONTEXT = re.compile(r"\d+ (?:|.*?[)>\]])\) ", re.DOTALL)
+_CONTEXT = re.compile(r"\d+ (?:|.*?[)>\]](?: const)?)\) ", re.DOTALL)
 
 
 # Lines that wait for the reader. The kernel's own 10 are soon full when the reader has to wait for a busy processor.
