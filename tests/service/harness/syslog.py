@@ -85,6 +85,7 @@ class SystemLog(Collector):
                 return
             self._take(data)
             if self._pause:
+                # Not a wait for anything: the pause is the slowness of the daemon that is played here.
                 time.sleep(self._pause)
 
     def _take(self, data):
