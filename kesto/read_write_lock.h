@@ -12,8 +12,10 @@ namespace kesto {
 /// Spinning reader-writer lock with writer preference, made for one long-lived reader and brief writers.
 ///
 /// It waits with sched_yield() only and never sleeps on a kernel object; an uncontended read lock costs one
-/// compare-and-swap, one load and one subtraction. Not recursive for writers; a holder of one role must not
-/// take the other. Unlocking a role that is not held corrupts the counts. Neither copied nor moved.
+/// compare-and-swap, one load and one subtraction. No thread of a real-time class may use it together with
+/// one of a lower class: on a processor that both share it would yield to itself for ever. Not recursive for
+/// writers; a holder of one role must not take the other. Unlocking a role that is not held corrupts the
+/// counts. Neither copied nor moved.
 class CAPABILITY("lock") ReadWriteLock {
 public:
   enum Type { Reader = 0, Writer = 1 };

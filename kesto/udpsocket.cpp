@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/sock_diag.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -12,9 +13,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <ctime>
 #include <new>
+#include <optional>
 #include <utility>
+
+#include "kesto/arrival_clock.h"
+#include "kesto/delay.h"
 
 namespace kesto::net {
 namespace {
@@ -24,11 +31,60 @@ const char* const kAnyAddress = "0.0.0.0";
 // Attempts of a read that is interrupted.
 constexpr int kInterruptedReads = 5;
 
+// Looks at the clocks after one fetch. Two in a row that are both preempted are rare.
+constexpr int kLooks = 3;
+
 sockaddr_in socket_address(in_addr_t address, int port) {
   sockaddr_in result{};
   result.sin_family = AF_INET;
   result.sin_addr.s_addr = address;
   result.sin_port = htons(static_cast<std::uint16_t>(port));
+  return result;
+}
+
+std::int64_t steady_time() {
+  return Clock::now().time_since_epoch().count();
+}
+
+std::int64_t wall_time() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+/// Wraps around where the sum is too large.
+std::int64_t nanoseconds(const timespec& time) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 +
+                                   static_cast<std::uint64_t>(time.tv_nsec));
+}
+
+/// What the kernel tells about a datagram beside it.
+struct Ancillary {
+  std::optional<std::int64_t> stamp;  // ns by the wall clock
+  std::uint32_t drops = 0;            // the kernel tells no 0
+};
+
+/// Data of a control message, unless its length is wrong or it reaches beyond @p room bytes.
+template <typename Data>
+std::optional<Data> data_of(const cmsghdr& message, std::size_t room) {
+  if (message.cmsg_len != CMSG_LEN(sizeof(Data)) || message.cmsg_len > room) return std::nullopt;
+  Data data;
+  memcpy(&data, CMSG_DATA(&message), sizeof data);
+  return data;
+}
+
+Ancillary read_ancillary(msghdr& header) {
+  Ancillary result;
+  const char* const end = static_cast<const char*>(header.msg_control) + header.msg_controllen;
+  for (cmsghdr* message = CMSG_FIRSTHDR(&header); message != nullptr;
+       message = CMSG_NXTHDR(&header, message)) {
+    if (message->cmsg_level != SOL_SOCKET) continue;
+    const auto room = static_cast<std::size_t>(end - reinterpret_cast<const char*>(message));
+    if (message->cmsg_type == SCM_TIMESTAMPNS) {
+      if (const auto time = data_of<timespec>(*message, room)) result.stamp = nanoseconds(*time);
+    } else if (message->cmsg_type == SO_RXQ_OVFL) {
+      result.drops = data_of<std::uint32_t>(*message, room).value_or(0);
+    }
+  }
   return result;
 }
 
@@ -80,6 +136,13 @@ struct UdpSocket::Batch {
   // slots into different cache sets.
   static constexpr size_t kSlotSize = 65536 + 576;
 
+  // Control messages of one datagram: its stamp and the drops. The C library of a system of 32 bits may add
+  // the stamp once more, in 64 bits; that fits, too.
+  struct Control {
+    alignas(cmsghdr) std::array<char, 64> bytes;
+  };
+  static_assert(sizeof(Control) >= CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(std::uint32_t)));
+
   Batch() : bytes(new (std::nothrow) char[kSlots * kSlotSize]) {
     for (unsigned int i = 0; i < kSlots; ++i) {
       parts[i].iov_base = bytes.get() + i * kSlotSize;
@@ -88,12 +151,31 @@ struct UdpSocket::Batch {
       messages[i].msg_hdr.msg_iovlen = 1;
       messages[i].msg_hdr.msg_name = &senders[i];
       messages[i].msg_hdr.msg_namelen = sizeof senders[i];
+      messages[i].msg_hdr.msg_control = &controls[i];
+      messages[i].msg_hdr.msg_controllen = sizeof controls[i];
+    }
+  }
+
+  /// Gives the slots that were used their whole control buffer again.
+  void renew_controls() {
+    for (unsigned int i = 0; i < count; ++i) messages[i].msg_hdr.msg_controllen = sizeof controls[i];
+  }
+
+  void look_at_clocks() {
+    for (int looks = 0; looks < kLooks; ++looks) {
+      ArrivalClock::Look look;
+      look.before = steady_time();
+      look.wall = wall_time();
+      look.after = steady_time();
+      arrivals.look(look);
+      if (arrivals.is_close()) return;
     }
   }
 
   const char* data() const { return bytes.get() + first * kSlotSize; }
   size_t size() const { return messages[first].msg_len; }
   const sockaddr_in& sender() const { return senders[first]; }
+  Ancillary ancillary() { return read_ancillary(messages[first].msg_hdr); }
 
   unsigned int first = 0;  // slot of the datagram at the head
   unsigned int count = 0;  // slots filled by the last call; all are read when first == count
@@ -101,6 +183,10 @@ struct UdpSocket::Batch {
   std::array<mmsghdr, kSlots> messages{};
   std::array<iovec, kSlots> parts{};
   std::array<sockaddr_in, kSlots> senders{};
+  std::array<Control, kSlots> controls{};
+
+  bool stamps = false;  // the kernel tells when a datagram arrived
+  ArrivalClock arrivals;
 };
 
 UdpSocket::UdpSocket() = default;
@@ -130,6 +216,9 @@ bool UdpSocket::create() {
     errno = ENOMEM;
     return false;
   }
+  // Only information. No system has to give it.
+  batch->stamps = setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+  counts_drops = setsockopt(fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on) == 0;
   initialized = true;
   return true;
 }
@@ -147,6 +236,7 @@ bool UdpSocket::bind(int port) {
 
 bool UdpSocket::fetch() const {
   if (batch->first < batch->count) return true;
+  batch->renew_controls();
   int received = -1;
   for (int tries = 0; tries < kInterruptedReads; ++tries) {
     received = recvmmsg(fd, batch->messages.data(), Batch::kSlots, MSG_DONTWAIT, nullptr);
@@ -154,6 +244,7 @@ bool UdpSocket::fetch() const {
   }
   batch->first = 0;
   batch->count = received > 0 ? static_cast<unsigned int>(received) : 0;
+  if (received > 0 && batch->stamps) batch->look_at_clocks();
   return received > 0;
 }
 
@@ -185,14 +276,19 @@ std::int64_t UdpSocket::readDatagram(char* data, unsigned int maxSize, HostAddre
   return static_cast<std::int64_t>(size);
 }
 
-std::string_view UdpSocket::takeDatagram(HostAddress& address, int& port) {
-  if (!initialize() || !fetch()) return {};
+bool UdpSocket::takeDatagram(Datagram& datagram) {
+  if (!initialize() || !fetch()) return false;
   const sockaddr_in& sender = batch->sender();
-  address.set_ipv4(sender.sin_addr.s_addr);
-  port = ntohs(sender.sin_port);
-  const std::string_view datagram(batch->data(), batch->size());
+  datagram.sender_address.set_ipv4(sender.sin_addr.s_addr);
+  datagram.sender_port = ntohs(sender.sin_port);
+  datagram.bytes = {batch->data(), batch->size()};
+  const Ancillary ancillary = batch->ancillary();
+  datagram.kernel_drops = ancillary.drops;
+  const auto arrival = ancillary.stamp ? batch->arrivals.arrival(*ancillary.stamp) : std::nullopt;
+  datagram.stamped = arrival.has_value();
+  datagram.rx_time = arrival ? *arrival : steady_time();
   ++batch->first;
-  return datagram;
+  return true;
 }
 
 std::int64_t UdpSocket::writeDatagram(const char* data, unsigned int size, const HostAddress& address,
@@ -214,6 +310,15 @@ bool UdpSocket::sendBufferIsBelow(int percent) const {
   int used = 0;
   if (ioctl(fd, SIOCOUTQ, &used) == -1) return true;
   return used < static_cast<std::int64_t>(send_buffer_size) * percent / 100;
+}
+
+std::optional<std::uint32_t> UdpSocket::kernelDrops() const {
+  std::array<std::uint32_t, SK_MEMINFO_VARS> counts{};
+  socklen_t length = sizeof counts;
+  if (!initialized || !counts_drops) return std::nullopt;
+  if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, counts.data(), &length) == -1 || length < sizeof counts)
+    return std::nullopt;
+  return counts[SK_MEMINFO_DROPS];
 }
 
 int UdpSocket::select_with_tm(int timeout_ms, bool read) const {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -47,10 +48,24 @@ private:
   std::string other_text;    // when it is no number
 };
 
+/// One received datagram.
+struct Datagram {
+  std::string_view bytes;  // the socket's memory, valid until it receives or waits again
+  HostAddress sender_address;
+  int sender_port = 0;
+  std::int64_t rx_time = 0;  // ns on kesto::Clock
+  bool stamped = false;  // rx_time is the arrival as the kernel saw it; otherwise the datagram was read then
+
+  /// What the kernel had thrown away, because the socket's buffer was full, before this datagram was queued;
+  /// modulo 2^32. A datagram whose checksum is wrong counts, too.
+  std::uint32_t kernel_drops = 0;
+};
+
 /// Thin non-blocking IPv4 UDP socket with broadcast allowed, created by the first operation that needs it.
 ///
 /// Datagrams are fetched from the kernel in batches and kept in order until they are read. A caller sees no
-/// difference from asking the kernel for each.
+/// difference from asking the kernel for each. The kernel is asked to tell when each arrived and how many it
+/// dropped; where it refuses, all else works.
 ///
 /// Every operation reports failure by its result and leaves errno as the failing call set it; nothing throws
 /// or logs.
@@ -58,8 +73,8 @@ private:
 /// No lock. One thread makes all calls that create the socket or look at datagrams: initialize, bind,
 /// hasPendingDatagrams, hasFetchedDatagrams, pendingDatagramSize, readDatagram, takeDatagram,
 /// select_with_tm and waitForReadyRead; the const ones among them fetch, too. Once initialize() or bind()
-/// has succeeded, other threads may call writeDatagram, sendBufferIsBelow and wake at the same time, also
-/// while that thread waits, and select_with_tm for writing.
+/// has succeeded, other threads may call writeDatagram, sendBufferIsBelow, kernelDrops and wake at the same
+/// time, also while that thread waits, and select_with_tm for writing.
 class UdpSocket {
 public:
   /// Datagrams of this size and beyond count as too long.
@@ -96,11 +111,9 @@ public:
   /// @return bytes, or -1; with @p maxSize 0: 0 for success; 0 as well when the socket cannot be created.
   std::int64_t readDatagram(char* data, unsigned int maxSize, HostAddress* address, int* port);
 
-  /// Takes one datagram from the queue without a copy.
-  /// @param address, port  sender
-  /// @return its bytes, valid until the next operation that receives or waits; data() is null when there is
-  /// none
-  std::string_view takeDatagram(HostAddress& address, int& port);
+  /// Takes one datagram from the queue without a copy, with its time of arrival if the kernel tells it.
+  /// @return false when there is none; @p datagram stays as it is
+  bool takeDatagram(Datagram& datagram);
 
   /// Sends one datagram, without a retry. @return bytes sent, or -1 (errno EINVAL when @p address is no IPv4
   /// address).
@@ -110,6 +123,10 @@ public:
   /// kernel accepts a datagram of any size while they take less than all of it. Creates no socket: true when
   /// there is none.
   bool sendBufferIsBelow(int percent) const;
+
+  /// What the kernel has dropped by now, as Datagram::kernel_drops counts it. Creates no socket.
+  /// @return nothing when nobody counts
+  std::optional<std::uint32_t> kernelDrops() const;
 
   /// Waits until the socket is readable (@p read) or writable. Creates no socket.
   /// @param timeout_ms  negative: without limit
@@ -142,6 +159,7 @@ private:
   std::int32_t fd = -1;
   bool initialized = false;
   int send_buffer_size = 0;  // bytes, as SO_SNDBUF says
+  bool counts_drops = false;
 
   std::unique_ptr<Batch> batch;  // made with the socket
 };

@@ -1,32 +1,49 @@
 #include "src/Dump.h"
 
 #include <QFile>
+#include <chrono>
+#include <utility>
 
 #include "kesto/device_info.h"
 #include "kesto/logger.h"
 #include "src/CueCopy.h"
 #include "src/ThreadSignals.h"
 
-Dump::Dump(int port, qint32 announced) : Dump(look_at_device(), announced) {
+namespace {
+
+// The service ends after this time, whatever becomes of the disk.
+constexpr std::chrono::seconds kLastWait(10);
+
+// A wait that is not over by then is told of.
+constexpr std::chrono::milliseconds kQuietWait(500);
+
+constexpr qint64 kMillisecond = 1000000;  // ns
+
+}  // namespace
+
+Dump::Dump(int port, qint32 announced, std::size_t write_buffer)
+    : Dump(look_at_device(), announced, write_buffer) {
+  writer->start();
   const EndSignalsBlocked blocked;
   listen_thread = std::thread(&ReceiveLoop::listen_incoming_data, &receive_loop, port);
 }
 
-Dump::Dump(Device own, qint32 announced)
+Dump::Dump(Device own, qint32 announced, std::size_t write_buffer)
     : device(std::move(own)),
+      writer(std::make_unique<GrabWriter>(write_buffer, [this] { emit grab_signals.grab_concluded(); })),
+      state(*writer),
       detector([this](ArtnetNodesUpdatedObject& updates) {
         connect(&updates, &ArtnetNodesUpdatedObject::OnArtnetNodesUpdated, this, &Dump::OnArtnetNodesUpdated);
       }),
       responder({device.device_ip_hex, device.device_mac, kesto::device::oem_id(),
                  kesto::device::manufacturer_id(), kesto::device::short_name(), kesto::device::long_name()},
                 announced),
-      receive_loop(device.device_ip_hex,
-                   {state, responder, detector, triggers, [this] { emit grab_signals.grab_ended(); }}) {
+      receive_loop(device.device_ip_hex, {state, responder, detector, triggers}) {
   register_node_types();
   connect(&triggers, &TriggerQueue::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
-  // Never at once: whoever emits holds the lock that concluding takes.
+  // Never at once: the writer thread emits.
   connect(
-      &grab_signals, &GrabEndedObject::grab_ended, this, [this] { conclude_ended_grab(); },
+      &grab_signals, &GrabConcludedObject::grab_concluded, this, [this] { take_concluded_grabs(); },
       Qt::QueuedConnection);
 }
 
@@ -39,23 +56,55 @@ Dump::~Dump() {
   receive_loop.stop();
   detector.stop();
   if (listen_thread.joinable()) listen_thread.join();
-  conclude_ended_grab();
+  ending = true;
+  const GrabWriter::Finished finished =
+      writer->finish([this](std::size_t waiting) { return may_wait(waiting); });
+  take_concluded_grabs();
+  if (finished.given_up > 0) {
+    KESTO_LOG(-1, "[Dump::~Dump] File took no data at the end (bytes:%llu)",
+              static_cast<unsigned long long>(finished.given_up));
+  }
+  // Its thread may come back from the disk at any time. The process ends now.
+  if (!finished.all) static_cast<void>(writer.release());
 }
 
 // ---- recorder ----
 
-void Dump::conclude_ended_grab() {
-  std::optional<EndedGrab> ended;
-  {
-    GuardedState::Writer guard(state);
-    ended = guard.recorder().take_ended_grab();
+bool Dump::may_wait(std::size_t waiting) {
+  if (!ending && !end_requested()) return true;
+  const auto now = kesto::Clock::now();
+  if (!last_wait) last_wait = now;
+  const auto waited = now - *last_wait;
+  if (waited >= kQuietWait && !std::exchange(said_to_wait, true)) {
+    KESTO_LOG(-1, "[Dump::~Dump] Waiting for the file, at most %d s (bytes:%llu)",
+              static_cast<int>(kLastWait.count()), static_cast<unsigned long long>(waiting));
   }
-  if (!ended) return;
-  latest_grab_summary = ended->conclude();
-  if (ended->dropped > 0) {
-    KESTO_LOG(-1, "[Dump::finalize_grabbing] File took no data at the end (dropped:%llu)",
-              static_cast<unsigned long long>(ended->dropped));
+  return waited < kLastWait;
+}
+
+void Dump::take_concluded_grabs() {
+  for (ConcludedGrab& grab : writer->take_concluded()) {
+    latest_grab_summary = std::move(grab.summary);
+    if (grab.recovered_at_end) KESTO_LOG(-1, "[Dump::finalize_grabbing] File takes data again (dropped:0)");
+    if (grab.dropped_at_end > 0) {
+      KESTO_LOG(-1, "[Dump::finalize_grabbing] File took no data at the end (dropped:%llu)",
+                static_cast<unsigned long long>(grab.dropped_at_end));
+    }
+    if (grab.losses.any()) {
+      KESTO_LOG(
+          -1, "[Dump::finalize_grabbing] Recording lost datagrams (kernel:%llu, writer:%llu, after:%lld ms)",
+          static_cast<unsigned long long>(grab.losses.kernel),
+          static_cast<unsigned long long>(grab.losses.writer),
+          static_cast<long long>(grab.losses.began / kMillisecond));
+    }
   }
+}
+
+bool Dump::settle_grabs(std::optional<FileIdentity> file) {
+  const bool complete =
+      writer->wait_for_ended([this](std::size_t waiting) { return may_wait(waiting); }, file);
+  take_concluded_grabs();
+  return complete;
 }
 
 void Dump::grab(const QString& filename) {
@@ -69,16 +118,18 @@ void Dump::grab(const QString& filename) {
     KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
     return;
   }
-  // Only this thread starts a recording, so it stays off meanwhile. One that the record channel ended before
-  // that look goes into its file now: later it would go into a new recording of the same name.
-  conclude_ended_grab();
-  auto file = RecordingFile::open(filename);
+  // Only this thread starts a recording, so it stays off meanwhile. One that has ended goes into its file
+  // before a new one of the same name empties it; another file does not wait for it.
+  const auto identity = FileIdentity::of(filename);
+  const bool may_empty = !identity || settle_grabs(identity);
+  auto file = may_empty ? RecordingFile::open(filename) : nullptr;
   if (file == nullptr) {
     KESTO_LOG(-2, "Can't open file for grabbing");
     return;
   }
+  writer->begin(std::move(file));
   GuardedState::Writer guard(state);
-  guard.recorder().arm(std::move(file), guard.control().ctrl_record_enabled());
+  guard.recorder().arm(guard.control().ctrl_record_enabled());
 }
 
 void Dump::stop() {
@@ -86,29 +137,29 @@ void Dump::stop() {
   bool off = false;
   {
     GuardedState::Writer guard(state);
-    off = guard.recorder().is_off();
-    if (!off) guard.recorder().finalize_grabbing();
+    Recorder& recorder = guard.recorder();
+    off = recorder.is_off();
+    if (!off) {
+      // No datagram may come any more to tell of those that were dropped last.
+      if (const auto drops = receive_loop.kernel_drops())
+        recorder.note_kernel_drops(*drops, kesto::Clock::now().time_since_epoch().count());
+      recorder.finalize_grabbing();
+    }
   }
   if (off)
     KESTO_LOG(3, "[Dump::stop] Failed to stop grabber, idle");
   else
     KESTO_LOG(3, "[Dump::finalize_grabbing] Grabbing finalized");
-  conclude_ended_grab();
+  settle_grabs();
 }
 
 QString Dump::get_status() {
-  const char* status = nullptr;
-  {
-    GuardedState::Writer guard(state);
-    status = guard.recorder().status();
-  }
-  // Whoever reads "off" finds the file complete: also that of a recording which ended just before the look.
-  conclude_ended_grab();
-  return QString::fromLatin1(status);
+  GuardedState::Writer guard(state);
+  return QString::fromLatin1(guard.recorder().status());
 }
 
 QString Dump::latest_grab() {
-  conclude_ended_grab();
+  settle_grabs();
   const std::string report = grab_report(latest_grab_summary);
   KESTO_LOG(3, "[Dump::latest_grab] Get latest grab (%s)", report.c_str());
   return QString::fromLocal8Bit(report.data(), static_cast<int>(report.size()));
@@ -116,12 +167,13 @@ QString Dump::latest_grab() {
 
 QString Dump::dup_cue(const QString& destpath, const QString& filename) {
   KESTO_LOG(3, "[Dump::dup_cue] Preparing to clone cue");
-  conclude_ended_grab();
+  const auto identity = FileIdentity::of(filename);
+  const bool complete = !identity || settle_grabs(identity);
   if (!QFile::exists(filename)) return QString::fromLatin1("");
   KESTO_LOG(3, "[Dump::dup_cue] Generating new cue path");
   QString path = new_cue_path(destpath);
   KESTO_LOG(3, "[Dump::dup_cue] New cue path is: %s", path.toLocal8Bit().constData());
-  if (!path.isEmpty()) copy_cue(filename, path);
+  if (complete && !path.isEmpty()) copy_cue(filename, path);
   KESTO_LOG(3, "[Dump::dup_cue] cue cloned");
   return path;
 }

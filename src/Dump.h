@@ -3,13 +3,17 @@
 #include <QDBusConnection>
 #include <QObject>
 #include <QString>
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "kesto/delay.h"
 #include "src/ArtnetNode.h"
 #include "src/GrabSummary.h"
+#include "src/GrabWriter.h"
 #include "src/GuardedState.h"
 #include "src/ManualNodes.h"
 #include "src/NodeDetector.h"
@@ -23,18 +27,22 @@
 ///
 /// Its public slots are the D-Bus methods and run on the main thread, one at a time; they report a refusal by
 /// their result or only by a log line, never as a D-Bus error. The receive thread owns the UDP socket and
-/// does all datagram work. The polling thread, once started, detects nodes. Every D-Bus message leaves from
-/// the main thread.
+/// does all datagram work. The writer thread takes recordings to their files. The polling thread, once
+/// started, detects nodes. Every D-Bus message leaves from the main thread.
 class Dump : public QObject {
   Q_OBJECT
   Q_CLASSINFO("D-Bus Interface", "com.tolvekserver.Kadrel.Dump")
 
 public:
-  /// Starts the receive thread on UDP port @p port.
-  /// @param announced  universes to announce in answer to an ArtPoll
-  explicit Dump(int port, qint32 announced = 1);
+  static constexpr std::size_t kWriteBuffer = 32UL << 20;
 
-  /// Ends the threads within about one second. A recording in progress is closed, not finalised.
+  /// Starts the writer thread, and the receive thread on UDP port @p port.
+  /// @param announced  universes to announce in answer to an ArtPoll
+  /// @param write_buffer  bytes of a recording that may wait in memory for the disk
+  explicit Dump(int port, qint32 announced = 1, std::size_t write_buffer = kWriteBuffer);
+
+  /// Ends the threads at once, within a second when the port could not be bound, or after ten when the disk
+  /// stands still. A recording in progress is written and closed, not finalised.
   ~Dump() override;
 
   Dump(const Dump&) = delete;
@@ -89,12 +97,19 @@ private:
   };
   static Device look_at_device();
 
-  /// Everything but the receive thread.
-  Dump(Device own, qint32 announced);
+  /// Everything but the threads.
+  Dump(Device own, qint32 announced, std::size_t write_buffer);
 
-  /// Completes the file of a recording that has ended, and makes its summary the latest one. Every method
-  /// about recordings calls it first; a recording that its record channel ended is concluded at once.
-  void conclude_ended_grab();
+  /// Takes over what the writer has completed: the summary of the last such recording becomes the latest one.
+  void take_concluded_grabs();
+
+  /// Waits for the disk until the recordings that have ended are complete, or those into @p file, and takes
+  /// them over. When the service is to end, at most until the time for that is over.
+  /// @return whether they are complete
+  bool settle_grabs(std::optional<FileIdentity> file = std::nullopt);
+
+  /// Whether to wait on for the disk. @param waiting  bytes in memory
+  bool may_wait(std::size_t waiting);
 
   /// Logs and emits the node-update message of @p method, if there is one. @return whether there is one
   bool announce(const char* method, const std::optional<QString>& message);
@@ -107,14 +122,21 @@ private:
   // Constant after construction.
   const Device device;
 
+  // The writer thread emits, the event loop takes over.
+  GrabConcludedObject grab_signals;
+
+  // Its own lock. Outlives this object when its thread hangs in a disk.
+  std::unique_ptr<GrabWriter> writer;
+
   // Main thread and receive thread, each through its own guard.
   GuardedState state;
 
-  // The receive thread emits, the event loop concludes.
-  GrabEndedObject grab_signals;
-
   // Main thread only.
   GrabSummary latest_grab_summary;
+  bool ending = false;
+  std::optional<kesto::Clock::time_point>
+      last_wait;  // for the disk, when the service is to end: its beginning
+  bool said_to_wait = false;
   ManualNodes manual_nodes;
 
   // The receive thread posts, the main thread hands over to the bus.

@@ -1,6 +1,8 @@
 #include "src/GrabSummary.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <utility>
 
 std::string grab_report(const GrabSummary& summary) {
   std::string universes;
@@ -20,4 +22,28 @@ std::string grab_report(const GrabSummary& summary) {
   print(report.data(), report.size());
   report.pop_back();
   return report;
+}
+
+ConcludedGrab conclude(GrabFigures figures, const ClosedFile& file) {
+  ConcludedGrab grab;
+  grab.summary.file_name = file.name;
+  grab.summary.empty = file.empty;
+  grab.dropped_at_end = figures.dropped + file.given_up;
+  grab.recovered_at_end = figures.waits && grab.dropped_at_end == 0;
+  grab.losses = figures.losses;
+  if (file.given_up > 0) {
+    // These may be older than what was dropped when there was no room left.
+    grab.losses.note(0, file.given_up, figures.length - file.given_up_pauses);
+    const qint64 kept = figures.packet_count - static_cast<qint64>(file.given_up);
+    figures.universe_ceiling = -1;
+    for (const FirstRecord& first : figures.first_records) {
+      if (first.number > kept)
+        figures.universes.erase(first.universe);
+      else
+        figures.universe_ceiling = std::max(figures.universe_ceiling, first.universe);
+    }
+  }
+  grab.summary.universe_ceiling = figures.universe_ceiling;
+  grab.summary.universes = std::move(figures.universes);
+  return grab;
 }

@@ -10,6 +10,9 @@
 /// The other thread spins meanwhile: while a guard lives, never wait for a disk, a log or the bus.
 class GuardedState {
 public:
+  /// @param files  outlives the state
+  explicit GuardedState(GrabWriter& files) : recorder(files) {}
+
   /// Guard of the main thread; gets the lock between two datagrams.
   class SCOPED_CAPABILITY Writer {
   public:

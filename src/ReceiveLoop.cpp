@@ -37,17 +37,14 @@ constexpr std::chrono::milliseconds kFruitlessPause(1);
 // Pause after a failed wait, so that endless failures do not take a whole processor.
 constexpr std::chrono::milliseconds kFailedWaitPause(100);
 
-static_assert(kesto::net::UdpSocket::kSizeLimit == kLongestDatagram + 1,
-              "what the socket takes can be recorded, and read again");
-
 std::string error_text(int error) {
   return std::generic_category().message(error);
 }
 
 }  // namespace
 
-ReceiveLoop::ReceiveLoop(const std::string& device_ip_hex, Consumers consumers)
-    : this_device_ip(dotted_address(device_ip_hex)), parts(std::move(consumers)) {
+ReceiveLoop::ReceiveLoop(const std::string& device_ip_hex, const Consumers& consumers)
+    : this_device_ip(dotted_address(device_ip_hex)), parts(consumers) {
   wire_parser();
 }
 
@@ -72,9 +69,9 @@ void ReceiveLoop::wire_parser() {
 void ReceiveLoop::listen_incoming_data(int port) {
   KESTO_LOG(3, "[Dump::listen_incoming_data] Starting");
   socket = std::make_unique<kesto::net::UdpSocket>();
-  const bool bound = socket->bind("0.0.0.0", port);
-  if (!bound) KESTO_LOG(-2, "Failed to bind grabber socket");
-  set_wakeable(bound);
+  const bool has_port = socket->bind("0.0.0.0", port);
+  if (!has_port) KESTO_LOG(-2, "Failed to bind grabber socket");
+  set_bound(has_port);
   KESTO_LOG(3, "[Dump::listen_incoming_data] This device IP is: %s", this_device_ip.text().c_str());
   {
     GuardedState::Reader state(parts.state);
@@ -105,7 +102,7 @@ void ReceiveLoop::listen_incoming_data(int port) {
       handle_datagram(state);
     }
   }
-  set_wakeable(false);
+  set_bound(false);
   socket.reset();
   KESTO_LOG(3, "[Dump::listen_incoming_data] Finished");
 }
@@ -113,12 +110,17 @@ void ReceiveLoop::listen_incoming_data(int port) {
 void ReceiveLoop::stop() {
   running = false;
   const kesto::MutexLock lock(socket_mutex);
-  if (wakeable) socket->wake();
+  if (bound) socket->wake();
 }
 
-void ReceiveLoop::set_wakeable(bool new_wakeable) {
+std::optional<std::uint32_t> ReceiveLoop::kernel_drops() {
   const kesto::MutexLock lock(socket_mutex);
-  wakeable = new_wakeable;
+  return bound ? socket->kernelDrops() : std::nullopt;
+}
+
+void ReceiveLoop::set_bound(bool new_bound) {
+  const kesto::MutexLock lock(socket_mutex);
+  bound = new_bound;
 }
 
 int ReceiveLoop::send_replies(bool between_datagrams) {
@@ -146,18 +148,18 @@ void ReceiveLoop::serve(const ArtPollRequest& request) {
 }
 
 bool ReceiveLoop::receive_datagram() {
-  datagram.rx_time = kesto::Clock::now().time_since_epoch().count();
-  const std::int64_t size = socket->pendingDatagramSize();
-  if (size == -1) {
+  if (socket->pendingDatagramSize() == -1) {
     KESTO_LOG(-2, "Failed to read pending datagram size");
     // Discard it: a datagram that is too long would stay at the head of the queue for ever.
     socket->readDatagram(nullptr, 0, nullptr, nullptr);
     return false;
   }
-  datagram.bytes = socket->takeDatagram(datagram.sender_address, datagram.sender_port);
-  if (datagram.bytes.data() == nullptr) {
+  if (!socket->takeDatagram(datagram)) {
     KESTO_LOG(-2, "Failed to read pending datagram");
     return false;
+  }
+  if (!datagram.stamped && !std::exchange(missed_stamp, true)) {
+    KESTO_LOG(4, "[Dump::listen_incoming_data] Kernel gives no arrival times, the time of reading is taken");
   }
   return true;
 }
@@ -201,16 +203,19 @@ void ReceiveLoop::process_datagram(GuardedState::Reader& state) {
   }
   const Recorder::Verdict verdict = recorder.end_datagram(datagram, parsed);
   if (verdict.started) KESTO_LOG(3, "[Dump::process_datagram] Grabbing started");
+  if (verdict.file_error != 0) {
+    KESTO_LOG(-1, "[Dump::process_datagram] File takes no data, datagrams wait in memory (errno:%d)",
+              verdict.file_error);
+  }
   if (verdict.dropping_began)
     KESTO_LOG(-1, "[Dump::process_datagram] File takes no data, datagrams are dropped");
-  if (verdict.dropped > 0) {
+  if (verdict.file_recovered) {
     KESTO_LOG(-1, "[Dump::process_datagram] File takes data again (dropped:%llu)",
               static_cast<unsigned long long>(verdict.dropped));
   }
   if (verdict.ended) {
     KESTO_LOG(3, "[Dump::finalize_grabbing] Grabbing finalized");
     recorder.finalize_grabbing();
-    parts.grab_ended();
   }
 }
 

@@ -1,15 +1,14 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "artnet/ArtNetParser.h"
 #include "kesto/mutex.h"
 #include "kesto/udpsocket.h"
-#include "src/Datagram.h"
 #include "src/GuardedState.h"
 
 struct ArtPollRequest;
@@ -20,7 +19,7 @@ class TriggerQueue;
 /// The body of the receive thread: receives and sends everything that goes by UDP.
 ///
 /// It owns the socket and the parser and hands each packet to its part. Receive thread only, but for the
-/// construction and stop().
+/// construction, kernel_drops() and stop().
 class ReceiveLoop {
 public:
   /// The parts that packets go to. They outlive the loop.
@@ -29,14 +28,17 @@ public:
     PollResponder& responder;
     NodeDetector& detector;
     TriggerQueue& triggers;
-    std::function<void()> grab_ended;  // a record channel has ended its recording, which is to be concluded
   };
 
   /// @param device_ip_hex  the appliance's address, 8 hexadecimal digits: datagrams from there are dropped
-  ReceiveLoop(const std::string& device_ip_hex, Consumers consumers);
+  ReceiveLoop(const std::string& device_ip_hex, const Consumers& consumers);
 
   /// Receives on UDP port @p port until stop().
   void listen_incoming_data(int port);
+
+  /// What the kernel has dropped by now for a full receive buffer, modulo 2^32. Any thread.
+  /// @return nothing when nobody counts
+  std::optional<std::uint32_t> kernel_drops() EXCLUDES(socket_mutex);
 
   /// Ends the loop: at once, or within a second when the port could not be bound. Any thread.
   void stop() EXCLUDES(socket_mutex);
@@ -44,7 +46,7 @@ public:
 private:
   friend class DumpProbe;
 
-  void set_wakeable(bool new_wakeable) EXCLUDES(socket_mutex);
+  void set_bound(bool new_bound) EXCLUDES(socket_mutex);
 
   bool receive_datagram();
   void handle_datagram(GuardedState::Reader& state);
@@ -78,13 +80,14 @@ private:
 
   std::atomic<bool> running{true};
 
-  // stop() wakes the socket only while it is sure to be there.
+  // Other threads use the socket only while it is sure to be there.
   kesto::Mutex socket_mutex;
-  bool wakeable GUARDED_BY(socket_mutex) = false;
+  bool bound GUARDED_BY(socket_mutex) = false;
 
-  // Receive thread only, but for the wake-up.
+  // Receive thread only, but for the wake-up and the count of drops.
   std::unique_ptr<kesto::net::UdpSocket> socket;
   ArtNetParser parser;
-  Datagram datagram;                        // the current one
+  kesto::net::Datagram datagram;            // the current one
+  bool missed_stamp = false;                // a datagram without a time of arrival has been seen
   GuardedState::Reader* guarded = nullptr;  // while the current one is processed
 };

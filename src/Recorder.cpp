@@ -2,33 +2,9 @@
 
 #include <algorithm>
 #include <limits>
-#include <string_view>
 #include <utility>
 
 #include "artnet/ArtNetPackets.h"
-
-GrabSummary EndedGrab::conclude() {
-  GrabSummary summary;
-  const std::size_t given_up = file->flush();
-  dropped += given_up;
-  summary.file_name = file->name();
-  summary.empty = file->size_on_disk() == 0;
-  if (given_up > 0) forget_records_after(packet_count - static_cast<qint64>(given_up));
-  summary.universe_ceiling = universe_ceiling;
-  summary.universes = std::move(universes);
-  file.reset();
-  return summary;
-}
-
-void EndedGrab::forget_records_after(qint64 count) {
-  universe_ceiling = -1;
-  for (const FirstRecord& first : first_records) {
-    if (first.number > count)
-      universes.erase(first.universe);
-    else
-      universe_ceiling = std::max(universe_ceiling, first.universe);
-  }
-}
 
 const char* Recorder::status() const {
   switch (grab_state) {
@@ -43,32 +19,30 @@ const char* Recorder::status() const {
   }
 }
 
-void Recorder::arm(std::unique_ptr<RecordingFile> opened, bool by_record_channel) {
-  file = std::move(opened);
-  grab_state = by_record_channel ? Armed : StartPending;
-}
-
-void Recorder::record(const Datagram& datagram, Verdict& verdict) {
+void Recorder::record(const kesto::net::Datagram& datagram, Verdict& verdict) {
   record_current = false;
   if (grab_state == StartPending) {
     grab_state = Running;
     verdict.started = true;
   }
-  RecordingFile::Kept kept{};
+  // A datagram that ends the recording as well may be its first one.
+  if (!std::exchange(begun, true)) first_rx_time = datagram.rx_time;
+  GrabWriter::Appended appended;
+  qint64 rx_time = datagram.rx_time;
   if (grab_packet_count > 0) {
-    const ArtOemVfpsNs delay = make_delay_record(datagram.rx_time - prev_rx_time);
-    kept = file->append({reinterpret_cast<const char*>(&delay), sizeof delay}, datagram.bytes);
+    // Two processors may queue two datagrams in another order than they were stamped in.
+    rx_time = std::max(rx_time, prev_rx_time);
+    const ArtOemVfpsNs delay = make_delay_record(rx_time - prev_rx_time);
+    appended = writer.append(&delay, datagram.bytes);
   } else {
-    kept = file->append({}, datagram.bytes);
+    appended = writer.append(nullptr, datagram.bytes);
   }
   const qint32 universe = std::exchange(current_universe, -1);
-  if (kept == RecordingFile::Kept::No) {
-    verdict.dropping_began = dropped++ == 0;
-    return;
-  }
+  if (!appended.kept) losses.note(0, 1, datagram.rx_time - first_rx_time);
+  if (!appended.kept || appended.error != 0 || outage != Outage::None) note_outage(appended, verdict);
+  if (!appended.kept) return;
   verdict.recorded = true;
-  verdict.dropped = std::exchange(dropped, 0);
-  prev_rx_time = datagram.rx_time;
+  prev_rx_time = rx_time;
   grab_max_universe = std::max(grab_max_universe, universe);
   if (grab_packet_count < std::numeric_limits<qint32>::max()) ++grab_packet_count;
   if (!grab_universe_noted.test(static_cast<std::size_t>(universe))) {
@@ -78,15 +52,44 @@ void Recorder::record(const Datagram& datagram, Verdict& verdict) {
   }
 }
 
+void Recorder::note_outage(GrabWriter::Appended appended, Verdict& verdict) {
+  if (!appended.kept) {
+    ++dropped;
+    verdict.dropping_began = outage != Outage::Dropping;
+    outage = Outage::Dropping;
+  } else if (appended.error != 0) {
+    if (outage == Outage::None) {
+      verdict.file_error = appended.error;
+      outage = Outage::Waiting;
+    }
+  } else {
+    verdict.file_recovered = true;
+    verdict.dropped = std::exchange(dropped, 0);
+    outage = Outage::None;
+  }
+}
+
+void Recorder::note_kernel_drops(std::uint32_t drops, qint64 time) {
+  const std::uint32_t more = drops - kernel_drops;
+  // A datagram that waited in the queue knows less than the socket that was asked when a recording ended.
+  if (more > std::numeric_limits<std::uint32_t>::max() / 2) return;
+  if (begun) losses.note(more, 0, time - first_rx_time);
+  kernel_drops = drops;
+}
+
 void Recorder::finalize_grabbing() {
   grab_state = Off;
-  ended_grab.emplace();
-  ended_grab->file = std::move(file);
-  ended_grab->packet_count = std::exchange(grab_packet_count, 0);
-  ended_grab->universe_ceiling = std::exchange(grab_max_universe, -1);
-  ended_grab->universes = std::exchange(grab_universes, {});
-  ended_grab->first_records = std::exchange(first_records, {});
-  ended_grab->dropped = std::exchange(dropped, 0);
+  GrabFigures figures;
+  figures.packet_count = std::exchange(grab_packet_count, 0);
+  figures.universe_ceiling = std::exchange(grab_max_universe, -1);
+  figures.universes = std::exchange(grab_universes, {});
+  figures.first_records = std::exchange(first_records, {});
+  figures.length = prev_rx_time - first_rx_time;
+  figures.dropped = std::exchange(dropped, 0);
+  figures.waits = std::exchange(outage, Outage::None) != Outage::None;
+  figures.losses = std::exchange(losses, {});
+  begun = false;
   grab_universe_noted.reset();
   current_universe = -1;
+  writer.end(std::move(figures));
 }

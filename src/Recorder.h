@@ -2,40 +2,14 @@
 
 #include <QtGlobal>
 #include <bitset>
-#include <memory>
-#include <optional>
+#include <cstdint>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
+#include "kesto/udpsocket.h"
 #include "src/ControlUniverse.h"
-#include "src/Datagram.h"
 #include "src/GrabSummary.h"
-#include "src/RecordingFile.h"
-
-/// A universe, and how many records were kept when its first one was, itself included.
-struct FirstRecord {
-  qint32 universe;
-  qint32 number;
-};
-
-/// A recording that has ended. It takes no more datagrams, but the last ones may not be in the file yet.
-struct EndedGrab {
-  std::unique_ptr<RecordingFile> file;
-  qint32 packet_count = 0;
-  qint32 universe_ceiling = -1;
-  std::unordered_set<qint32> universes;
-  std::vector<FirstRecord> first_records;  // one for each of them
-  quint64 dropped = 0;                     // datagrams since the file took the last one
-
-  /// Writes the rest into the file and closes it; datagrams that the file does not take count as dropped. May
-  /// wait for the disk: never call it with state_lock held.
-  GrabSummary conclude();
-
-private:
-  /// The file holds only the first @p count records.
-  void forget_records_after(qint64 count);
-};
+#include "src/GrabWriter.h"
 
 /// The grabber: decides which datagrams are recorded, and keeps the figures of the recording.
 ///
@@ -50,18 +24,23 @@ public:
     bool recorded = false;
     bool started = false;         // first datagram of its recording
     bool ended = false;           // its record channel ends the recording: finalize_grabbing() is due
-    bool dropping_began = false;  // the first that the file did not take
-    quint64 dropped = 0;          // recorded, after so many that the file did not take
+    int file_error = 0;           // errno: the first that waits for a file which cannot be written
+    bool dropping_began = false;  // the first for which there was no memory left
+    bool file_recovered = false;  // recorded, and the first since either that the file takes
+    quint64 dropped = 0;          // datagrams between, with file_recovered
   };
+
+  /// @param files  outlives the recorder
+  explicit Recorder(GrabWriter& files) : writer(files) {}
 
   bool is_off() const { return grab_state == Off; }
 
   /// "off", "on" or "run".
   const char* status() const;
 
-  /// Records into @p opened from now on. Only while off.
+  /// Records from now on, into the file that the writer has begun. Only while off.
   /// @param by_record_channel  wait for the record channel to be on
-  void arm(std::unique_ptr<RecordingFile> opened, bool by_record_channel);
+  void arm(bool by_record_channel) { grab_state = by_record_channel ? Armed : StartPending; }
 
   /// A new datagram: nothing of it is marked for recording yet.
   void begin_datagram() { record_current = false; }
@@ -81,38 +60,51 @@ public:
   }
 
   /// The current datagram has been parsed. @param good  without an error; otherwise it is not recorded
-  Verdict end_datagram(const Datagram& datagram, bool good) {
+  Verdict end_datagram(const kesto::net::Datagram& datagram, bool good) {
     Verdict verdict;
+    if (datagram.kernel_drops != kernel_drops) note_kernel_drops(datagram.kernel_drops, datagram.rx_time);
     if (good && record_current) record(datagram, verdict);
     verdict.ended = grab_state == StopPending;
     return verdict;
   }
 
-  /// Ends the recording, whatever its state. Only while not off.
-  void finalize_grabbing();
+  /// More datagrams that the kernel dropped, besides those that a datagram has told of.
+  /// @param drops  as kesto::net::Datagram counts them
+  /// @param time  ns on kesto::Clock
+  void note_kernel_drops(std::uint32_t drops, qint64 time);
 
-  /// Hands out the recording that has ended and is not concluded yet, if there is one.
-  std::optional<EndedGrab> take_ended_grab() { return std::exchange(ended_grab, std::nullopt); }
+  /// Ends the recording, whatever its state, and leaves the rest to the writer. Only while not off.
+  void finalize_grabbing();
 
 private:
   friend class DumpProbe;
   friend class RecorderProbe;
 
-  /// Writes the current datagram into the file, or drops it.
-  void record(const Datagram& datagram, Verdict& verdict);
+  /// What the log has been told about the file.
+  enum class Outage { None, Waiting, Dropping };
 
+  /// Hands the current datagram to the writer, or drops it.
+  void record(const kesto::net::Datagram& datagram, Verdict& verdict);
+  void note_outage(GrabWriter::Appended appended, Verdict& verdict);
+
+  GrabWriter& writer;
   qint32 grab_state = Off;
-  std::unique_ptr<RecordingFile> file;  // while not off
-  std::optional<EndedGrab> ended_grab;  // never two: the main thread takes it before it arms
-  bool record_current = false;          // the current datagram is to be recorded
-  qint32 current_universe = -1;         // 0-based port-address of the last ArtDmx taken in
+  bool record_current = false;   // the current datagram is to be recorded
+  qint32 current_universe = -1;  // 0-based port-address of the last ArtDmx taken in
 
   // About the current recording, without dropped datagrams.
-  qint64 prev_rx_time = 0;  // ns on kesto::Clock; kept from one recording to the next
+  qint64 prev_rx_time = 0;  // the latest, ns on kesto::Clock; kept from one recording to the next
   qint32 grab_packet_count = 0;
   qint32 grab_max_universe = -1;
   std::unordered_set<qint32> grab_universes;  // 0-based port-addresses
   std::bitset<65536> grab_universe_noted;     // the same set, for a quick look
   std::vector<FirstRecord> first_records;     // one for each of them
-  quint64 dropped = 0;                        // datagrams since the file took the last one
+
+  // What it misses.
+  Outage outage = Outage::None;
+  quint64 dropped = 0;  // datagrams since the file took the last one
+  GrabLosses losses;
+  bool begun = false;              // it has seen its first datagram
+  qint64 first_rx_time = 0;        // of that, ns on kesto::Clock
+  std::uint32_t kernel_drops = 0;  // as the last datagram told
 };

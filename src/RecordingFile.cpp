@@ -4,11 +4,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
-#include <utility>
+#include <cerrno>
 
 #include "src/OpenFile.h"
+
+namespace {
+
+// The kernel lets written bytes pile up for half a minute, then writes them all. The disk is told to take
+// them in pieces of this size instead: 43 s of one universe, 0.7 s of 64. Nobody waits for it: a disk that is
+// busy with another file needs 0.6 s for a piece, and waiting for them held 25 MB/s to 4.
+constexpr qint64 kPiece = 1 << 20;
+
+}  // namespace
+
+std::optional<FileIdentity> FileIdentity::of(const QString& path) {
+  struct stat status {};
+  if (stat(QFile::encodeName(path).constData(), &status) != 0) return std::nullopt;
+  return FileIdentity{status.st_dev, status.st_ino};
+}
 
 std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
   constexpr mode_t kPermissions = 0666;
@@ -21,61 +34,37 @@ std::unique_ptr<RecordingFile> RecordingFile::open(const QString& path) {
     return nullptr;
   }
   file->grab_stream.setDevice(&file->grab_file);
+  struct stat status {};
+  if (fstat(fd, &status) == 0) file->own_identity = {status.st_dev, status.st_ino};
   return file;
 }
 
-RecordingFile::~RecordingFile() {
-  flush();
+ssize_t RecordingFile::write(std::string_view bytes) {
+  // After a failed write the stream refuses all others until its status is reset.
+  grab_stream.resetStatus();
+  errno = 0;
+  const int result = grab_stream.writeRawData(bytes.data(), static_cast<int>(bytes.size()));
+  if (result <= 0) return -1;
+  written += result;
+  send_to_disk();
+  return result;
 }
 
-RecordingFile::Kept RecordingFile::append(std::string_view delay, std::string_view datagram) {
-  const std::size_t added = delay.size() + datagram.size();
-  if (refused || kCapacity - size < added) {
-    const std::size_t waiting = size;
-    write_gathered();
-    if (size < waiting) refused = false;
-    if (refused || kCapacity - size < added) {
-      refused = true;
-      return Kept::No;
-    }
-  }
-  char* const end = gathered.data() + size;
-  if (!delay.empty()) memcpy(end, delay.data(), delay.size());
-  memcpy(end + delay.size(), datagram.data(), datagram.size());
-  size += added;
-  record_ends[records++] = static_cast<std::uint16_t>(size);
-  return Kept::Yes;
+void RecordingFile::send_to_disk() {
+  // Whole pieces: where the disk or the file system makes checksums, a page on its way must not change, and
+  // the next write would wait for the last one.
+  const qint64 end = written - written % kPiece;
+  if (end == on_its_way) return;
+  // Refused by pipes and devices, which keep nothing back.
+  sync_file_range(grab_file.handle(), on_its_way, end - on_its_way, SYNC_FILE_RANGE_WRITE);
+  on_its_way = end;
 }
 
-std::size_t RecordingFile::flush() {
-  write_gathered();
-  if (cut_off > 0 && !grab_file.isSequential()) grab_file.resize(grab_file.pos() - cut_off);
-  size = 0;
-  cut_off = 0;
-  refused = false;
-  return std::exchange(records, 0);
+void RecordingFile::cut(std::size_t size) {
+  if (!grab_file.isSequential()) grab_file.resize(grab_file.pos() - static_cast<qint64>(size));
 }
 
-void RecordingFile::write_gathered() {
-  while (size > 0) {
-    // After a failed write the stream refuses all others until its status is reset.
-    grab_stream.resetStatus();
-    const int result = grab_stream.writeRawData(gathered.data(), static_cast<int>(size));
-    if (result <= 0) return;
-    const auto written = static_cast<std::size_t>(result);
-    size -= written;
-    std::uint16_t* const first = record_ends.data();
-    const std::uint16_t* const rest = std::upper_bound(first, first + records, written);
-    cut_off = rest == first ? cut_off + result : result - rest[-1];
-    const std::uint16_t* const end = first + records;
-    records = static_cast<std::size_t>(end - rest);
-    std::transform(rest, end, first,
-                   [written](std::size_t at) { return static_cast<std::uint16_t>(at - written); });
-    memmove(gathered.data(), gathered.data() + written, size);
-  }
-}
-
-qint64 RecordingFile::size_on_disk() const {
+qint64 RecordingFile::size() const {
   struct stat status {};
   return fstat(grab_file.handle(), &status) == 0 ? status.st_size : 0;
 }

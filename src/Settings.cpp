@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr int kWriteBufferLimit = 1024;  // MiB
+
 /// Reads @p text as a decimal number. @return false when any part of it is something else
 bool take_int(const char* text, int& value) {
   int number = 0;
@@ -35,11 +37,20 @@ bool take_log_output(const char* text, Settings& settings) {
   return true;
 }
 
-bool take_universe_count(const char* text, Settings& settings) {
+/// Reads @p text as a decimal number from 1 to @p most. @return false when it is none
+bool take_count(const char* text, int most, std::int32_t& value) {
   int count = 0;
-  if (!take_int(text, count) || count < 1 || count > kUniverseLimit) return false;
-  settings.universe_count = count;
+  if (!take_int(text, count) || count < 1 || count > most) return false;
+  value = count;
   return true;
+}
+
+bool take_universe_count(const char* text, Settings& settings) {
+  return take_count(text, kUniverseLimit, settings.universe_count);
+}
+
+bool take_write_buffer(const char* text, Settings& settings) {
+  return take_count(text, kWriteBufferLimit, settings.write_buffer_mib);
 }
 
 /// One variable: its valid values and its default, in words, and the function that takes its value.
@@ -54,8 +65,9 @@ constexpr Variable kVariables[] = {
     {"KADREL_LOG_LEVEL", "an integer", "3", take_log_level},
     {"KADREL_LOG_OUTPUT", "syslog, console or none", "syslog", take_log_output},
     {"KADREL_UNIVERSE_COUNT", "a number from 1 to 32768", "1", take_universe_count},
+    {"KADREL_WRITE_BUFFER_MIB", "a number from 1 to 1024", "32", take_write_buffer},
 };
-static_assert(kUniverseLimit == 32768, "a text above says it");
+static_assert(kUniverseLimit == 32768 && kWriteBufferLimit == 1024, "texts above say it");
 
 }  // namespace
 

@@ -11,6 +11,7 @@ struct Settings {
   int log_level{};                     // KADREL_LOG_LEVEL, threshold of the log: any int
   kesto::Logger::Output log_output{};  // KADREL_LOG_OUTPUT: syslog, console or none
   std::int32_t universe_count{};       // KADREL_UNIVERSE_COUNT, universes to announce: 1..32768
+  std::int32_t write_buffer_mib{};     // KADREL_WRITE_BUFFER_MIB, records that wait for the disk: 1..1024 MiB
 
   std::vector<std::string> warnings;  // one line for each invalid value
 };

@@ -18,9 +18,9 @@ signals:
   void OnArtnetNodesUpdated(const QString& message);
 };
 
-/// A recording has ended and waits to be concluded.
-class GrabEndedObject : public QObject {
+/// A recording is complete in its file.
+class GrabConcludedObject : public QObject {
   Q_OBJECT
 signals:
-  void grab_ended();
+  void grab_concluded();
 };

@@ -96,7 +96,7 @@ Settings configure() {
 
 /// Runs the service until a signal ends it. @return exit code of the process
 int serve(int port, const Settings& settings) {
-  Dump dump(port, settings.universe_count);
+  Dump dump(port, settings.universe_count, static_cast<std::size_t>(settings.write_buffer_mib) << 20U);
   {
     // The first use of D-Bus starts the framework's own thread for it, which must not get the signals.
     const EndSignalsBlocked blocked;

@@ -36,14 +36,19 @@ enum Kind : std::int32_t { Any = 0, Udp = 1, File = 2, Log = 3, Bus = 4, Other =
 struct Fault {
   char name[16];
   std::atomic<std::int32_t> kind;
-  std::atomic<std::int32_t> error;     // errno of a call that fails; 0: it is made, after the delay
-  std::atomic<std::int64_t> skip;      // calls that are left alone first
-  std::atomic<std::int64_t> times;     // calls that are struck then; -1: all
-  std::atomic<std::int64_t> delay_ns;  // wait of a struck call; for "realtime" the error of the clock
-  std::atomic<std::int64_t> calls;     // calls of this kind so far
+  std::atomic<std::int32_t> error;  // errno of a call that fails; 0: it is made, after the delay
+  std::atomic<std::int64_t> skip;   // calls that are left alone first
+  std::atomic<std::int64_t> times;  // calls that are struck then; -1: all
+  std::atomic<std::int64_t>
+      delay_ns;                     // wait of a struck call, or kHeld; for "realtime" the error of the clock
+  std::atomic<std::int64_t> calls;  // calls of this kind so far
   std::atomic<std::int64_t> struck;
 };
 static_assert(sizeof(Fault) == 64 && std::atomic<std::int64_t>::is_always_lock_free);
+
+// Wait of a struck call that lasts until the test sets another. How often it looks:
+constexpr std::int64_t kHeld = -1;
+constexpr std::int64_t kLook = 1'000'000;
 
 Fault* table = nullptr;
 std::size_t table_size = 0;
@@ -76,17 +81,20 @@ Kind kind_of_socket(int domain, int type) {
   return Other;
 }
 
+// Without fstat(): the thread sanitizer would take the look for a use of the descriptor that nothing orders
+// before its end.
 Kind kind_of(int fd) {
   const int errno_before = errno;
   int domain = 0;
   int type = 0;
   socklen_t size = sizeof domain;
   Kind kind = Other;
-  struct stat status {};
+  struct statx status {};
   if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0) {
     getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size);
     kind = kind_of_socket(domain, type);
-  } else if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+  } else if (syscall(SYS_statx, fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
+             S_ISREG(status.stx_mode)) {
     kind = File;
   }
   errno = errno_before;
@@ -109,6 +117,7 @@ bool strikes(Fault* fault, Kind kind) {
   if (fault->skip > 0 && fault->skip-- > 0) return false;
   if (fault->times > 0 && fault->times-- <= 0) return false;
   ++fault->struck;
+  while (fault->delay_ns == kHeld) wait_ns(kLook);
   if (fault->delay_ns > 0) wait_ns(fault->delay_ns);
   if (fault->error == 0) return false;
   errno = fault->error;
@@ -209,6 +218,21 @@ ssize_t write(int fd, const void* data, size_t size) {
   return strikes_at(fault, fd) ? -1 : next(fd, data, size);
 }
 
+int ftruncate(int fd, off_t size) noexcept {
+  BEHIND(ftruncate);
+  return strikes_at(fault, fd) ? -1 : next(fd, size);
+}
+
+int fallocate(int fd, int mode, off_t offset, off_t size) {
+  BEHIND(fallocate);
+  return strikes_at(fault, fd) ? -1 : next(fd, mode, offset, size);
+}
+
+int sync_file_range(int fd, off64_t offset, off64_t size, unsigned int flags) {
+  BEHIND(sync_file_range);
+  return strikes_at(fault, fd) ? -1 : next(fd, offset, size, flags);
+}
+
 // A descriptor is gone even when close() fails.
 int close(int fd) {
   BEHIND(close);
@@ -254,8 +278,7 @@ int nanosleep(const timespec* time, timespec* left) {
 int fstat(int fd, struct stat* status) noexcept {
   static const auto next = next_of<int (*)(int, struct stat*)>("fstat");
   static Fault* const fault = find_fault("fstat");
-  // kind_of() calls it too.
-  return fault != nullptr && fault->times != 0 && strikes(fault, Any) ? -1 : next(fd, status);
+  return strikes(fault, Any) ? -1 : next(fd, status);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
@@ -308,10 +331,22 @@ int fcntl64(int fd, int command, ...) {
   return strikes_at(fault, fd) ? -1 : next(fd, command, argument);
 }
 
+int ftruncate64(int fd, off64_t size) noexcept {
+  static const auto next = next_of<decltype(&ftruncate64)>("ftruncate64");
+  static Fault* const fault = find_fault("ftruncate");
+  return strikes_at(fault, fd) ? -1 : next(fd, size);
+}
+
+int fallocate64(int fd, int mode, off64_t offset, off64_t size) {
+  static const auto next = next_of<decltype(&fallocate64)>("fallocate64");
+  static Fault* const fault = find_fault("fallocate");
+  return strikes_at(fault, fd) ? -1 : next(fd, mode, offset, size);
+}
+
 int fstat64(int fd, struct stat64* status) noexcept {
   static const auto next = next_of<int (*)(int, struct stat64*)>("fstat64");
   static Fault* const fault = find_fault("fstat");
-  return fault != nullptr && fault->times != 0 && strikes(fault, Any) ? -1 : next(fd, status);
+  return strikes(fault, Any) ? -1 : next(fd, status);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {

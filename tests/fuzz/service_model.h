@@ -82,7 +82,6 @@ public:
     if (state != 0 || !opens) return;
     file_name = name;
     records.clear();
-    gathered = 0;
     state = record_control() ? 1 : 2;
   }
   void stop() {
@@ -277,7 +276,6 @@ public:
   int current_universe = -1;
   Summary summary;
   bool file_takes_nothing = false;  // a full disk
-  std::size_t gathered = 0;         // bytes for it, with the first record that had no room
 
   std::vector<std::pair<int, int>> triggers;
   std::vector<std::string> messages;
@@ -354,18 +352,10 @@ private:
   void record(const std::string& datagram, std::int64_t now) {
     if (state == 2) state = 3;
     const int universe = std::exchange(current_universe, -1);
-    if (!kept(datagram.size())) return;
     records.push_back({now - last_time, datagram});
     ceiling = std::max(ceiling, universe);
     universes.insert(universe);
     last_time = now;
-  }
-
-  /// A full disk takes nothing, so 16 KiB are kept, and after the first record without room none.
-  bool kept(std::size_t size) {
-    if (!file_takes_nothing) return true;
-    gathered += size + (records.empty() ? 0 : 18);
-    return gathered <= 16384;
   }
 
   void finish() {

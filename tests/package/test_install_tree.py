@@ -16,8 +16,11 @@ import pytest
 TOP = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("KADREL_BUILD_DIR", TOP / "build/release")).resolve()
 BUS_NAME = "com.tolvekserver.Kadrel"
+WAIT_FOR_DISK_AT_END = 10  # seconds
 
 LOGGER = '#!/bin/sh\nfor text; do :; done\nprintf "%s\\n" "$text" >>{log}\n'
+# Writes its words, with "own" for the process that it was started by, and refuses.
+REFUSING_RENICE = '#!/bin/sh\necho "$1 $2 $3 ${{4%$PPID}}own" >>{log}\necho no >&2\nexit 1\n'
 HANGING_LOGGER = "#!/bin/sh\nexec sleep 3600\n"
 # What logger does without a log daemon.
 LONELY_LOGGER = '#!/bin/sh\ncase " $* " in *" --socket-errors=on "*) exit 1 ;; esac\n'
@@ -129,6 +132,18 @@ def test_unit_bus_and_launcher_speak_of_the_same_things(prefix):
     assert "@" not in launcher.replace('"$@"', "")
 
 
+def test_the_unit_goes_before_others_without_a_right_and_gives_the_end_its_time(prefix):
+    unit = configparser.RawConfigParser(strict=False)
+    unit.optionxform = str
+    unit.read_string((prefix / "lib/systemd/user/kadrel.service").read_text(encoding="utf-8"))
+    service = unit["Service"]
+    assert service["CPUWeight"] == "10000"
+    # A policy that is not allowed fails the start, and the lock's waits have no place in a real-time class.
+    assert not any(name.startswith(("CPUScheduling", "Limit")) for name in service)
+    assert service["RestrictRealtime"] == "yes"
+    assert int(service["TimeoutStopSec"].removesuffix("s")) > WAIT_FOR_DISK_AT_END
+
+
 @pytest.mark.parametrize("place", ["/opt/stage light", "/opt/$HOME", "/opt/100%", '/opt/"a"'])
 def test_a_prefix_that_nobody_could_quote_is_refused(tmp_path, place):
     outcome = subprocess.run(
@@ -178,15 +193,29 @@ def test_the_shipped_settings_are_the_defaults(launcher, prefix):
     assert launcher(shipped) == (["1:6454", "KADREL_UNIVERSE_COUNT=1", "LC_ALL=C.UTF-8"], [])
 
 
+def test_every_setting_of_the_service_passes_the_launcher_and_none_comes_from_its_environment(launcher):
+    source = (TOP / "src/Settings.cpp").read_text(encoding="utf-8")
+    names = re.findall(r'^ {4}{"(KADREL_\w+)", ', source, re.MULTILINE)
+    assert len(names) >= 4
+    assert launcher("".join(f"{name}=7\n" for name in names).encode()) == (
+        ["1:6454", *sorted(f"{name}=7" for name in names), "LC_ALL=C.UTF-8"], []
+    )
+    assert launcher(None, **dict.fromkeys(names, "7")) == (["1:6454", "LC_ALL=C.UTF-8"], [])
+
+
 def test_without_settings_the_port_is_the_one_of_art_net(launcher):
     assert launcher(None) == (["1:6454", "LC_ALL=C.UTF-8"], [])
     assert launcher(b"") == (["1:6454", "LC_ALL=C.UTF-8"], [])
 
 
 def test_settings_reach_the_service_and_the_environment_does_not(launcher):
-    content = b"KADREL_PORT=7000\nKADREL_UNIVERSE_COUNT=\"16\"\r\nKADREL_LOG_LEVEL=6  \n\n# KADREL_LOG_OUTPUT=none\nKADREL_LOG_OUTPUT='console'"
+    content = (
+        b"KADREL_PORT=7000\nKADREL_UNIVERSE_COUNT=\"16\"\r\nKADREL_WRITE_BUFFER_MIB=64\nKADREL_LOG_LEVEL=6  \n"
+        b"\n# KADREL_LOG_OUTPUT=none\nKADREL_LOG_OUTPUT='console'"
+    )
     assert launcher(content, KADREL_PORT="9", KADREL_LOG_LEVEL="-2", LC_ALL="C") == (
-        ["1:7000", "KADREL_LOG_LEVEL=6", "KADREL_LOG_OUTPUT=console", "KADREL_UNIVERSE_COUNT=16", "LC_ALL=C.UTF-8"], []
+        ["1:7000", "KADREL_LOG_LEVEL=6", "KADREL_LOG_OUTPUT=console", "KADREL_UNIVERSE_COUNT=16", "KADREL_WRITE_BUFFER_MIB=64",
+         "LC_ALL=C.UTF-8"], []
     )
 
 
@@ -203,6 +232,13 @@ def test_without_a_log_the_start_is_not_held_up_and_the_warning_is_on_standard_e
         ["1:6454", "LC_ALL=C.UTF-8"],
         ["kadrel-session: KADREL_PORT is not a number from 1 to 65535, using 6454 (value:none)"],
     )
+
+
+def test_the_launcher_asks_for_precedence_and_starts_without_it(launcher, tmp_path):
+    renice = tmp_path / "launcher/renice"
+    renice.write_text(REFUSING_RENICE.format(log=tmp_path / "launcher/log"), encoding="ascii")
+    renice.chmod(0o755)
+    assert launcher(None) == (["1:6454", "LC_ALL=C.UTF-8"], ["-n -20 -p own"])
 
 
 def test_nothing_in_the_settings_is_run(launcher, tmp_path):

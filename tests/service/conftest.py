@@ -10,6 +10,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 from harness import EXECUTABLE, World  # noqa: E402  found through the path above
+from harness.faults import LIBRARY, Faults  # noqa: E402
 
 
 def pytest_configure():
@@ -80,3 +81,19 @@ def world(make_world):
 def service(world):
     """The service, started and ready, in `world`."""
     return world.start()
+
+
+@pytest.fixture
+def faults(world):
+    """Faults for services that are started with `prefix=faults.prefix`, as `faulty` is."""
+    if not LIBRARY.exists():
+        pytest.skip("built with the unit tests only (KADREL_BUILD_TESTS)")
+    made = Faults(world.path("faults"))
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def faulty(world, faults):
+    """The service, whose calls may be made to fail or be held."""
+    return world.start(prefix=faults.prefix)

@@ -319,6 +319,8 @@ def compare(service, script, model):
             status = service.client.get_status()
             if status != model.get_status():
                 raise Disagreement(index, f"the service is {status!r}, the model {model.get_status()!r}")
+        if model.finished:
+            service.client.latest_grab()  # answers when the files are whole
         while model.finished:
             cue, datagrams = model.finished.pop(0)
             try:

@@ -10,7 +10,6 @@ import os
 import random
 import resource
 import select
-import signal
 import struct
 import threading
 from dataclasses import dataclass
@@ -21,14 +20,10 @@ from gi.repository import GLib
 from harness import DEADLINE, ERROR, Recording, spin_until
 from harness.artnet import art_dmx, art_poll, art_trigger, relay
 from harness.bus import LazyClient
-from harness.faults import ANY, BUS, FILE, FOREVER, NAMES, OTHER, UDP, Faults
-from harness.service import EXECUTABLE
+from harness.faults import ANY, BUS, FILE, FOREVER, NAMES, OTHER, UDP
+from harness.service import EXECUTABLE, SANITIZED
 from harness.waiting import now
 from texts import FINALIZED, GRAB, GRAB_CANNOT_OPEN, GRABBING_STARTED, STOP, grab_text
-
-LIBRARY = EXECUTABLE.parent / "tests/faults/libfaults.so"
-
-pytestmark = pytest.mark.skipif(not LIBRARY.exists(), reason="built with the unit tests only (KADREL_BUILD_TESTS)")
 
 # Every combination, instead of one or two for each function.
 EXHAUSTIVE = "KADREL_TEST_ALL" in os.environ
@@ -39,19 +34,6 @@ MUSIC = [art_dmx(1, bytes([number] * 100)) for number in range(20)]
 LOOK = 0.5
 CALLS_PER_SECOND = 8000
 LINES = 60
-
-
-@pytest.fixture
-def faults(world):
-    made = Faults(world.path("faults"), LIBRARY)
-    yield made
-    made.close()
-
-
-@pytest.fixture
-def faulty(world, faults):
-    """The service, whose calls may be made to fail."""
-    return world.start(prefix=faults.prefix)
 
 
 def record(service, name="cue", frames=MUSIC):
@@ -229,9 +211,6 @@ def test_a_call_that_fails_at_the_start(world, faults, case):
 
 # ---- limits ----------------------------------------------------------------------------------------------------------
 
-SANITIZED = any(mark in EXECUTABLE.read_bytes() for mark in (b"__asan_init", b"__tsan_init"))
-
-
 def test_without_a_free_descriptor_nothing_is_opened_and_all_else_goes_on(service):
     """A limit in the kernel itself, for calls that the preloaded library does not see."""
     world = service.world
@@ -270,25 +249,13 @@ def test_without_memory_for_a_copy_there_is_no_copy_and_all_else_goes_on(service
 # ---- the disk and the clock -----------------------------------------------------------------------------------------
 
 
-def test_what_fits_into_the_receive_buffer_survives_a_disk_that_is_slow(faulty, faults):
-    world = faulty.world
-    frames = [art_dmx(1, bytes([number] * 512)) for number in range(100)]
-    faulty.client.grab(world.path("cue"))
-    faults.arm("write", kind=FILE, times=1, delay=LOOK)
-    world.console.send(*frames)
-    faulty.settle()
-    faulty.client.stop()
-    assert faults.struck("write") == 1
-    assert Recording.read(world.path("cue")).datagrams == frames
-
-
 def test_what_fits_into_the_receive_buffer_survives_a_stop_of_the_process(service):
     world = service.world
     service.client.grab(world.path("cue"))
     service.feed(MUSIC[:1])
-    service.send_signal(signal.SIGSTOP)
+    service.halt()
     world.console.send(*MUSIC[1:])
-    service.send_signal(signal.SIGCONT)
+    service.go_on()
     service.settle()
     service.client.stop()
     assert Recording.read(world.path("cue")).datagrams == MUSIC
@@ -311,23 +278,6 @@ def test_a_wall_clock_that_is_set_changes_no_pause(faulty, faults, hours):
     assert len(copies) == 3 and all(os.path.exists(copy) for copy in copies)
 
 
-def test_a_recording_whose_writes_failed_for_a_while_is_whole_before_and_after(faulty, faults):
-    world = faulty.world
-    frames = [art_dmx(1, bytes([number % 251] * 512)) for number in range(200)]
-    faulty.client.grab(world.path("cue"))
-    faulty.feed(frames[:40])
-    faults.arm("write", errno.EIO, FILE)
-    faulty.feed(frames[40:160])
-    assert faults.struck("write") > 0
-    faults.disarm("write")
-    faulty.feed(frames[160:])
-    faulty.client.stop()
-    found = Recording.read(world.path("cue")).datagrams
-    assert found[:40] == frames[:40]
-    assert found[-40:] == frames[160:]
-    assert len(found) < len(frames)
-
-
 @pytest.fixture(params=["a_file_without_a_name", "a_hidden_name"])
 def long_copy(request, faulty, faults):
     """A copy of several portions under way, the second of which takes as long as the test needs: (folder, cue, thread)."""
@@ -345,7 +295,7 @@ def long_copy(request, faulty, faults):
 
     thread = threading.Thread(target=copy)
     thread.start()
-    spin_until(lambda: faults.struck("write") > 0, "the second portion")
+    faults.wait_until_struck("write")
     yield folder, cue, thread
     thread.join()
 

@@ -15,6 +15,7 @@ from texts import (
     STOP,
     STOP_IDLE,
     grab_text,
+    has_ended,
 )
 
 CONTROL_UNIVERSE = 4  # counted from 1
@@ -274,9 +275,9 @@ def test_a_value_below_the_threshold_ends_the_running_recording(with_record_chan
     lines = service.world.log.mark()
     client.grab(cue)
     service.feed([ON, *MUSIC, control(value), MUSIC[0]])
-    assert client.get_status() == "off"
-    assert Recording.read(cue).datagrams == MUSIC
     assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, FINALIZED]
+    assert has_ended(client)
+    assert Recording.read(cue).datagrams == MUSIC
 
 
 def test_a_value_below_the_threshold_before_the_first_datagram_ends_an_empty_recording(with_record_channel, client, cue):
@@ -343,7 +344,7 @@ def test_the_record_channel_starts_and_stops_one_recording_after_the_other(with_
         cue = service.world.path(f"cue{number}")
         client.grab(cue)
         service.feed([OFF, MUSIC[0], ON, *MUSIC, OFF, MUSIC[0]])
-        assert client.get_status() == "off"
+        assert has_ended(client)
         assert Recording.read(cue).datagrams == MUSIC
 
 
@@ -361,5 +362,5 @@ def test_the_highest_channel_threshold_and_universe_work(service, client, cue):
     service.feed([below, MUSIC[0]])
     assert client.get_status() == "on"
     service.feed([full, MUSIC[1], full, below])
-    assert client.get_status() == "off"
+    assert has_ended(client)
     assert Recording.read(cue).datagrams == [MUSIC[1], full]

@@ -3,8 +3,8 @@
 import os
 
 import pytest
-from harness import BROADCAST, CONSOLE, SERVICE, DeadlinePassed, World
-from harness.artnet import art_dmx, art_poll_reply, read_poll_reply, relay
+from harness import BROADCAST, CONSOLE, SERVICE, BadRecording, DeadlinePassed, Recording, World
+from harness.artnet import art_dmx, art_poll_reply, oem_vfps_ns, read_poll_reply, relay
 from harness.sanitizers import report_in
 from harness.syslog import without_context
 
@@ -132,3 +132,25 @@ def test_packets_have_the_published_layout():
     assert relay(b"x", "10.0.0.1", 6454, 0x1234).hex() == "34120000" + b"10.0.0.1".ljust(16, b"\0").hex() + "36190000" "78"
     fields = {"ip": b"\x0a\0\0\1", "oem": 0x1234, "short_name": b"name".ljust(18, b"\0"), "num_ports": 4, "filler": bytes(26)}
     assert {name: read_poll_reply(art_poll_reply(**fields))[name] for name in fields} == fields
+
+
+def test_a_recording_that_is_cut_off_anywhere_has_a_number_of_whole_frames():
+    frames = [art_dmx(1, bytes([number] * 20)) for number in range(3)]
+    content = oem_vfps_ns(5).join(frames)
+    ends = [38, 94, 150]
+    for size in range(len(content) + 1):
+        assert Recording.whole_frames(content[:size], frames) == sum(end <= size for end in ends)
+    for bad in (content + b"\0", content[:60] + b"x" + content[61:], content[:40] + b"x", content[38:]):
+        with pytest.raises(BadRecording):
+            Recording.whole_frames(bad, frames)
+
+
+def test_a_call_that_is_held_goes_on_when_the_fault_is_disarmed(faulty, faults):
+    faults.hold("open")
+    before = faults.struck("open")
+    grab = faulty.client.begin("grab", faulty.world.path("cue"))
+    faults.wait_until_struck("open", before)
+    assert not grab.done()
+    faults.disarm("open")
+    grab.result()
+    assert faulty.client.get_status() == "on"

@@ -155,6 +155,7 @@ def test_the_output_none_writes_nothing_anywhere(world):
     [
         ("KADREL_LOG_LEVEL", ["", "x", "3x", "3.5", "99999999999"]),
         ("KADREL_LOG_OUTPUT", ["", "x", "Syslog", "1", "%n%s"]),
+        ("KADREL_WRITE_BUFFER_MIB", ["", "0", "-1", "1025", "x", "32x", "1.5", "99999999999", "%n%s"]),
         ("KADREL_UNIVERSE_COUNT", ["", "0", "-1", "32769", "x", "3x", "99999999999", "%n%s"]),
     ],
 )
@@ -172,6 +173,14 @@ def test_a_setting_that_is_not_understood_is_a_warning_and_the_usual_value(world
         assert len(asker.receive().data) == 239 and asker.waiting() == []
         service.stop()
         assert service.error_text == ""
+
+
+def test_the_least_and_the_most_memory_for_a_recording_are_understood(world):
+    for size in ("1", "1024"):
+        lines = world.log.mark()
+        service = world.start(environment={"KADREL_WRITE_BUFFER_MIB": size})
+        assert world.log.entries(lines) == START
+        service.stop()
 
 
 def test_levels_and_outputs_that_are_understood_warn_of_nothing(world):

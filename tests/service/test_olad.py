@@ -3,7 +3,7 @@
 import pytest
 from harness import ARTNET_PORT, Recording
 from harness.artnet import OP_DMX, dmx_data, opcode_of, port_address_of
-from texts import split_grab_text
+from texts import has_ended, split_grab_text
 
 FRAMES = [[number % 256, 255 - number % 256, *([number % 7] * 30)] for number in range(60)]
 
@@ -80,7 +80,7 @@ def test_a_channel_of_olads_starts_and_stops_the_recording(service, olad, captur
     olad.set_and_see(capture, 19, 3, [0, 0, 0, 0, 127, 0])
     olad.set_and_see(capture, 16, 0, [99, 99])
     service.settle(olad.host.endpoint())
-    assert client.get_status() == "off"
+    assert has_ended(client)
     on_the_wire = frames_on_the_wire(capture)
     levels = [dmx_data(frame)[4] if port_address_of(frame) == 3 else None for frame in on_the_wire]
     assert Recording.read(path).datagrams == on_the_wire[levels.index(200) + 1 : levels.index(127)]

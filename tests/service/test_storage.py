@@ -1,25 +1,29 @@
 """Recording to places that are full, odd, or go away."""
 
 import contextlib
+import errno
 import os
-import struct
 import subprocess
-import time
 from pathlib import Path
 
 import pytest
-from harness import Recording
+from harness import Recording, spin_until
 from harness.artnet import art_dmx, slots
+from harness.show import RECORD, Show
 from texts import (
+    AGAIN,
     DROPPING,
     FINALIZED,
     GRAB,
     GRAB_CANNOT_OPEN,
     GRABBING_STARTED,
     STOP,
-    dropped_for_a_while,
     dropped_to_the_end,
     grab_text,
+    losses,
+    takes_data_again,
+    waits_in_memory,
+    without_losses,
 )
 
 PAGE = 4096
@@ -45,13 +49,20 @@ def assert_records_again(service):
     assert service.client.latest_grab() == grab_text(path, False, 1, [1])
 
 
+FULL = waits_in_memory(errno.ENOSPC)
+
+
 def test_a_device_that_is_always_full_costs_nothing_but_the_recording(service, client):
-    lines = service.world.log.mark()
+    log, show = service.world.log, Show(service)
+    lines = log.mark()
     client.grab("/dev/full")
-    service.feed(frames(0, 300))
+    show.send(300)
+    show.send_until(FULL[1], lines)
     assert client.get_status() == "run"
     client.stop()
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, DROPPING, STOP, FINALIZED, dropped_to_the_end(300)]
+    entries, count = log.entries(lines), len(show.frames)
+    assert without_losses(entries) == [GRAB, GRABBING_STARTED, FULL, STOP, FINALIZED, dropped_to_the_end(count)]
+    assert losses(entries) == [(0, count, 0)]
     assert client.latest_grab() == grab_text("/dev/full", True, -1, [])
     assert_records_again(service)
 
@@ -64,19 +75,30 @@ def test_the_null_device_takes_a_recording(service, client):
     assert_records_again(service)
 
 
+DISK = 1024 * PAGE
+
+
 @pytest.fixture
-def small(service):
-    """A file system of 32 pages: (its path for the service, the same for this process)."""
-    path = service.world.path("small")
+def disk(world):
+    """A file system of 4 MiB: (its path for the service, the same for this process)."""
+    path = world.path("disk")
     os.mkdir(path)
-    service.world.namespaces.mount_tmpfs(path, 32 * PAGE)
-    return path, service.world.namespaces.root + path
+    world.namespaces.mount_tmpfs(path, DISK)
+    return path, world.namespaces.root + path
 
 
-def test_a_full_disk_at_the_start_gives_an_empty_recording(service, client, small):
-    inside, outside = small
-    namespaces = service.world.namespaces
-    namespaces.write_zeros(f"{inside}/ballast", 64 * PAGE)
+def fill(world, disk, left=0):
+    """Fills a disk but for so many bytes."""
+    world.namespaces.write_zeros(f"{disk[0]}/ballast", DISK - left if left else 2 * DISK)
+
+
+def make_room(world, disk):
+    world.namespaces.remove_file(f"{disk[0]}/ballast")
+
+
+def test_a_full_disk_at_the_start_gives_an_empty_recording(service, client, disk):
+    inside, outside = disk
+    fill(service.world, disk)
     client.grab(f"{inside}/cue")
     service.feed(frames(0, 100))
     client.stop()
@@ -85,81 +107,80 @@ def test_a_full_disk_at_the_start_gives_an_empty_recording(service, client, smal
     assert_records_again(service)
 
 
-def test_a_disk_that_fills_up_keeps_what_fitted(service, client, small):
-    inside, outside = small
-    sent = frames(0, 400)
+def test_a_disk_that_fills_up_keeps_what_fitted(service, client, disk):
+    """Whole records, and the log tells how many are missing."""
+    inside, outside = disk
+    fill(service.world, disk, 32 * PAGE)
+    lines = service.world.log.mark()
+    show = Show(service)
     client.grab(f"{inside}/cue")
-    service.feed(sent)
+    show.send(400)
+    show.send_until(FULL[1], lines)
     assert client.get_status() == "run"
     client.stop()
-    kept = Recording.read(f"{outside}/cue").datagrams
-    assert len(kept) > 0
-    assert kept == sent[: len(kept)]
-    assert os.path.getsize(f"{outside}/cue") <= 32 * PAGE
+    kept = show.kept(Recording.read(f"{outside}/cue"))
+    assert kept == list(range(len(kept)))
+    assert 16 * PAGE < len(kept) * RECORD <= 32 * PAGE
+    entries, lost = service.world.log.entries(lines), len(show.frames) - len(kept)
+    assert without_losses(entries) == [GRAB, GRABBING_STARTED, FULL, STOP, FINALIZED, dropped_to_the_end(lost)]
+    assert [(kernel, writer) for kernel, writer, _ in losses(entries)] == [(0, lost)]
     assert client.latest_grab() == grab_text(f"{inside}/cue", False, 1, [1])
     assert_records_again(service)
 
 
-def test_a_disk_with_room_again_takes_the_rest_of_the_recording(service, client, small):
-    inside, outside = small
-    namespaces = service.world.namespaces
-    namespaces.write_zeros(f"{inside}/ballast", 30 * PAGE)
+def test_a_disk_that_is_full_for_a_while_costs_nothing(service, client, disk):
+    inside, outside = disk
+    fill(service.world, disk, 8 * PAGE)
+    lines = service.world.log.mark()
+    show = Show(service)
     client.grab(f"{inside}/cue")
-    service.feed(frames(0, 150))
-    namespaces.remove_file(f"{inside}/ballast")
-    late = frames(1000, 60)
-    service.feed(late)
-    assert client.get_status() == "run"
+    show.send(200)
+    show.send_until(FULL[1], lines)
+    make_room(service.world, disk)
+    show.send_until(AGAIN, lines)
     client.stop()
-    content = Path(f"{outside}/cue").read_bytes()
-    assert len(content) > 2 * PAGE
-    # The end of the file is well formed and holds every datagram since there was room again.
-    tail = content[-len(late) * 548 :]
-    for number, frame in enumerate(late):
-        delay, datagram = tail[number * 548 : number * 548 + 18], tail[number * 548 + 18 : (number + 1) * 548]
-        assert delay[:10] == b"Art-Net\0\xfe\x00" and struct.unpack("<q", delay[10:])[0] > 0
-        assert datagram == frame
+    assert show.kept(Recording.read(f"{outside}/cue")) == list(range(len(show.frames)))
+    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, FULL, takes_data_again(0), STOP, FINALIZED]
     assert_records_again(service)
 
 
-def test_a_disk_that_is_full_for_a_while_bends_no_time(service, client, small):
-    """The pause before the first datagram after the outage lasts as long as the outage; the log tells of what is missing."""
-    inside, outside = small
-    namespaces = service.world.namespaces
-    namespaces.write_zeros(f"{inside}/ballast", 30 * PAGE)
-    early, late = frames(0, 120), frames(1000, 40)
-    client.grab(f"{inside}/cue")
-    lines = service.world.log.mark()
-    processed = {}
-    for frame in early:
-        service.feed([frame])
-        processed[frame] = time.monotonic_ns()
-    namespaces.remove_file(f"{inside}/ballast")
-    sent = time.monotonic_ns()
-    service.feed(late)
-    client.stop()
-    recording = Recording.read(f"{outside}/cue")
-    kept = recording.datagrams[: -len(late)]
-    assert kept == early[: len(kept)] and recording.datagrams[len(kept) :] == late
-    assert 16384 // 548 < len(kept) < len(early)
-    assert recording.delays[len(kept) - 1] >= sent - processed[kept[-1]]
-    assert service.world.log.entries(lines) == [
+def test_a_disk_that_is_full_for_longer_than_memory_lasts_bends_no_time(world, disk):
+    """The pause across the gap lasts as long as the gap; the log tells of what is missing."""
+    inside, outside = disk
+    service = world.start(environment={"KADREL_WRITE_BUFFER_MIB": "1"})
+    fill(world, disk, 8 * PAGE)
+    lines = world.log.mark()
+    show = Show(service)
+    service.client.grab(f"{inside}/cue")
+    show.send(2500)
+    world.log.wait_for_text(DROPPING[1], lines)
+    make_room(world, disk)
+    show.send_until(AGAIN, lines)
+    late = show.send(40)
+    service.client.stop()
+    kept = show.kept(Recording.read(f"{outside}/cue"))
+    missing = sorted(set(range(len(show.frames))) - set(kept))
+    assert missing == list(range(missing[0], missing[-1] + 1)) and missing[-1] < late[0]
+    entries = world.log.entries(lines)
+    assert [entry for entry in without_losses(entries) if entry != FULL] == [
+        GRAB,
         GRABBING_STARTED,
         DROPPING,
-        dropped_for_a_while(len(early) - len(kept)),
+        takes_data_again(len(missing)),
         STOP,
         FINALIZED,
     ]
+    assert entries.count(FULL) == 1
+    assert [(kernel, writer) for kernel, writer, _ in losses(entries)] == [(0, len(missing))]
 
 
-def test_a_full_disk_does_not_spoil_the_next_recording_on_the_same_disk(service, client, small):
-    inside, outside = small
-    namespaces = service.world.namespaces
-    namespaces.write_zeros(f"{inside}/ballast", 64 * PAGE)
+def test_a_full_disk_does_not_spoil_the_next_recording_on_the_same_disk(service, client, disk):
+    inside, outside = disk
+    fill(service.world, disk)
     client.grab(f"{inside}/cue")
     service.feed(frames(0, 100))
     client.stop()
-    namespaces.remove_file(f"{inside}/ballast")
+    make_room(service.world, disk)
     client.grab(f"{inside}/cue")
     service.feed(frames(7, 20))
     client.stop()
@@ -245,33 +266,63 @@ def test_a_named_pipe_that_is_read_takes_a_recording(service, client, pipe):
     assert_records_again(service)
 
 
-def test_the_slow_reader_of_a_pipe_misses_whole_records_and_holds_nobody_up(service, client, pipe):
+def test_the_slow_reader_of_a_pipe_gets_every_record_and_holds_nobody_up(service, client, pipe):
     path, reader = pipe
+    lines = service.world.log.mark()
+    show = Show(service)
     client.grab(path)
-    service.feed(frames(0, 400))
+    show.send(800)
     assert client.get_status() == "run"
     content = read_whole(reader)
-    service.feed(frames(1000, 40))
-    client.stop()
-    recorded = Recording.parse(content + read_whole(reader)).datagrams
-    early, late = recorded[:-40], recorded[-40:]
-    assert 16384 // 548 < len(early) < 400
-    assert early == [frame for frame in frames(0, 400) if frame in early]
-    assert late == frames(1000, 40)
+    show.send(40)
+    stop = client.begin("stop")
+    service.world.log.wait_for_text(FINALIZED[1], lines)
+    while not stop.done():
+        content += read_whole(reader)
+    stop.result()
+    assert show.kept(Recording.parse(content + read_whole(reader))) == list(range(840))
+    assert client.latest_grab() == grab_text(path, True, 1, [1])
+    assert service.world.log.entries(lines)[:-1] == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
     assert_records_again(service)
 
 
-def test_the_reader_of_a_pipe_may_leave(service, client):
-    path = service.world.path("pipe")
-    os.mkfifo(path)
-    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+def test_a_pipe_that_nobody_reads_any_more_keeps_stop_not_for_ever(service, client, pipe):
+    path, reader = pipe
+    lines = service.world.log.mark()
+    show = Show(service)
+    client.grab(path)
+    show.send(800)
+    client.stop()
+    content = read_whole(reader)
+    kept = Recording.whole_frames(content, show.frames)
+    entries = service.world.log.entries(lines)
+    assert dropped_to_the_end(800 - kept) in entries
+    assert [(kernel, writer) for kernel, writer, _ in losses(entries)] == [(0, 800 - kept)]
+    assert_records_again(service)
+
+
+def test_the_reader_of_a_pipe_may_leave(service, client, pipe):
+    path, reader = pipe
+    lines = service.world.log.mark()
     client.grab(path)
     service.feed(frames(0, 10))
-    os.close(reader)
-    service.feed(frames(10, 100))
+    content = b""
+
+    def all_there():
+        nonlocal content
+        content += read_whole(reader)
+        return len(content) == 10 * RECORD - 18
+
+    spin_until(all_there, "the first frames")
+    other = os.open("/dev/null", os.O_RDONLY)
+    os.dup2(other, reader)
+    os.close(other)
+    show = Show(service)
+    show.send_until(waits_in_memory(errno.EPIPE)[1], lines)
     assert client.get_status() == "run"
     client.stop()
-    assert client.latest_grab() == grab_text(path, True, -1, [])
+    assert dropped_to_the_end(len(show.frames)) in service.world.log.entries(lines)
+    assert client.latest_grab() == grab_text(path, True, 1, [1])
     assert_records_again(service)
 
 

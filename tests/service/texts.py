@@ -65,13 +65,57 @@ def emitted(service, datagrams):
     service.client.signals.wait_for(lambda signal: signal.arguments == end, f"the trigger {end}", start)
     return service.client.triggers(start)[:-1]
 
+
+def has_ended(client):
+    """Whether the record channel has ended the recording; its file is whole then."""
+    if client.get_status() != "off":
+        return False
+    client.latest_grab()
+    return True
+
+
 # A recording's file takes nothing for a while, or to the end.
 DROPPING = (WARNING, "[Dump::process_datagram] File takes no data, datagrams are dropped")
+AGAIN = "[Dump::process_datagram] File takes data again"
 
 
-def dropped_for_a_while(number):
-    return (WARNING, f"[Dump::process_datagram] File takes data again (dropped:{number})")
+def waits_in_memory(error):
+    return (WARNING, f"[Dump::process_datagram] File takes no data, datagrams wait in memory (errno:{error})")
+
+
+def takes_data_again(dropped):
+    return (WARNING, f"{AGAIN} (dropped:{dropped})")
 
 
 def dropped_to_the_end(number):
     return (WARNING, f"[Dump::finalize_grabbing] File took no data at the end (dropped:{number})")
+
+
+_LOST = re.compile(r"\[Dump::finalize_grabbing\] Recording lost datagrams \(kernel:(\d+), writer:(\d+), after:(\d+) ms\)")
+
+
+def losses(entries):
+    """Of each recording that lost any: datagrams dropped by the kernel, by the writer, ms from the first to the first loss."""
+    found = [(priority, _LOST.fullmatch(message)) for priority, message in entries]
+    assert {priority for priority, match in found if match} <= {WARNING}
+    return [tuple(map(int, match.groups())) for _, match in found if match]
+
+
+def without_losses(entries):
+    return [entry for entry in entries if not _LOST.fullmatch(entry[1])]
+
+
+_STILL_WAITING = re.compile(r"\[Dump::~Dump\] Waiting for the file, at most 10 s \(bytes:(\d+)\)")
+_GIVEN_UP = re.compile(r"\[Dump::~Dump\] File took no data at the end \(bytes:(\d+)\)")
+
+
+def end_waits(log, start):
+    """Waits for the line that the end waits for the disk. Bytes that are not in the file."""
+    line = log.wait_for(lambda line: _STILL_WAITING.fullmatch(line.message), "the end to wait", start)
+    assert line.priority == WARNING
+    return int(_STILL_WAITING.fullmatch(line.message)[1])
+
+
+def bytes_given_up(entries):
+    """Numbers of bytes that an end has given up; at most one."""
+    return [int(match[1]) for priority, message in entries if priority == WARNING and (match := _GIVEN_UP.fullmatch(message))]

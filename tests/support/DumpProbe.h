@@ -18,7 +18,8 @@ class DumpProbe {
 public:
   /// @param own_address  the appliance's address, 8 hexadecimal digits: datagrams from there are dropped
   explicit DumpProbe(qint32 announced = 1, const std::string& own_address = "")
-      : dump(new Dump({own_address, "", ""}, announced)) {
+      : dump(new Dump({own_address, "", ""}, announced, Dump::kWriteBuffer)) {
+    dump->writer->start();
     loop().socket = std::make_unique<kesto::net::UdpSocket>();
     loop().socket->initialize();
   }
@@ -37,8 +38,8 @@ public:
     loop().handle_datagram(guard);
   }
 
-  /// Does what the event loop would do: a recording that the record channel ended is concluded.
-  void conclude_ended_grab() { dump->conclude_ended_grab(); }
+  /// Waits for a recording that the record channel ended.
+  void settle_grabs() { dump->settle_grabs(); }
 
   /// Sends at most @p limit of the due ArtPollReplies.
   PollResponder::Wait send_poll_replies(int limit, qint64 now) {
@@ -66,8 +67,16 @@ public:
   int grab_max_universe() { return recorder().grab_max_universe; }
   int current_universe() { return recorder().current_universe; }
   const std::unordered_set<qint32>& grab_universes() { return recorder().grab_universes; }
-  bool file_is_open() { return recorder().file != nullptr; }
-  void flush_file() { recorder().file->flush(); }
+  /// Waits until everything recorded so far is in the file, or could not be written.
+  void flush_file() {
+    GrabWriter& writer = *dump->writer;
+    const kesto::MutexLock lock(writer.mutex);
+    GrabWriter::Grab& grab = writer.grabs.back();
+    grab.emptied = {};
+    writer.wake_up.wake();
+    while (grab.records.bytes() > 0 && grab.error == 0)
+      writer.settled.wait_until(writer.mutex, GrabWriter::Clock::now() + std::chrono::milliseconds(1));
+  }
   const GrabSummary& latest_grab_summary() const { return dump->latest_grab_summary; }
 
   ControlUniverse& control() NO_THREAD_SAFETY_ANALYSIS { return dump->state.control; }

@@ -398,6 +398,13 @@ class KadrelClient(Connection):
         reply = self.call_raw(SERVICE, PATH, INTERFACE, method, parameters, f"({outputs})", deadline)
         return reply[0] if outputs else None
 
+    def begin(self, method, *arguments):
+        """A call whose answer is taken later: a future with `done()` and `result()`."""
+        pool = ThreadPoolExecutor(1)
+        call = pool.submit(self.call, method, *arguments)
+        pool.shutdown(wait=False)
+        return call
+
     def call_in_parallel(self, calls):
         """Several calls at once, given as (method, arguments...); their results in the same order."""
         with ThreadPoolExecutor(len(calls)) as pool:

@@ -4,9 +4,10 @@ import struct
 from dataclasses import dataclass
 from pathlib import Path
 
-from .artnet import DMX_HEADER, IDENTIFIER, OP_DMX, OP_OEM_VFPS_NS, SLOTS, header
+from .artnet import DMX_HEADER, OP_DMX, OP_OEM_VFPS_NS, SLOTS, header
 
 DELAY_RECORD = 18
+DELAY_HEADER = header(OP_OEM_VFPS_NS)
 
 
 class BadRecording(AssertionError):
@@ -79,11 +80,28 @@ class Recording:
         return cls(records)
 
     @staticmethod
+    def whole_frames(content, datagrams):
+        """How many of these datagrams, which were all sent, a file holds that a kill may have cut off anywhere."""
+        offset = 0
+        for number, datagram in enumerate(datagrams):
+            delay = DELAY_RECORD if number else 0
+            record = content[offset : offset + delay + len(datagram)]
+            head = record[: min(delay, len(DELAY_HEADER))]
+            if not DELAY_HEADER.startswith(head) or not datagram.startswith(record[delay:]):
+                raise BadRecording(f"datagram {number} is not at offset {offset}")
+            if len(record) < delay + len(datagram):
+                return number
+            offset += len(record)
+        if offset < len(content):
+            raise BadRecording(f"{len(content) - offset} bytes behind the last datagram")
+        return len(datagrams)
+
+    @staticmethod
     def _delay(content, offset):
         record = content[offset : offset + DELAY_RECORD]
-        if len(record) < DELAY_RECORD or record[:10] != IDENTIFIER + struct.pack("<H", OP_OEM_VFPS_NS):
+        if len(record) < DELAY_RECORD or record[:10] != DELAY_HEADER:
             raise BadRecording(f"no delay record at offset {offset}: {record!r}")
         (delay,) = struct.unpack_from("<q", record, 10)
-        if delay <= 0:
+        if delay < 0:
             raise BadRecording(f"the pause at offset {offset} is {delay} ns")
         return delay, offset + DELAY_RECORD

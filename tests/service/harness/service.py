@@ -15,6 +15,7 @@ from .waiting import DEADLINE, Collector, DeadlinePassed, now, spin_until
 
 EXECUTABLE = Path(os.environ.get("KADREL_EXE", sanitizers.REPOSITORY / "build/release/kadrel")).resolve()
 PROGRAM = EXECUTABLE.name
+SANITIZED = EXECUTABLE.exists() and any(mark in EXECUTABLE.read_bytes() for mark in (b"__asan_init", b"__tsan_init"))
 READY = "[Dump::listen_incoming_data] This device IP is: "
 
 # A queued datagram takes twice its size and this much more of a socket's receive buffer; and the part of the buffer (208 KiB
@@ -96,6 +97,20 @@ class Process:
 
     def send_signal(self, number):
         signal.pidfd_send_signal(self._pidfd, number)
+
+    def halt(self):
+        """Stops the process as SIGSTOP does; returns when none of its threads runs any more."""
+        self.send_signal(signal.SIGSTOP)
+        tasks = Path(f"/proc/{self.pid}/task")
+
+        def state(task):
+            return (task / "stat").read_text(encoding="ascii").rpartition(")")[2].split()[0]
+
+        spin_until(lambda: all(state(task) == "T" for task in tasks.iterdir()), "the process to stop")
+
+    def go_on(self):
+        """Lets it go on after halt()."""
+        self.send_signal(signal.SIGCONT)
 
     def wait(self, deadline=DEADLINE):
         """The exit code (negative: the signal that ended it), after a look for sanitizer reports."""

@@ -18,8 +18,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <deque>
 #include <filesystem>
+#include <functional>
+#include <limits>
 #include <map>
 #include <new>
 #include <optional>
@@ -29,9 +33,11 @@
 #include <utility>
 #include <vector>
 
+#include "kesto/delay.h"
 #include "unit/support/child.h"
 #include "unit/support/private_network.h"
 
+using kesto::net::Datagram;
 using kesto::net::HostAddress;
 using kesto::net::UdpSocket;
 
@@ -44,6 +50,10 @@ struct System {
   std::optional<int> select_result;                // what select() returns without waiting
   std::optional<std::pair<int, int>> send_buffer;  // bytes in use and size that the system reports
   std::atomic<bool> selecting{false};
+  int socket = -1;                                       // the last one
+  std::function<void(msghdr&)> on_receive;               // changes what came with each datagram
+  std::size_t control_room = 0;                          // for the control messages of a datagram
+  std::function<std::int64_t()> steady_time, wall_time;  // instead of the clocks, ns
 };
 
 System& system_calls() {
@@ -83,13 +93,17 @@ ssize_t __real_sendto(int fd, const void* data, size_t size, int flags, const so
                       socklen_t length);
 ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
                       socklen_t length);
+kesto::Clock::time_point __real__ZN5kesto5Clock3nowEv();
+kesto::Clock::time_point __wrap__ZN5kesto5Clock3nowEv();
+std::chrono::system_clock::time_point __real__ZNSt6chrono3_V212system_clock3nowEv();
+std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv();
 int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
 
 int __wrap_socket(int domain, int type, int protocol) {
   if (fails("socket", std::to_string(domain) + ' ' + std::to_string(type) + ' ' + std::to_string(protocol)))
     return -1;
-  return __real_socket(domain, type, protocol);
+  return system_calls().socket = __real_socket(domain, type, protocol);
 }
 
 int __wrap_fcntl64(int fd, int command, ...) {
@@ -133,13 +147,27 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 
 int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned int count, int flags, timespec* timeout) {
   if (fails("recvmmsg", flags == MSG_DONTWAIT && timeout == nullptr ? "" : "waiting")) return -1;
-  return __real_recvmmsg(fd, messages, count, flags, timeout);
+  system_calls().control_room = messages[0].msg_hdr.msg_controllen;
+  const int received = __real_recvmmsg(fd, messages, count, flags, timeout);
+  for (int i = 0; i < received && system_calls().on_receive; ++i)
+    system_calls().on_receive(messages[i].msg_hdr);
+  return received;
 }
 
 ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
                       socklen_t length) {
   if (fails("sendto", std::to_string(size) + ' ' + std::to_string(flags))) return -1;
   return __real_sendto(fd, data, size, flags, address, length);
+}
+
+kesto::Clock::time_point __wrap__ZN5kesto5Clock3nowEv() {
+  if (!system_calls().steady_time) return __real__ZN5kesto5Clock3nowEv();
+  return kesto::Clock::time_point(kesto::Clock::duration(system_calls().steady_time()));
+}
+
+std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv() {
+  if (!system_calls().wall_time) return __real__ZNSt6chrono3_V212system_clock3nowEv();
+  return std::chrono::system_clock::time_point(std::chrono::nanoseconds(system_calls().wall_time()));
 }
 
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
@@ -262,6 +290,9 @@ protected:
     system_calls().errors.clear();
     system_calls().select_result.reset();
     system_calls().send_buffer.reset();
+    system_calls().on_receive = nullptr;
+    system_calls().steady_time = nullptr;
+    system_calls().wall_time = nullptr;
   }
 
   /// Binds the socket to a port that is free.
@@ -352,12 +383,16 @@ TEST_F(UdpSocketTest, QueriesBeforeCreationCreateNothing) {
   EXPECT_EQ(system_calls().calls, Calls{});
 }
 
-TEST_F(UdpSocketTest, InitializeMakesANonBlockingSocketWithBroadcastAndNothingElse) {
+TEST_F(UdpSocketTest, InitializeMakesANonBlockingSocketWithBroadcastThatTellsOfArrivalsAndDrops) {
   EXPECT_TRUE(socket.initialize());
-  EXPECT_EQ(system_calls().calls,
-            (Calls{"socket 2 2 0", "fcntl_get", "fcntl_set " + std::to_string(O_RDWR | O_NONBLOCK),
-                   "setsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_BROADCAST) + " 1 4",
-                   "getsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_SNDBUF)}));
+  const auto set = [](int option) {
+    return "setsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(option) + " 1 4";
+  };
+  EXPECT_EQ(
+      system_calls().calls,
+      (Calls{"socket 2 2 0", "fcntl_get", "fcntl_set " + std::to_string(O_RDWR | O_NONBLOCK),
+             set(SO_BROADCAST), "getsockopt " + std::to_string(SOL_SOCKET) + ' ' + std::to_string(SO_SNDBUF),
+             set(SO_TIMESTAMPNS), set(SO_RXQ_OVFL)}));
 }
 
 TEST_F(UdpSocketTest, InitializeDoesItsWorkOnce) {
@@ -692,18 +727,291 @@ TEST_F(UdpSocketTest, FetchedDatagramsAreReadyWithoutAWait) {
 TEST_F(UdpSocketTest, TakenDatagramKeepsItsBytesAndSender) {
   bind_somewhere();
   const Peer peer;
-  HostAddress address;
-  int sender_port = -1;
-  EXPECT_EQ(socket.takeDatagram(address, sender_port).data(), nullptr);
+  Datagram datagram;
+  EXPECT_FALSE(socket.takeDatagram(datagram));
   EXPECT_EQ(errno, EAGAIN);
   peer.send(std::string(65507, 'x'), port);
   peer.send("", port);
-  EXPECT_EQ(socket.takeDatagram(address, sender_port), std::string(65507, 'x'));
-  EXPECT_EQ(address, "127.0.0.2");
-  EXPECT_EQ(sender_port, peer.port());
-  const std::string_view empty = socket.takeDatagram(address, sender_port);
-  EXPECT_NE(empty.data(), nullptr);
-  EXPECT_EQ(empty.size(), 0U);
+  EXPECT_TRUE(socket.takeDatagram(datagram));
+  EXPECT_EQ(datagram.bytes, std::string(65507, 'x'));
+  EXPECT_EQ(datagram.sender_address, "127.0.0.2");
+  EXPECT_EQ(datagram.sender_port, peer.port());
+  EXPECT_TRUE(socket.takeDatagram(datagram));
+  EXPECT_EQ(datagram.bytes, "");
+}
+
+std::int64_t steady_time() {
+  return kesto::Clock::now().time_since_epoch().count();
+}
+
+/// A control message with its payload.
+template <typename Data>
+std::string control_message(int level, int type, Data data, std::size_t length = CMSG_LEN(sizeof(Data))) {
+  cmsghdr header{};
+  header.cmsg_len = static_cast<decltype(header.cmsg_len)>(length);
+  header.cmsg_level = level;
+  header.cmsg_type = type;
+  std::string bytes(CMSG_SPACE(sizeof data), '\0');
+  std::memcpy(bytes.data(), &header, sizeof header);
+  std::memcpy(bytes.data() + CMSG_LEN(0), &data, sizeof data);
+  return bytes;
+}
+
+timespec stamp(std::int64_t nanoseconds) {
+  timespec time{};
+  time.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+  time.tv_nsec = static_cast<long>(nanoseconds % 1'000'000'000);
+  return time;
+}
+
+/// Lets the datagrams that are received come with these control messages.
+void come_with(const std::string& messages) {
+  system_calls().on_receive = [messages](msghdr& header) {
+    ASSERT_GE(system_calls().control_room, messages.size());
+    std::memcpy(header.msg_control, messages.data(), messages.size());
+    header.msg_controllen = messages.size();
+  };
+}
+
+TEST_F(UdpSocketTest, TellsWhenEachDatagramArrived) {
+  bind_somewhere();
+  const Peer peer;
+  Datagram datagram;
+  // The kernel begins to stamp soon after it was asked to. The first looks at the clocks may be inexact.
+  constexpr int kExact = 50;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (int exact = 0; exact < kExact && std::chrono::steady_clock::now() < deadline;) {
+    peer.send("abc", port);
+    const std::int64_t sent = steady_time();
+    ASSERT_TRUE(socket.takeDatagram(datagram));
+    if (datagram.rx_time <= sent) ++exact;
+  }
+  // More than one batch.
+  std::vector<std::int64_t> moments;
+  for (int i = 0; i < 100; ++i) {
+    moments.push_back(steady_time());
+    peer.send("abc", port);
+  }
+  moments.push_back(steady_time());
+  for (std::size_t i = 0; i + 1 < moments.size(); ++i) {
+    ASSERT_TRUE(socket.takeDatagram(datagram));
+    EXPECT_TRUE(datagram.stamped);
+    EXPECT_GE(datagram.rx_time, moments[i]);
+    EXPECT_LE(datagram.rx_time, moments[i + 1]);
+    EXPECT_EQ(datagram.kernel_drops, 0U);
+  }
+}
+
+TEST_F(UdpSocketTest, CountsWhatDidNotFitIntoTheReceiveBuffer) {
+  constexpr int kSent = 100;
+  bind_somewhere();
+  const int size = 16384;
+  ASSERT_EQ(__real_setsockopt(system_calls().socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size), 0);
+  const Peer peer;
+  Datagram datagram;
+  std::uint32_t lost = 0;
+  for (int overflow = 0; overflow < 2; ++overflow) {
+    for (int i = 0; i < kSent; ++i) peer.send(std::string(1000, 'x'), port);
+    const auto dropped = socket.kernelDrops();
+    std::uint32_t received = 0;
+    while (socket.takeDatagram(datagram)) {
+      EXPECT_EQ(datagram.kernel_drops, lost);
+      ++received;
+    }
+    EXPECT_GT(received, 0U);
+    EXPECT_LT(received, kSent);
+    lost += kSent - received;
+    EXPECT_EQ(dropped, lost) << "the socket tells it before the next datagram does";
+    peer.send("next", port);
+    ASSERT_TRUE(socket.takeDatagram(datagram));
+    EXPECT_EQ(datagram.kernel_drops, lost);
+    EXPECT_TRUE(datagram.stamped);
+  }
+}
+
+TEST_F(UdpSocketTest, WorksWhereTheSystemRefusesToTellMore) {
+  struct Row {
+    const char* refused;
+    std::deque<int> errors;  // of the options, broadcast first
+    bool stamped;
+    bool counted;
+  };
+  for (const Row& row :
+       {Row{"nothing", {0, 0, 0}, true, true}, Row{"stamps", {0, ENOPROTOOPT, 0}, false, true},
+        Row{"drops", {0, 0, EPERM}, true, false}, Row{"both", {0, EPERM, EPERM}, false, false}}) {
+    SCOPED_TRACE(row.refused);
+    UdpSocket other;
+    const int other_port = free_port();
+    system_calls().errors["setsockopt"] = row.errors;
+    ASSERT_TRUE(other.bind(other_port));
+    const int size = 4096;
+    ASSERT_EQ(__real_setsockopt(system_calls().socket, SOL_SOCKET, SO_RCVBUF, &size, sizeof size), 0);
+    const Peer peer;
+    peer.send("abc", other_port);
+    const std::int64_t sent = steady_time();
+    Datagram datagram;
+    ASSERT_TRUE(other.takeDatagram(datagram));
+    EXPECT_EQ(datagram.bytes, "abc");
+    EXPECT_EQ(datagram.stamped, row.stamped);
+    EXPECT_LE(datagram.rx_time, steady_time());
+    if (!row.stamped) {
+      EXPECT_GE(datagram.rx_time, sent);
+    }
+    // Which are too many for the buffer.
+    std::uint32_t lost = 100;
+    for (std::uint32_t i = 0; i < 100; ++i) peer.send(std::string(1000, 'x'), other_port);
+    while (other.takeDatagram(datagram)) --lost;
+    peer.send("next", other_port);
+    ASSERT_TRUE(other.takeDatagram(datagram));
+    EXPECT_EQ(datagram.kernel_drops, row.counted ? lost : 0);
+    EXPECT_EQ(other.kernelDrops(), row.counted ? std::optional(lost) : std::nullopt);
+  }
+}
+
+/// Clocks that stand still but for what a test lets pass.
+struct Clocks {
+  static constexpr std::int64_t kDifference = 1'800'000'000'000'000'000;
+
+  /// The socket's clocks from now on. They are read in the order steady, wall, steady.
+  void install() {
+    system_calls().steady_time = [this] {
+      ++readings;
+      return steady;
+    };
+    system_calls().wall_time = [this] {
+      const std::int64_t wall = steady + kDifference;
+      if (!preemptions.empty()) {
+        steady += preemptions.front();
+        preemptions.pop_front();
+      }
+      return wall;
+    };
+  }
+
+  std::int64_t steady = 1'000'000'000'000;
+  std::deque<std::int64_t> preemptions;  // ns that pass after each reading of the wall clock
+  int readings = 0;                      // of the steady clock
+};
+
+TEST_F(UdpSocketTest, LooksAtTheClocksOnceAfterAFetchUnlessItWasPreempted) {
+  constexpr std::int64_t kMs = 1'000'000;
+  struct Row {
+    std::deque<std::int64_t> preemptions;
+    int readings;
+    std::int64_t error;  // of the arrival
+  };
+  for (const Row& row : {Row{{}, 2, 0}, Row{{4 * kMs, 0}, 4, 0}, Row{{4 * kMs, 6 * kMs, 0}, 6, 0},
+                         Row{{9 * kMs, 4 * kMs, 6 * kMs}, 6, 2 * kMs}}) {
+    Clocks clocks;
+    clocks.preemptions = row.preemptions;
+    const std::int64_t arrival = clocks.steady - 250 * kMs;
+    UdpSocket other;
+    const int other_port = free_port();
+    ASSERT_TRUE(other.bind(other_port));
+    come_with(control_message(SOL_SOCKET, SCM_TIMESTAMPNS, stamp(arrival + Clocks::kDifference)));
+    clocks.install();
+    const Peer peer;
+    for (int i = 0; i < 3; ++i) peer.send("abc", other_port);
+    Datagram datagram;
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_TRUE(other.takeDatagram(datagram));
+      EXPECT_TRUE(datagram.stamped);
+      EXPECT_EQ(datagram.rx_time, arrival + row.error);
+      EXPECT_EQ(clocks.readings, row.readings);
+    }
+    // Nothing was fetched.
+    EXPECT_FALSE(other.takeDatagram(datagram));
+    EXPECT_EQ(clocks.readings, row.readings);
+    reset();
+  }
+}
+
+TEST_F(UdpSocketTest, BelievesOnlyWholeControlMessages) {
+  Clocks clocks;
+  const std::int64_t arrival = clocks.steady - 1'000'000;
+  const timespec time = stamp(arrival + Clocks::kDifference);
+  const std::size_t length = CMSG_LEN(sizeof time);
+  const auto stamped = [&](std::size_t given) {
+    return control_message(SOL_SOCKET, SCM_TIMESTAMPNS, time, given);
+  };
+  const std::string good = stamped(length);
+  const std::string drops = control_message(SOL_SOCKET, SO_RXQ_OVFL, 0xFFFFFFFFU);
+  struct Row {
+    const char* what;
+    std::string messages;
+    bool stamped;
+    std::uint32_t drops;
+  };
+  const std::vector<Row> rows = {
+      {"none", "", false, 0},
+      {"both", good + drops, true, 0xFFFFFFFF},
+      {"the other order", drops + good, true, 0xFFFFFFFF},
+      {"a drop alone", drops, false, 0xFFFFFFFF},
+      {"less than a header", good.substr(0, sizeof(cmsghdr) - 1), false, 0},
+      {"a header alone", good.substr(0, sizeof(cmsghdr)), false, 0},
+      {"cut off", good.substr(0, length - 1), false, 0},
+      {"too short", stamped(length - 1) + drops, false, 0xFFFFFFFF},
+      {"too long", stamped(length + 1), false, 0},
+      {"beyond the end", stamped(1000) + drops, false, 0},
+      {"the longest length", stamped(~std::size_t{0}) + drops, false, 0},
+      {"no length", stamped(0) + drops, false, 0},
+      {"another level", control_message(IPPROTO_IP, SCM_TIMESTAMPNS, time) + drops, false, 0xFFFFFFFF},
+      {"another type", control_message(SOL_SOCKET, SO_RXQ_OVFL + 1, time) + drops, false, 0xFFFFFFFF},
+      {"a drop of another size", good + control_message(SOL_SOCKET, SO_RXQ_OVFL, std::uint16_t{9}), true, 0},
+  };
+  bind_somewhere();
+  const Peer peer;
+  clocks.install();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    come_with(row.messages);
+    peer.send("abc", port);
+    Datagram datagram;
+    ASSERT_TRUE(socket.takeDatagram(datagram));
+    EXPECT_EQ(datagram.stamped, row.stamped);
+    EXPECT_EQ(datagram.rx_time, row.stamped ? arrival : clocks.steady);
+    EXPECT_EQ(datagram.kernel_drops, row.drops);
+  }
+}
+
+TEST_F(UdpSocketTest, TakesTheTimeOfReadingForAStampThatMakesNoSense) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  bind_somewhere();
+  const Peer peer;
+  Clocks clocks;
+  clocks.install();
+  const std::int64_t wall = clocks.steady + Clocks::kDifference;
+  timespec largest{};
+  largest.tv_sec = std::numeric_limits<time_t>::max();
+  largest.tv_nsec = std::numeric_limits<long>::max();
+  for (const timespec& time :
+       {stamp(0), stamp(wall + 1), stamp(wall - 61 * kSecond), stamp(-wall), largest}) {
+    come_with(control_message(SOL_SOCKET, SCM_TIMESTAMPNS, time));
+    peer.send("abc", port);
+    Datagram datagram;
+    ASSERT_TRUE(socket.takeDatagram(datagram));
+    EXPECT_FALSE(datagram.stamped) << time.tv_sec;
+    EXPECT_EQ(datagram.rx_time, clocks.steady);
+  }
+}
+
+TEST_F(UdpSocketTest, GivesEverySlotItsWholeControlBufferAgain) {
+  bind_somewhere();
+  const Peer peer;
+  Datagram datagram;
+  for (int round = 0; round < 3; ++round) {
+    // The first slots are used in each round, with nothing in their control buffers the last time.
+    for (int i = 0; i < 3; ++i) peer.send("abc", port);
+    system_calls().on_receive = [](msghdr& header) { header.msg_controllen = 0; };
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(socket.takeDatagram(datagram));
+    EXPECT_FALSE(datagram.stamped);
+    system_calls().on_receive = nullptr;
+    for (int i = 0; i < 3; ++i) peer.send("abc", port);
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_TRUE(socket.takeDatagram(datagram));
+      EXPECT_TRUE(datagram.stamped);
+    }
+  }
 }
 
 TEST_F(UdpSocketTest, WriteSendsToTheAddressAndPort) {

@@ -60,12 +60,13 @@ private:
   void receive(const std::string& datagram) { probe.receive(datagram, "10.0.0.2", 6454, 0); }
 };
 
-TEST_F(RecordChannel, WhoReadsOffFindsTheFileComplete) {
+TEST_F(RecordChannel, WhoAsksForTheLatestGrabFindsTheFileComplete) {
   for (int i = 0; i < kRecordings; ++i) {
     grab();
     std::thread receiver([this] { record(); });
     while (probe->get_status() != QLatin1String("off")) {
     }
+    EXPECT_TRUE(probe->latest_grab().contains(QLatin1String("[1]")));
     EXPECT_EQ(size_of(file.path()), kSize);
     receiver.join();
   }

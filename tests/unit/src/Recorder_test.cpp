@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -21,6 +22,11 @@ public:
   static qint32 packet_count(const Recorder& recorder) { return recorder.grab_packet_count; }
 };
 
+class GrabWriterProbe {
+public:
+  static bool step(GrabWriter& writer) { return writer.step(GrabWriter::Clock::now()); }
+};
+
 namespace {
 
 using Level = ControlUniverse::RecordLevel;
@@ -36,7 +42,8 @@ std::string delay_record(std::int64_t nanoseconds) {
 class RecorderTest : public testing::Test {
 protected:
   void arm(bool by_record_channel = false) {
-    recorder.arm(RecordingFile::open(QString::fromStdString(file.path())), by_record_channel);
+    writer.begin(RecordingFile::open(QString::fromStdString(file.path())));
+    recorder.arm(by_record_channel);
   }
 
   /// A datagram of one ArtDmx. @param time  when it came, ns
@@ -48,19 +55,22 @@ protected:
   }
 
   Recorder::Verdict end(const std::string& bytes, std::int64_t time, bool good = true) {
-    Datagram datagram;
+    kesto::net::Datagram datagram;
     datagram.bytes = bytes;
     datagram.rx_time = time;
+    datagram.kernel_drops = kernel_drops;
     return recorder.end_datagram(datagram, good);
   }
 
   GrabSummary finish() {
     recorder.finalize_grabbing();
-    auto ended = recorder.take_ended_grab();
-    EXPECT_TRUE(ended);
-    const GrabSummary summary = ended->conclude();
-    dropped = ended->dropped;
-    return summary;
+    write_all();
+    const auto concluded = writer.take_concluded();
+    EXPECT_EQ(concluded.size(), 1U);
+    dropped = concluded.front().dropped_at_end;
+    losses = concluded.front().losses;
+    recovered = concluded.front().recovered_at_end;
+    return concluded.front().summary;
   }
 
   std::string content() const {
@@ -68,9 +78,19 @@ protected:
     return {std::istreambuf_iterator<char>(in), {}};
   }
 
+  /// Does what the writer thread would do.
+  void write_all() {
+    while (GrabWriterProbe::step(writer)) {
+    }
+  }
+
   unit::TemporaryFile file{""};
-  Recorder recorder;
-  quint64 dropped = 0;  // at the end of the recording
+  GrabWriter writer{1 << 20, [] {}};
+  Recorder recorder{writer};
+  std::uint32_t kernel_drops = 0;
+  quint64 dropped = 0;     // at the end of the recording
+  GrabLosses losses;       // of the whole recording
+  bool recovered = false;  // at the end
 };
 
 TEST_F(RecorderTest, PutsTheTimeBetweenTwoRecordedDatagramsBeforeTheSecond) {
@@ -91,6 +111,37 @@ TEST_F(RecorderTest, CountsTheTimeOfDatagramsThatAreNotRecorded) {
   receive("second", 1300);
   finish();
   EXPECT_EQ(content(), "first" + delay_record(300) + "second");
+}
+
+TEST_F(RecorderTest, HasNoPauseBeforeADatagramThatArrivedBeforeThePreviousOne) {
+  struct Row {
+    const char* what;
+    std::vector<std::int64_t> times;
+    std::vector<std::int64_t> pauses;
+  };
+  const std::vector<Row> rows = {
+      {"in order", {1000, 1004, 1010}, {4, 6}},
+      {"at the same time", {1000, 1000, 1000}, {0, 0}},
+      {"two changed places", {1000, 1008, 1004, 1010}, {8, 0, 2}},
+      {"one is far behind", {1000, 1008, 3, 1005, 1010}, {8, 0, 0, 2}},
+      {"the first arrived last", {1000, 990, 998, 1001}, {0, 0, 1}},
+      // Whatever the recording before it held.
+      {"an earlier recording", {500, 510}, {10}},
+      {"before the clock began", {-20, -5, -10, 5}, {15, 0, 10}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    arm();
+    std::string expected;
+    for (std::size_t i = 0; i < row.times.size(); ++i) {
+      const std::string datagram = "datagram " + std::to_string(i);
+      receive(datagram, row.times[i]);
+      if (i > 0) expected += delay_record(row.pauses[i - 1]);
+      expected += datagram;
+    }
+    finish();
+    EXPECT_EQ(content(), expected);
+  }
 }
 
 TEST_F(RecorderTest, SaysWhatBecameOfEachDatagram) {
@@ -206,59 +257,128 @@ TEST_F(RecorderTest, BeginsEachRecordingAnew) {
   EXPECT_EQ(summary.universes, std::unordered_set<qint32>{1});
 }
 
-TEST_F(RecorderTest, HasOneEndedGrabAfterEachEnd) {
-  EXPECT_FALSE(recorder.take_ended_grab());
+// 1 MiB of memory holds so many records of 8018 bytes: 32 in each block.
+constexpr int kHeld = 4 * 32;
+
+TEST_F(RecorderTest, SaysOnceThatAFileCannotBeWrittenAndThatItCanAgain) {
   arm();
-  recorder.finalize_grabbing();
-  EXPECT_TRUE(recorder.take_ended_grab());
-  EXPECT_FALSE(recorder.take_ended_grab());
+  receive("first", 0);
+  for (int outage = 0; outage < 3; ++outage) {
+    {
+      const unit::Room full(0);
+      GrabWriterProbe::step(writer);
+      EXPECT_EQ(receive("waits", 1).file_error, EFBIG);
+      GrabWriterProbe::step(writer);
+      const Recorder::Verdict next = receive("waits, too", 1);
+      EXPECT_TRUE(next.recorded);
+      EXPECT_EQ(next.file_error, 0);
+      EXPECT_FALSE(next.file_recovered);
+    }
+    write_all();
+    const Recorder::Verdict again = receive("again", 1);
+    EXPECT_TRUE(again.file_recovered);
+    EXPECT_EQ(again.dropped, 0U);
+    EXPECT_FALSE(receive("and again", 1).file_recovered);
+  }
+  finish();
+  EXPECT_EQ(dropped, 0U);
+  EXPECT_FALSE(losses.any());
 }
 
-// A disk that is full for a while: dropped datagrams count neither for the time nor for the summary.
-TEST_F(RecorderTest, KeepsTheTimeTrueOverDatagramsThatTheFileDidNotTake) {
+TEST_F(RecorderTest, TellsAtTheEndThatTheFileTookAllThatWaitedForIt) {
+  for (const bool recovers : {true, false}) {
+    arm();
+    {
+      const unit::Room full(0);
+      receive("waits", 1);
+      GrabWriterProbe::step(writer);
+      EXPECT_NE(receive("waits, too", 1).file_error, 0);
+      if (!recovers) finish();
+    }
+    if (recovers) finish();
+    EXPECT_EQ(recovered, recovers);
+    EXPECT_EQ(dropped, recovers ? 0U : 2U);
+  }
+}
+
+// A disk that stands still for a while: dropped datagrams count neither for the time nor for the summary.
+TEST_F(RecorderTest, KeepsTheTimeTrueOverDatagramsThatFoundNoMemory) {
   const std::string datagram(8000, 'd');
   arm();
-  {
-    const unit::Room full(0);
-    EXPECT_TRUE(receive(datagram, 0, 1).recorded);
-    EXPECT_TRUE(receive(datagram, 1, 1).recorded);  // 16 KiB are gathered
-    for (int i = 2; i < 5; ++i) {
-      const Recorder::Verdict verdict = receive(datagram, i, 9);
-      EXPECT_FALSE(verdict.recorded);
-      EXPECT_EQ(verdict.dropping_began, i == 2);
-      EXPECT_EQ(verdict.dropped, 0U);
-    }
+  std::string expected;
+  for (int i = 0; i < kHeld; ++i) {
+    EXPECT_TRUE(receive(datagram, i, 1).recorded);
+    if (i > 0) expected += delay_record(1);
+    expected += datagram;
   }
+  for (int i = 0; i < 3; ++i) {
+    const Recorder::Verdict verdict = receive(datagram, 7000000 + i, 9);
+    EXPECT_FALSE(verdict.recorded);
+    EXPECT_EQ(verdict.dropping_began, i == 0);
+    EXPECT_FALSE(verdict.file_recovered);
+  }
+  write_all();
   const Recorder::Verdict again = receive("later", 5000000000, 2);
   EXPECT_TRUE(again.recorded);
+  EXPECT_TRUE(again.file_recovered);
   EXPECT_EQ(again.dropped, 3U);
-  EXPECT_EQ(receive("last", 5000000001, 2).dropped, 0U);
+  EXPECT_FALSE(receive("last", 5000000001, 2).file_recovered);
   const GrabSummary summary = finish();
-  EXPECT_EQ(content(), datagram + delay_record(1) + datagram + delay_record(4999999999) + "later" +
-                           delay_record(1) + "last");
+  EXPECT_TRUE(content() ==
+              expected + delay_record(5000000000 - (kHeld - 1)) + "later" + delay_record(1) + "last");
   EXPECT_EQ(summary.universe_ceiling, 2);
   EXPECT_EQ(summary.universes, (std::unordered_set<qint32>{1, 2}));
   EXPECT_EQ(dropped, 0U);
+  EXPECT_EQ(losses.writer, 3U);
+  EXPECT_EQ(losses.kernel, 0U);
+  EXPECT_EQ(losses.began, 7000000);
 }
 
-TEST_F(RecorderTest, CountsWhatWasDroppedWhenTheDiskStaysFullToTheEnd) {
+TEST_F(RecorderTest, TellsOfEachTimeThatThereIsNoMemory) {
   const std::string datagram(8000, 'd');
   arm();
+  for (int outage = 0; outage < 3; ++outage) {
+    while (receive(datagram, 0).recorded) {
+    }
+    EXPECT_FALSE(receive(datagram, 0).dropping_began);
+    write_all();
+    EXPECT_EQ(receive(datagram, 0).dropped, 2U);
+  }
+  finish();
+  EXPECT_EQ(losses.writer, 6U);
+}
+
+TEST_F(RecorderTest, CountsWhatTheFileDidNotTakeAtTheEnd) {
+  arm();
   const unit::Room full(0);
-  for (int i = 0; i < 5; ++i) receive(datagram, i);
+  for (int i = 0; i < 5; ++i) receive("datagram", 1000 + i);
   const GrabSummary summary = finish();
   EXPECT_EQ(content(), "");
   EXPECT_TRUE(summary.empty);
   EXPECT_EQ(dropped, 5U);
+  EXPECT_EQ(losses.writer, 5U);
+  EXPECT_EQ(losses.began, 0);
+}
+
+TEST_F(RecorderTest, ARecordingOfOneDatagramThatAlsoEndsItBeginsWithIt) {
+  arm();
+  const unit::Room full(0);
+  recorder.begin_datagram();
+  recorder.trigger_dmx_grab(parsed_dmx(9, {}), Level::Off);
+  recorder.trigger_dmx_grab(parsed_dmx(1, {}), Level::Absent);
+  EXPECT_TRUE(end("both", 7000000000).ended);
+  finish();
+  EXPECT_EQ(losses.writer, 1U);
+  EXPECT_EQ(losses.began, 0);
 }
 
 TEST_F(RecorderTest, ReportsNoUniverseThatOnlyTheLostEndOfTheRecordingHeld) {
   arm();
-  receive("first", 0, 3);
-  receive("second", 1, 5);
-  receive("third", 2, 9);
-  receive("fourth", 3, 3);
-  receive("fifth", 4, 7);
+  receive("first", 10, 3);
+  receive("second", 11, 5);
+  receive("third", 22, 9);
+  receive("fourth", 33, 3);
+  receive("fifth", 44, 7);
   GrabSummary summary;
   {
     const unit::Room room(5 + 18 + 6 + 4);
@@ -266,23 +386,89 @@ TEST_F(RecorderTest, ReportsNoUniverseThatOnlyTheLostEndOfTheRecordingHeld) {
   }
   EXPECT_EQ(content(), "first" + delay_record(1) + "second");
   EXPECT_EQ(dropped, 3U);
+  EXPECT_EQ(losses.began, 12) << "the third is the first that is missing";
   EXPECT_EQ(summary.universe_ceiling, 5);
   EXPECT_EQ(summary.universes, (std::unordered_set<qint32>{3, 5}));
 }
 
-TEST_F(RecorderTest, TellsOfEachTimeThatTheDiskIsFull) {
-  const std::string datagram(16384 - 18, 'd');
-  arm();
-  for (int outage = 0; outage < 3; ++outage) {
-    {
-      receive(datagram, 0);
-      const unit::Room full(0);
-      EXPECT_TRUE(receive(datagram, 0).dropping_began);
-      EXPECT_FALSE(receive(datagram, 0).dropping_began);
+TEST_F(RecorderTest, CountsWhatTheKernelDroppedWhileItRecorded) {
+  struct Row {
+    const char* what;
+    std::vector<std::uint32_t> drops;  // as each datagram tells, 1 ms after the one before
+    quint64 lost;
+    qint64 began;
+  };
+  const std::vector<Row> rows = {
+      {"nothing", {0, 0, 0}, 0, 0},
+      {"before the recording", {7, 7, 7}, 0, 0},
+      {"once", {7, 7, 9, 9}, 2, 2000000},
+      {"twice", {9, 10, 10, 14}, 5, 1000000},
+      {"the count begins anew", {0xFFFFFFFF, 3}, 4, 1000000},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    // A count goes up by less than half of its range at a time.
+    for (std::uint32_t quarter = 1; quarter < 4; ++quarter)
+      recorder.note_kernel_drops(row.drops.front() / 4 * quarter, 0);
+    arm();
+    std::int64_t time = 500;
+    for (const std::uint32_t drops : row.drops) {
+      kernel_drops = drops;
+      receive("datagram", time);
+      time += 1000000;
     }
-    EXPECT_EQ(receive(datagram, 0).dropped, 2U);
+    finish();
+    EXPECT_EQ(losses.kernel, row.lost);
+    EXPECT_EQ(losses.writer, 0U);
+    EXPECT_EQ(losses.began, row.began);
+  }
+}
+
+TEST_F(RecorderTest, CountsNoDropTwiceWhenOlderDatagramsComeAfterTheEnd) {
+  arm();
+  receive("datagram", 0);
+  recorder.note_kernel_drops(5, 1000000);
+  finish();
+  EXPECT_EQ(losses.kernel, 5U);
+  arm();
+  for (const std::uint32_t told : {3U, 4U, 5U}) {
+    kernel_drops = told;
+    receive("datagram", 2000000);
   }
   finish();
+  EXPECT_EQ(losses.kernel, 0U);
+}
+
+TEST_F(RecorderTest, CountsWhatTheKernelDroppedAfterTheLastDatagram) {
+  kernel_drops = 4;
+  recorder.note_kernel_drops(4, 0);
+  arm();
+  receive("datagram", 1000000);
+  recorder.note_kernel_drops(10, 5000000);
+  finish();
+  EXPECT_EQ(losses.kernel, 6U);
+  EXPECT_EQ(losses.began, 4000000);
+}
+
+TEST_F(RecorderTest, TellsOfNoLossBeforeTheFirstDatagram) {
+  arm();
+  receive("the time of reading", 61000000000);
+  kernel_drops = 1;
+  receive("the time of arrival", 2000000000);
+  finish();
+  EXPECT_EQ(losses.kernel, 1U);
+  EXPECT_EQ(losses.began, 0);
+}
+
+TEST_F(RecorderTest, CountsWhatTheKernelDroppedBeforeADatagramThatIsNotRecorded) {
+  arm();
+  receive("datagram", 0);
+  kernel_drops = 5;
+  recorder.begin_datagram();
+  end("no ArtDmx", 3000000);
+  finish();
+  EXPECT_EQ(losses.kernel, 5U);
+  EXPECT_EQ(losses.began, 3000000);
 }
 
 }  // namespace

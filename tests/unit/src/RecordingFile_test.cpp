@@ -5,12 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "unit/support/lease_holder.h"
@@ -19,11 +20,24 @@
 
 namespace {
 
-using Kept = RecordingFile::Kept;
+/// Calls of sync_file_range: offset, bytes, flags.
+using Told = std::tuple<off64_t, off64_t, unsigned int>;
+std::vector<Told> told;
+
+}  // namespace
+
+// The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" int __real_sync_file_range(int fd, off64_t offset, off64_t size, unsigned int flags);
+extern "C" int __wrap_sync_file_range(int fd, off64_t offset, off64_t size, unsigned int flags) {
+  told.emplace_back(offset, size, flags);
+  return __real_sync_file_range(fd, offset, size, flags);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
 using unit::LeaseHolder;
 using unit::Room;
-
-constexpr qint64 kPlenty = 1000000;
 
 QString text(const std::string& path) {
   return QString::fromStdString(path);
@@ -38,13 +52,11 @@ TEST(RecordingFileOpen, MakesAFileAndEmptiesOneThatIsThere) {
   const unit::TemporaryFile file("old content");
   const std::string made = file.path() + "_made";
   for (const std::string& path : {file.path(), made}) {
-    auto recording = RecordingFile::open(text(path));
+    const auto recording = RecordingFile::open(text(path));
     ASSERT_NE(recording, nullptr) << path;
     EXPECT_EQ(recording->name().toStdString(), path);
-    EXPECT_EQ(recording->size_on_disk(), 0);
-    EXPECT_EQ(recording->append({}, "new"), Kept::Yes);
-    EXPECT_EQ(content_of(path), "");
-    recording.reset();
+    EXPECT_EQ(recording->size(), 0);
+    EXPECT_EQ(recording->write("new"), 3);
     EXPECT_EQ(content_of(path), "new");
   }
   unlink(made.c_str());
@@ -106,35 +118,26 @@ TEST(RecordingFileOpen, RefusesANamedPipeThatNobodyReads) {
 TEST(RecordingFile, GoesIntoANamedPipeThatIsRead) {
   PipeReader pipe;
   pipe.open_end();
-  auto recording = RecordingFile::open(text(pipe.path));
+  const auto recording = RecordingFile::open(text(pipe.path));
   ASSERT_NE(recording, nullptr);
-  EXPECT_EQ(recording->append({}, "first"), Kept::Yes);
-  EXPECT_EQ(recording->append("delay", "second"), Kept::Yes);
-  EXPECT_EQ(recording->flush(), 0U);
-  EXPECT_EQ(recording->size_on_disk(), 0);
-  EXPECT_EQ(pipe.read_all(), "firstdelaysecond");
+  EXPECT_EQ(recording->write("some bytes"), 10);
+  recording->cut(3);
+  EXPECT_EQ(recording->size(), 0);
+  EXPECT_EQ(pipe.read_all(), "some bytes");
 }
 
-TEST(RecordingFile, DropsWholeRecordsWhileTheReaderOfAPipeIsSlow) {
+TEST(RecordingFile, NeverWaitsForTheReaderOfAPipe) {
   PipeReader pipe;
   pipe.open_end();
   const auto recording = RecordingFile::open(text(pipe.path));
   ASSERT_NE(recording, nullptr);
-  std::string kept;
-  std::string read;
-  int dropped = 0;
-  for (int i = 0; i < 300; ++i) {
-    const std::string datagram(1000 + static_cast<std::size_t>(i), static_cast<char>('a' + i % 26));
-    if (recording->append("delay", datagram) == Kept::Yes)
-      kept += "delay" + datagram;
-    else
-      ++dropped;
-    if (i % 100 == 99) read += pipe.read_all();
-  }
-  EXPECT_EQ(recording->flush(), 0U);
-  read += pipe.read_all();
-  EXPECT_GT(dropped, 0);
-  EXPECT_TRUE(read == kept);
+  const std::string bytes(1 << 20, 'a');
+  const ssize_t taken = recording->write(bytes);
+  EXPECT_GT(taken, 0);
+  EXPECT_EQ(recording->write(bytes), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(pipe.read_all().size(), static_cast<std::size_t>(taken));
+  EXPECT_GT(recording->write(bytes), 0);
 }
 
 TEST(RecordingFile, OutlivesTheReaderOfAPipe) {
@@ -144,12 +147,11 @@ TEST(RecordingFile, OutlivesTheReaderOfAPipe) {
   const auto recording = RecordingFile::open(text(pipe.path));
   ASSERT_NE(recording, nullptr);
   pipe.close_end();
-  EXPECT_EQ(recording->append({}, std::string(16000, 'a')), Kept::Yes);
-  EXPECT_EQ(recording->append({}, std::string(16000, 'b')), Kept::No);
+  EXPECT_EQ(recording->write("nobody hears"), -1);
+  EXPECT_EQ(errno, EPIPE);
   pipe.open_end();
-  EXPECT_EQ(recording->append({}, std::string(16000, 'c')), Kept::Yes);
-  EXPECT_EQ(recording->flush(), 0U);
-  EXPECT_TRUE(pipe.read_all() == std::string(16000, 'a') + std::string(16000, 'c'));
+  EXPECT_EQ(recording->write("this is heard"), 13);
+  EXPECT_EQ(pipe.read_all(), "this is heard");
 }
 
 TEST(RecordingFileOpen, WaitsForALeaseThatIsGivenUp) {
@@ -175,190 +177,76 @@ TEST(RecordingFileOpen, RefusesWhatCannotBeAFile) {
     EXPECT_EQ(RecordingFile::open(QString::fromUtf8(path)), nullptr) << path;
 }
 
-/// One record for the file, and its fate.
-struct Step {
-  qint64 room;                  // largest size of the file on this disk, bytes
-  char name;                    // fills the record
-  std::size_t delay, datagram;  // bytes
-  Kept kept;
-  qint64 on_disk;  // afterwards
-};
-
-struct Course {
-  const char* what;
-  std::vector<Step> steps;
-  qint64 room_at_flush;
-  std::size_t lost;
-  std::string in_file;  // names of the records, after the flush
-};
-
-const std::vector<Course> kCourses = {
-    {"nothing is recorded", {}, kPlenty, 0, ""},
-    {"little is written by the flush alone",
-     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
-     kPlenty,
-     0,
-     "ab"},
-    {"16 KiB are gathered, no byte more",
-     {{kPlenty, 'a', 0, 8191, Kept::Yes, 0},
-      {kPlenty, 'b', 2, 8191, Kept::Yes, 0},
-      {kPlenty, 'c', 0, 1, Kept::Yes, 16384}},
-     kPlenty,
-     0,
-     "abc"},
-    {"a record that does not fit waits for the next write",
-     {{kPlenty, 'a', 0, 8000, Kept::Yes, 0},
-      {kPlenty, 'b', 18, 8000, Kept::Yes, 0},
-      {kPlenty, 'c', 18, 8000, Kept::Yes, 16018}},
-     kPlenty,
-     0,
-     "abc"},
-    {"a disk without room keeps what was gathered first, until there is room",
-     {{0, 'a', 0, 8000, Kept::Yes, 0},
-      {0, 'b', 18, 8000, Kept::Yes, 0},
-      {0, 'c', 18, 348, Kept::Yes, 0},
-      {0, 'd', 18, 348, Kept::No, 0},
-      {kPlenty, 'e', 18, 348, Kept::Yes, 16384}},
-     kPlenty,
-     0,
-     "abce"},
-    {"once a record was dropped, shorter ones that would fit are dropped, too, until the disk takes "
-     "something",
-     {{0, 'a', 0, 8000, Kept::Yes, 0},
-      {0, 'b', 18, 8000, Kept::Yes, 0},
-      {0, 'c', 18, 8000, Kept::No, 0},
-      {0, 'd', 18, 2, Kept::No, 0},
-      {0, 'e', 18, 8000, Kept::No, 0},
-      {1, 'f', 18, 2, Kept::Yes, 1},
-      {1, 'g', 18, 8000, Kept::No, 1},
-      {1, 'h', 18, 2, Kept::No, 1},
-      {kPlenty, 'i', 18, 2, Kept::Yes, 16038}},
-     kPlenty,
-     0,
-     "abfi"},
-    {"a disk that takes a part is given the rest once there is room",
-     {{5000, 'a', 0, 8000, Kept::Yes, 0},
-      {5000, 'b', 18, 8000, Kept::Yes, 0},
-      {5000, 'c', 18, 8000, Kept::No, 5000},
-      {5000, 'd', 18, 8000, Kept::No, 5000},
-      {kPlenty, 'e', 18, 8000, Kept::Yes, 16018}},
-     kPlenty,
-     0,
-     "abe"},
-    {"room that comes little by little lets in what fits in the buffer then",
-     {{100, 'a', 0, 8000, Kept::Yes, 0},
-      {100, 'b', 18, 8000, Kept::Yes, 0},
-      {100, 'c', 18, 8000, Kept::No, 100},
-      {7000, 'd', 18, 8000, Kept::No, 7000},
-      {7700, 'e', 18, 8000, Kept::Yes, 7700},
-      {20000, 'f', 18, 8000, Kept::Yes, 20000}},
-     kPlenty,
-     0,
-     "abef"},
-    {"a disk that stays full from the first byte on gets nothing",
-     {{0, 'a', 0, 530, Kept::Yes, 0}, {0, 'b', 18, 530, Kept::Yes, 0}},
-     0,
-     2,
-     ""},
-    {"a record that is written in part when the disk stays full is cut off again",
-     {{kPlenty, 'a', 0, 530, Kept::Yes, 0},
-      {kPlenty, 'b', 18, 530, Kept::Yes, 0},
-      {kPlenty, 'c', 18, 530, Kept::Yes, 0}},
-     1000,
-     2,
-     "a"},
-    {"a delay without its datagram is cut off again",
-     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
-     530 + 18,
-     1,
-     "a"},
-    {"a disk that is full after a whole record keeps it",
-     {{kPlenty, 'a', 0, 530, Kept::Yes, 0}, {kPlenty, 'b', 18, 530, Kept::Yes, 0}},
-     530,
-     1,
-     "a"},
-    {"a record cut by one write and cut again by the next is cut off whole",
-     {{100, 'a', 0, 8000, Kept::Yes, 0},
-      {100, 'b', 18, 8000, Kept::Yes, 0},
-      {9000, 'c', 18, 8000, Kept::Yes, 9000},
-      {9500, 'd', 18, 8000, Kept::No, 9500}},
-     9600,
-     2,
-     "a"},
-    {"what was cut by one write counts as kept once the next has completed it",
-     {{9000, 'a', 0, 8000, Kept::Yes, 0},
-      {9000, 'b', 18, 8000, Kept::Yes, 0},
-      {9000, 'c', 18, 8000, Kept::Yes, 9000}},
-     16018 + 10,
-     1,
-     "ab"},
-};
-
-TEST(RecordingFile, HoldsWholeRecordsWhateverTheDiskTakes) {
-  for (const Course& course : kCourses) {
-    SCOPED_TRACE(course.what);
-    const unit::TemporaryFile file("");
-    auto recording = RecordingFile::open(text(file.path()));
-    ASSERT_NE(recording, nullptr);
-    std::map<char, std::string> records;
-    for (const Step& step : course.steps) {
-      const std::string delay(step.delay, step.name);
-      const std::string datagram(step.datagram, step.name);
-      records[step.name] = delay + datagram;
-      const auto kept = [&] {
-        const Room room(step.room);
-        return recording->append(delay, datagram);
-      }();
-      EXPECT_EQ(kept, step.kept) << step.name;
-      EXPECT_EQ(recording->size_on_disk(), step.on_disk) << step.name;
-    }
-    const auto lost = [&] {
-      const Room room(course.room_at_flush);
-      return recording->flush();
-    }();
-    std::string expected;
-    for (const char name : course.in_file) expected += records[name];
-    EXPECT_EQ(lost, course.lost);
-    EXPECT_EQ(recording->size_on_disk(), static_cast<qint64>(expected.size()));
-    EXPECT_TRUE(content_of(file.path()) == expected);
-    recording.reset();
-    EXPECT_TRUE(content_of(file.path()) == expected) << "given up means not written later either";
-  }
-}
-
-TEST(RecordingFile, GoesOnAfterAFlushThatCutARecordOff) {
+TEST(RecordingFile, TakesWhatThereIsRoomForAndSaysWhyNoMore) {
   const unit::TemporaryFile file("");
   const auto recording = RecordingFile::open(text(file.path()));
   ASSERT_NE(recording, nullptr);
-  recording->append({}, "first");
-  recording->append("delay", "second");
   {
-    const Room room(12);
-    EXPECT_EQ(recording->flush(), 1U);
+    const Room room(7);
+    EXPECT_EQ(recording->write("0123456789"), 7);
+    EXPECT_EQ(recording->write("789"), -1);
+    EXPECT_EQ(errno, EFBIG);
   }
-  recording->append("delay", "third");
-  EXPECT_EQ(recording->flush(), 0U);
-  EXPECT_EQ(content_of(file.path()), "firstdelaythird");
+  EXPECT_EQ(recording->write("789"), 3);
+  EXPECT_EQ(recording->size(), 10);
+  recording->cut(4);
+  EXPECT_EQ(content_of(file.path()), "012345");
+  EXPECT_EQ(recording->write("abc"), 3);
+  EXPECT_EQ(content_of(file.path()), "012345abc");
 }
 
-TEST(RecordingFile, WritesWhatWasGatheredWhenItIsDestroyed) {
+TEST(RecordingFile, HoldsWhateverItIsGivenThroughManyPieces) {
   const unit::TemporaryFile file("");
-  auto recording = RecordingFile::open(text(file.path()));
+  const auto recording = RecordingFile::open(text(file.path()));
   ASSERT_NE(recording, nullptr);
-  recording->append({}, "first");
-  recording->append("delay", "second");
-  recording.reset();
-  EXPECT_EQ(content_of(file.path()), "firstdelaysecond");
+  std::string expected;
+  for (int i = 0; i < 40; ++i) {
+    const std::string bytes(100000 + static_cast<std::size_t>(i), static_cast<char>('a' + i % 26));
+    ASSERT_EQ(recording->write(bytes), static_cast<ssize_t>(bytes.size()));
+    expected += bytes;
+  }
+  EXPECT_EQ(recording->size(), static_cast<qint64>(expected.size()));
+  EXPECT_TRUE(content_of(file.path()) == expected);
 }
 
-TEST(RecordingFile, TakesADeviceThatIsAlwaysFull) {
+TEST(RecordingFile, TellsTheDiskToTakeWholePiecesAndWaitsForNone) {
+  constexpr off64_t kPiece = 1 << 20;
+  const unit::TemporaryFile file("");
+  const auto recording = RecordingFile::open(text(file.path()));
+  ASSERT_NE(recording, nullptr);
+  told.clear();
+  // Pieces that end with a write, within one, and two within one.
+  for (const off64_t size : {kPiece - 1, off64_t{1}, kPiece + 1, kPiece - 2, 2 * kPiece, off64_t{1}})
+    ASSERT_EQ(recording->write(std::string(static_cast<std::size_t>(size), 'a')), size);
+  const std::vector<Told> expected = {{0, kPiece, SYNC_FILE_RANGE_WRITE},
+                                      {kPiece, kPiece, SYNC_FILE_RANGE_WRITE},
+                                      {2 * kPiece, 2 * kPiece, SYNC_FILE_RANGE_WRITE},
+                                      {4 * kPiece, kPiece, SYNC_FILE_RANGE_WRITE}};
+  EXPECT_EQ(told, expected);
+}
+
+TEST(RecordingFile, SaysThatADeviceIsFull) {
   const auto recording = RecordingFile::open(QStringLiteral("/dev/full"));
   ASSERT_NE(recording, nullptr);
-  EXPECT_EQ(recording->append({}, std::string(8000, 'a')), Kept::Yes);
-  EXPECT_EQ(recording->append("delay", std::string(8191, 'b')), Kept::Yes);
-  EXPECT_EQ(recording->append("delay", std::string(8191, 'c')), Kept::No);
-  EXPECT_EQ(recording->flush(), 2U);
-  EXPECT_EQ(recording->size_on_disk(), 0);
+  EXPECT_EQ(recording->write("bytes"), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  recording->cut(3);
+  EXPECT_EQ(recording->size(), 0);
+}
+
+TEST(RecordingFile, IsTheSameByEachOfItsNames) {
+  const unit::TemporaryFile file("");
+  const std::string link = file.path() + "_link";
+  ASSERT_EQ(symlink(file.path().c_str(), link.c_str()), 0);
+  const auto recording = RecordingFile::open(text(link));
+  ASSERT_NE(recording, nullptr);
+  for (const std::string& path : {file.path(), link}) {
+    const auto identity = FileIdentity::of(text(path));
+    EXPECT_TRUE(identity && *identity == recording->identity()) << path;
+  }
+  EXPECT_FALSE(*FileIdentity::of(QStringLiteral("/dev/null")) == recording->identity());
+  EXPECT_FALSE(FileIdentity::of(QStringLiteral("/does/not/exist")));
+  unlink(link.c_str());
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ TEST(Settings, HaveDefaults) {
   EXPECT_EQ(settings.log_level, 3);
   EXPECT_EQ(settings.log_output, kesto::Logger::Syslog);
   EXPECT_EQ(settings.universe_count, 1);
+  EXPECT_EQ(settings.write_buffer_mib, 32);
   EXPECT_TRUE(settings.warnings.empty());
 }
 
@@ -43,6 +44,25 @@ TEST(Settings, WarnOfAnyOtherUniverseCountAndAnnounceOne) {
     EXPECT_EQ(settings.warnings,
               std::vector<std::string>{
                   "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:" + text + ")"});
+  }
+}
+
+TEST(Settings, TakeAWriteBufferFrom1To1024MiB) {
+  for (const auto& [text, mib] : std::map<std::string, int>{{"1", 1}, {"32", 32}, {"1024", 1024}}) {
+    const Settings settings = settings_of({{"KADREL_WRITE_BUFFER_MIB", text}});
+    EXPECT_EQ(settings.write_buffer_mib, mib);
+    EXPECT_TRUE(settings.warnings.empty());
+  }
+}
+
+TEST(Settings, WarnOfAnyOtherWriteBufferAndTake32MiB) {
+  for (const std::string text : {"", "0", "-1", "1025", "4294967328", "99999999999999999999", "32M", "x",
+                                 " 1", "1 ", "+1", "0.5", "0x10", "%d"}) {
+    const Settings settings = settings_of({{"KADREL_WRITE_BUFFER_MIB", text}});
+    EXPECT_EQ(settings.write_buffer_mib, 32) << text;
+    EXPECT_EQ(settings.warnings,
+              std::vector<std::string>{
+                  "KADREL_WRITE_BUFFER_MIB is not a number from 1 to 1024, using 32 (value:" + text + ")"});
   }
 }
 
@@ -86,13 +106,16 @@ TEST(Settings, WarnOfAnyOtherLogOutputAndUseTheSystemLog) {
 }
 
 TEST(Settings, WarnOfEachVariableThatIsNotUnderstoodAndTakeTheOthers) {
-  const Settings settings = settings_of(
-      {{"KADREL_LOG_LEVEL", "loud"}, {"KADREL_LOG_OUTPUT", "console"}, {"KADREL_UNIVERSE_COUNT", "many"}});
+  const Settings settings = settings_of({{"KADREL_LOG_LEVEL", "loud"},
+                                         {"KADREL_LOG_OUTPUT", "console"},
+                                         {"KADREL_UNIVERSE_COUNT", "many"},
+                                         {"KADREL_WRITE_BUFFER_MIB", "all"}});
   EXPECT_EQ(settings.log_output, kesto::Logger::Console);
   EXPECT_EQ(settings.warnings,
             (std::vector<std::string>{
                 "KADREL_LOG_LEVEL is not an integer, using 3 (value:loud)",
-                "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:many)"}));
+                "KADREL_UNIVERSE_COUNT is not a number from 1 to 32768, using 1 (value:many)",
+                "KADREL_WRITE_BUFFER_MIB is not a number from 1 to 1024, using 32 (value:all)"}));
 }
 
 }  // namespace
