@@ -41,7 +41,11 @@ void usage() {
       "  --segmented       hands up to 64 datagrams to the kernel as one, which it takes apart at the "
       "receiver's\n"
       "                    socket (UDP_SEGMENT): cheaper for the sender, other memory for the receiver\n"
+      "  --one-by-one      one call for each datagram, which tells its own time; else up to 64 leave "
+      "together\n"
+      "                    and tell the same\n"
       "  --replies R       sends ArtPollReplies of R nodes in turn instead of ArtDmx\n"
+      "  --polls           sends ArtPolls instead\n"
       "  --garbage         sends what is no Art-Net, or broken Art-Net, and never an ArtDmx\n"
       "  --late NS         a group that starts later than this is counted as late, 1000000\n"
       "Prints one JSON object.\n",
@@ -59,11 +63,29 @@ struct Options {
   std::int64_t late = 1'000'000;
   std::int64_t replies = 0;
   bool segmented = false;
+  bool one_by_one = false;
+  bool polls = false;
   bool garbage = false;
 };
 
+/// The setting behind an option without a value, or null.
+bool* flag_of(int option, Options& options) {
+  switch (option) {
+    case 'S':
+      return &options.segmented;
+    case 'O':
+      return &options.one_by_one;
+    case 'P':
+      return &options.polls;
+    case 'G':
+      return &options.garbage;
+    default:
+      return nullptr;
+  }
+}
+
 bool read_options(int argc, char** argv, Options& options) {
-  static const std::array<option, 13> known{{{"to", required_argument, nullptr, 't'},
+  static const std::array<option, 15> known{{{"to", required_argument, nullptr, 't'},
                                              {"port", required_argument, nullptr, 'p'},
                                              {"count", required_argument, nullptr, 'c'},
                                              {"universes", required_argument, nullptr, 'u'},
@@ -74,6 +96,8 @@ bool read_options(int argc, char** argv, Options& options) {
                                              {"late", required_argument, nullptr, 'l'},
                                              {"replies", required_argument, nullptr, 'r'},
                                              {"segmented", no_argument, nullptr, 'S'},
+                                             {"one-by-one", no_argument, nullptr, 'O'},
+                                             {"polls", no_argument, nullptr, 'P'},
                                              {"garbage", no_argument, nullptr, 'G'},
                                              {nullptr, 0, nullptr, 0}}};
   options.to.sin_family = AF_INET;
@@ -84,12 +108,8 @@ bool read_options(int argc, char** argv, Options& options) {
       if (inet_pton(AF_INET, optarg, &options.to.sin_addr) != 1) return false;
       continue;
     }
-    if (found == 'S') {
-      options.segmented = true;
-      continue;
-    }
-    if (found == 'G') {
-      options.garbage = true;
+    if (bool* const flag = flag_of(found, options)) {
+      *flag = true;
       continue;
     }
     char* end = nullptr;
@@ -148,6 +168,26 @@ void wait_until(std::int64_t when) {
 }
 
 /// Sends a datagram at a time, without any count in it.
+int send_one(const Options& options, int fd, std::int64_t due, const void* packet, std::size_t size) {
+  if (options.interval > 0) wait_until(due);
+  const auto* const to = reinterpret_cast<const sockaddr*>(&options.to);
+  if (sendto(fd, packet, size, 0, to, sizeof options.to) != -1) return 0;
+  perror("generator: sendto");
+  return 1;
+}
+
+int send_polls(const Options& options, int fd) {
+  ArtPoll poll{};
+  std::memcpy(poll.header.id, kArtNetId, kArtNetIdSize);
+  poll.header.opcode = OpPoll;
+  poll.prot_ver_lo = 14;
+  const std::int64_t began = now();
+  for (std::int64_t i = 0; i < options.count; ++i) {
+    if (send_one(options, fd, began + i * options.interval, &poll, sizeof poll) != 0) return 1;
+  }
+  return 0;
+}
+
 int send_replies(const Options& options, int fd) {
   ArtPollReply reply{};
   std::memcpy(reply.header.id, kArtNetId, kArtNetIdSize);
@@ -167,12 +207,7 @@ int send_replies(const Options& options, int fd) {
     reply.sw_out[0] = static_cast<std::uint8_t>(node % 16);
     snprintf(reply.short_name, sizeof reply.short_name, "node %u", static_cast<unsigned>(node));
     snprintf(reply.long_name, sizeof reply.long_name, "node %u of the bench", static_cast<unsigned>(node));
-    if (options.interval > 0) wait_until(began + i * options.interval);
-    const auto* const to = reinterpret_cast<const sockaddr*>(&options.to);
-    if (sendto(fd, &reply, sizeof reply, 0, to, sizeof options.to) == -1) {
-      perror("generator: sendto");
-      return 1;
-    }
+    if (send_one(options, fd, began + i * options.interval, &reply, sizeof reply) != 0) return 1;
   }
   return 0;
 }
@@ -320,12 +355,14 @@ int main(int argc, char** argv) {
     setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
   }
   prctl(PR_SET_TIMERSLACK, 1UL);
-  if (options.replies > 0 || options.garbage) {
-    const int result = options.garbage ? send_garbage(options, fd) : send_replies(options, fd);
+  if (options.replies > 0 || options.polls || options.garbage) {
+    const auto send = options.garbage ? send_garbage : options.polls ? send_polls : send_replies;
+    const int result = send(options, fd);
     close(fd);
     return result;
   }
 
+  const auto largest = options.one_by_one ? std::int64_t{1} : static_cast<std::int64_t>(kLargestBatch);
   Batch batch(options);
   std::int64_t sent = 0;
   std::int64_t late_groups = 0;
@@ -343,7 +380,7 @@ int main(int argc, char** argv) {
     ++groups;
     std::int64_t left = std::min(options.group, options.count - sent);
     while (left > 0) {
-      const auto size = static_cast<std::size_t>(std::min<std::int64_t>(left, kLargestBatch));
+      const auto size = static_cast<std::size_t>(std::min(left, largest));
       for (std::size_t i = 0; i < size; ++i) {
         batch.fill(i, options.first + sent + static_cast<std::int64_t>(i));
       }

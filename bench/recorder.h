@@ -1,6 +1,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,14 +49,26 @@ inline std::int64_t recorder_clock() {
 /// A recording: datagrams, and before each but the first an 18-byte delay record.
 class RecordingWriter {
 public:
-  explicit RecordingWriter(const char* path) : file(std::fopen(path, "wb")) {
+  explicit RecordingWriter(const char* path) {
+    // Its blocks go through a call of write() that a preload can hold up; the C library's own is out of
+    // reach.
+    const cookie_io_functions_t through{nullptr,
+                                        [](void* cookie, const char* data, std::size_t size) {
+                                          return ::write(*static_cast<int*>(cookie), data, size);
+                                        },
+                                        nullptr, nullptr};
+    fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd != -1) file = fopencookie(&fd, "wb", through);
     if (file == nullptr || setvbuf(file, buffer, _IOFBF, sizeof buffer) != 0) {
       perror("recorder: file");
       std::exit(1);
     }
     std::memcpy(delay, "Art-Net\0\xFE", 10);
   }
-  ~RecordingWriter() { std::fclose(file); }
+  ~RecordingWriter() {
+    std::fclose(file);
+    close(fd);
+  }
   RecordingWriter(const RecordingWriter&) = delete;
   RecordingWriter& operator=(const RecordingWriter&) = delete;
   RecordingWriter(RecordingWriter&&) = delete;
@@ -74,7 +87,8 @@ public:
 private:
   // The C library takes a size only together with the memory.
   char buffer[16 << 10];
-  std::FILE* file;
+  std::FILE* file = nullptr;
+  int fd = -1;
   char delay[18] = {};
   std::int64_t before = 0;  // ns; 0: nothing written yet
 };

@@ -17,6 +17,7 @@ from contenders import Tools, available  # noqa: E402
 from measurements import MEASUREMENTS  # noqa: E402
 from place import TOP  # noqa: E402
 from smoke import smoke  # noqa: E402
+from truth import SITUATIONS, UNIVERSES  # noqa: E402
 
 
 def executable(text):
@@ -35,13 +36,26 @@ def arguments():
     )
     parser.add_argument("--only", action="append", choices=MEASUREMENTS, metavar="MEASUREMENT", help=", ".join(MEASUREMENTS))
     parser.add_argument("--contender", action="append", metavar="NAME", help="leave out all others; again and again")
-    parser.add_argument("--rounds", type=int, default=15, help="rounds of a measurement; some need fewer (15)")
+    parser.add_argument("--rounds", type=int, help="rounds of a measurement; some need fewer (15; truth and stop_stall 1)")
+    parser.add_argument(
+        "--truth-case", action="append", choices=SITUATIONS, metavar="SITUATION", help=f"of truth: {', '.join(SITUATIONS)}"
+    )
+    parser.add_argument(
+        "--truth-universes",
+        action="append",
+        type=int,
+        metavar="N",
+        help=f"of truth, again and again ({', '.join(map(str, UNIVERSES))})",
+    )
+    parser.add_argument("--copy-mib", type=int, default=2048, help="MiB of the cue that truth duplicates (2048)")
     parser.add_argument("--callgrind-count", type=int, default=4000, help="datagrams of the shorter callgrind run (4000)")
     parser.add_argument("--long-recording", type=int, default=10_000_000, help="datagrams of the longest recording (10000000)")
     parser.add_argument("--strace", dest="use_perf", action="store_false", help="count system calls with strace, not perf")
     parser.add_argument("--output", help="directory of figures.json and of the profiles (build/bench)")
     settings = parser.parse_args()
-    if settings.rounds < 1 or settings.callgrind_count < 1 or settings.long_recording < 1:
+    settings.long_rounds = settings.rounds or 1
+    settings.rounds = settings.rounds or 15
+    if settings.rounds < 1 or settings.copy_mib < 1 or settings.callgrind_count < 1 or settings.long_recording < 1:
         parser.error("rounds and counts are 1 or more")
     settings.output = settings.output or settings.build
     settings.attempts = 3

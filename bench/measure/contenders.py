@@ -70,21 +70,12 @@ class Contender:
     def start(self, universes=1, buffer=None, wrapper=(), environment=None, core=1, begin=True, path=None):
         """Starts the program and lets it record (unless `begin` says no). `buffer`: bytes of its socket's receive buffer."""
         self.sent, self.universes = 0, universes
-        variables = {**self.variables(), **(environment or {})}
-        preload = [word for word in (variables.pop("LD_PRELOAD", None),) if word]
-        if buffer is not None:
-            preload.append(self.tools.path("libreceive_buffer.so"))
-            variables["BENCH_RECEIVE_BUFFER"] = str(buffer)
-        if preload:
-            variables["LD_PRELOAD"] = ":".join(preload)
         path = path or self.site.inside(self.file)
         if os.path.exists(self.site.outside(self.file)):
             os.unlink(self.site.outside(self.file))
-        assignments = [f"{name}={value}" for name, value in variables.items()]
         self.log = open(self._log_path(), "wb")  # noqa: SIM115  closed by stop()
-        self.process = self.site.popen(
-            ["env", *assignments, *wrapper, *self.command(path)], core=core, stdout=self.log, stderr=self.log
-        )
+        prefix = self._prefix({**self.variables(), **(environment or {})}, buffer, wrapper)
+        self.process = self.site.popen([*prefix, *self.command(path)], core=core, stdout=self.log, stderr=self.log)
         wait_for(lambda: self.ready() or self.process.poll() is not None, f"{self.name} to be ready")
         if self.process.poll() is not None:
             raise Trouble(f"{self.name} ended with {self.process.returncode}: {self.log_text()}")
@@ -92,6 +83,17 @@ class Contender:
         if begin:
             self.begin(path)
         self.wait_idle()
+
+    def _prefix(self, variables, buffer, wrapper):
+        """What stands before a command for these variables, this receive buffer, and this program that runs it."""
+        variables = dict(variables)
+        preload = [word for word in (variables.pop("LD_PRELOAD", None),) if word]
+        if buffer is not None:
+            preload.append(self.tools.path("libreceive_buffer.so"))
+            variables["BENCH_RECEIVE_BUFFER"] = str(buffer)
+        if preload:
+            variables["LD_PRELOAD"] = ":".join(preload)
+        return ["env", *(f"{name}={value}" for name, value in variables.items()), *wrapper]
 
     def _log_path(self):
         return f"{self.site.directory}/{self.file}.log"
@@ -145,13 +147,16 @@ class Contender:
         """Runs the generator; what it says of itself. The stream goes on where the last call ended."""
         return self.finish_sending(self.start_sending(count, group, interval, core, segmented))
 
-    def start_sending(self, count, group=1, interval=0, core=0, segmented=False):
+    def start_sending(self, count, group=1, interval=0, core=0, segmented=False, one_by_one=False):
+        """Starts the generator. `one_by_one`: each datagram of a group tells its own time, and costs its sender more."""
         group = group if interval else count
         command = [self.tools.path("generator"), "--to", APPLIANCE, "--count", str(count)]
         command += ["--universes", str(self.universes), "--group", str(group), "--interval", str(int(interval))]
         command += ["--first", str(self.sent)]
         if segmented:
             command.append("--segmented")
+        if one_by_one:
+            command.append("--one-by-one")
         self.sent += count
         if os.geteuid() == 0:
             # It sleeps between groups, and what it sends must leave when it is due.
@@ -188,12 +193,14 @@ class Contender:
         self.process = None
         self.log.close()
 
-    def account(self):
-        """What became of everything that was sent since `start`; to be called when the program has ended."""
-        command = [self.tools.path("account"), self.kind, self.site.outside(self.file)]
-        outcome = subprocess.run(
-            [*command, str(self.universes), "0", str(self.sent)], capture_output=True, text=True, check=False
-        )
+    def account(self, path=None, kind=None, schedule=None):
+        """What became of everything that was sent since `start`; to be called when the program has ended.
+
+        `path`, `kind`: of another file than its recording. `schedule`: the recording with whose times it is compared.
+        """
+        command = [self.tools.path("account"), kind or self.kind, path or self.site.outside(self.file)]
+        command += [str(self.universes), "0", str(self.sent), *([schedule] if schedule else ())]
+        outcome = subprocess.run(command, capture_output=True, text=True, check=False)
         if outcome.returncode != 0:
             raise Trouble(f"{self.name}: {outcome.stderr.strip()}")
         return json.loads(outcome.stdout)
@@ -281,6 +288,7 @@ class Ola(Contender):
     """olad with its own recorder: two processes, and a protocol between them. Art-Net input of four universes."""
 
     UNIVERSES = 4
+    kind = "show"
 
     def __init__(self, name, tools):
         super().__init__(name, tools)
@@ -290,7 +298,8 @@ class Ola(Contender):
     def pids(self):
         return [self.process.pid] + ([self.recorder.pid] if self.recorder else [])
 
-    def start(self, universes=4, **_options):
+    def start(self, universes=4, buffer=None, wrapper=(), environment=None, core=1, **_options):
+        """`buffer` is for olad, which runs as a user and gets what net.core.rmem_max allows; `environment` for the recorder."""
         self.sent, self.universes = 0, universes
         directory = f"{self.site.directory}/ola"
         shutil.rmtree(directory, ignore_errors=True)
@@ -306,7 +315,8 @@ class Ola(Contender):
         as_user = ("setpriv", "--reuid=olad", "--clear-groups") if os.geteuid() == 0 else ("unshare", "--user", "--map-user=1000")
         self.log = open(self._log_path(), "wb")  # noqa: SIM115  closed by stop()
         self.process = self.site.popen(
-            ["olad", "--no-http", "--no-register-with-dns-sd", "-l", "3", "-c", directory],
+            [*self._prefix({}, buffer, wrapper), "olad", "--no-http", "--no-register-with-dns-sd", "-l", "3", "-c", directory],
+            core=core,
             as_user=as_user,
             stdout=self.log,
             stderr=self.log,
@@ -321,7 +331,12 @@ class Ola(Contender):
             self.site.namespaces.run(["ola_patch", "-d", device, "-p", str(port), "-i", "-u", universe])
         recorded = ",".join(str(16 + port) for port in range(self.UNIVERSES))
         path = self.site.inside(self.file)
-        self.recorder = self.site.popen(["ola_recorder", "-r", path, "-u", recorded], stdout=self.log, stderr=self.log)
+        self.recorder = self.site.popen(
+            [*self._prefix(environment or {}, None, wrapper), "ola_recorder", "-r", path, "-u", recorded],
+            core=core,
+            stdout=self.log,
+            stderr=self.log,
+        )
         self._before = observe.UdpCounters.of(self.process.pid)
         wait_for(lambda: os.path.exists(self.site.outside(self.file)), "ola_recorder to record")
         self.wait_idle()
@@ -339,13 +354,6 @@ class Ola(Contender):
                     process.wait()
         self.process = self.recorder = None
         self.log.close()
-
-    def account(self):
-        """Its recording is text, one line of values for each frame; only their number is looked at."""
-        with open(self.site.outside(self.file), encoding="ascii", errors="replace") as file:
-            frames = sum("," in line for line in file)
-        nothing = dict.fromkeys(("duplicated", "reordered", "damaged", "foreign"), 0)
-        return {"records": frames, "lost": self.sent - frames, **nothing}
 
     def close(self):
         self.stop()

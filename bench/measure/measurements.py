@@ -14,6 +14,8 @@ import observe
 from contenders import PACKAGED_BUFFER, RAISED_BUFFER, Kadrel, Ola, Recorder, Tcpdump
 from observe import Trouble
 from stall import stalls
+from standstill import stop_stall
+from truth import truth
 
 SECOND = 1_000_000_000
 BACKLOG = 3000
@@ -597,4 +599,6 @@ MEASUREMENTS = {
     "nodes": Measurement(nodes, SERVICE, usual=False),
     "stall": Measurement(stalls, SERVICE, usual=False),
     "copy": Measurement(copying, SERVICE, usual=False),
+    "truth": Measurement(truth, EVERYBODY, usual=False),
+    "stop_stall": Measurement(stop_stall, SERVICE, usual=False),
 }

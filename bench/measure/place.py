@@ -9,7 +9,10 @@ import os
 import shutil
 import sys
 import tempfile
+from contextlib import contextmanager
 from pathlib import Path
+
+from observe import wait_for
 
 TOP = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(TOP / "tests/service"))
@@ -23,6 +26,9 @@ PORT = 6454
 MAC = {"appliance": "02:00:0a:4d:00:01", "peer": "02:00:0a:4d:00:02"}
 ADDRESS = {"appliance": APPLIANCE, "peer": PEER}
 RECORDING_SPACE = 12 << 30
+
+# Bytes that Site.capture keeps of each packet: all headers and what the generator marks a datagram with.
+CAPTURED = 128
 
 
 def processor(number):
@@ -95,6 +101,22 @@ class Site:
         """Starts a program on one processor, or anywhere with `core` None."""
         pinned = [] if core is None else ["taskset", "-c", str(processor(core))]
         return self.namespaces.popen([*pinned, *command], network, **arguments)
+
+    @contextmanager
+    def capture(self, name, *expression):
+        """While it lasts, tcpdump at the far end of the cable keeps the beginning of every packet that the expression names,
+        with the kernel's time; the path of the capture as this process sees it."""
+        log = Path(f"{self.directory}/{name}.log")
+        command = ["tcpdump", "-i", "eth0", "-B", "65536", "-s", str(CAPTURED), "--immediate-mode", "-U", "-Z", "root"]
+        command += ["--time-stamp-precision=nano", "-w", self.inside(name), *expression]
+        with open(log, "wb") as errors:
+            process = self.popen(command, "peer", core=0, stderr=errors)
+        try:
+            wait_for(lambda: b"listening on" in log.read_bytes() or process.poll() is not None, "tcpdump to listen")
+            yield self.outside(name)
+        finally:
+            process.terminate()
+            process.wait()
 
     def close(self):
         if self.bus is not None:

@@ -9,6 +9,8 @@ COMPARABLE = ("cpu_ns_per_datagram", "instructions_per_datagram", "calls_per_dat
 
 
 def number(value):
+    if isinstance(value, int):
+        return f"{value:,}"
     if value == 0 or abs(value) >= 1000:
         return f"{value:,.0f}"
     return f"{value:.3g}" if abs(value) < 1 else f"{value:.2f}"
@@ -28,6 +30,10 @@ def table(name, figures, description):
                 lines.append(f"  {who:28} {figure:36} " + ", ".join(f"{key} {value}" for key, value in values.items()))
                 continue
             if not values:
+                continue
+            if isinstance(values[0], dict):
+                medians = {key: statistics.median(one[key] for one in values if key in one) for key in values[-1]}
+                lines.append(f"  {who:28} {figure:36} " + ", ".join(f"{key} {number(value)}" for key, value in medians.items()))
                 continue
             median = statistics.median(values)
             line = f"  {who:28} {figure:36} {number(median):>10} {number(min(values)):>10} {number(max(values)):>10}"

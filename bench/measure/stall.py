@@ -15,67 +15,73 @@ SECOND = 1_000_000_000
 MARGIN = 0.7
 
 # Bytes as net.core.rmem_default would give them; 212,992 is the usual value.
-BUFFERS = {"212992": 212_992, "4_MiB": PACKAGED_BUFFER, "8_MiB": 2 * PACKAGED_BUFFER, "16_MiB": 4 * PACKAGED_BUFFER}
-STALLS = {"disk_2_s": ("disk", 2.0), "stopped_5_s": ("stopped", 5.0)}
+BUFFERS = {"212992": 212_992, "8_MiB": PACKAGED_BUFFER, "16_MiB": 2 * PACKAGED_BUFFER, "32_MiB": 4 * PACKAGED_BUFFER}
+STOPPED = 5.0
 
-# The largest stall without loss is looked for up to this many seconds, and so closely.
-LONGEST = {"212992": 0.2, "4_MiB": 4.0, "8_MiB": 8.0, "16_MiB": 16.0}
-STEPS = 6
+# KADREL_WRITE_BUFFER_MIB, and a write, in seconds, that this memory cannot outlast.
+WRITES = {1: 1.5, 4: 4.0, 8: 8.0, 16: 14.0, 32: 26.0}
 
 
-def lost_in(contender, buffer, kind, seconds):
-    """Datagrams that are not in the recording after one stall of `seconds`."""
-    table = f"{contender.site.directory}/faults"
-    library = contender.tools.directory.parent / "tests/faults/libfaults.so"
-    faults = Faults(table, library)
-    contender.start(
-        universes=UNIVERSES,
-        buffer=buffer,
-        core=None,
-        environment={"LD_PRELOAD": str(library), "KADREL_FAULTS": table},
-    )
+class SlowDisk(Faults):
+    """Writes of a contender into its recording that take long. `environment`: with which it has to be started."""
+
+    def __init__(self, contender):
+        table = f"{contender.site.directory}/faults"
+        library = contender.tools.directory.parent / "tests/faults/libfaults.so"
+        super().__init__(table, library)
+        self.environment = {"LD_PRELOAD": str(library), "KADREL_FAULTS": table}
+
+    def hold_up(self, seconds):
+        """Returns when a write has begun that takes `seconds`."""
+        self.arm("write", kind=FILE, times=1, delay=seconds)
+        wait_for(lambda: self.struck("write") == 1, "a write that stalls", deadline=10)
+
+
+def lost_in(contender, seconds, stall, disk, **options):
+    """Datagrams that are not in the recording after `stall`, which takes so many seconds."""
+    contender.start(universes=UNIVERSES, core=None, **options)
     frames = int((2 * MARGIN + seconds) * FRAME_RATE)
     generator = contender.start_sending(
         frames * UNIVERSES, group=UNIVERSES, interval=SECOND / FRAME_RATE, core=None
     )
     time.sleep(MARGIN)
-    if kind == "disk":
-        faults.arm("write", kind=FILE, times=1, delay=seconds)
-        wait_for(lambda: faults.struck("write") == 1, "a write that stalls")
-    else:
-        contender.pause()
-        time.sleep(seconds)
-        contender.go_on()
+    stall()
     contender.finish_sending(generator)
     contender.wait_idle()
     contender.stop()
-    faults.close()
+    if disk is not None:
+        disk.close()
     return contender.account()["lost"]
 
 
-def largest_without_loss(contender, buffer, longest):
-    """Seconds of a disk stall, found by halving."""
-    survived, too_long = 0.0, longest
-    for _ in range(STEPS):
-        tried = (survived + too_long) / 2
-        if lost_in(contender, buffer, "disk", tried) == 0:
-            survived = tried
-        else:
-            too_long = tried
-    return survived
+def lost_in_a_write(contender, seconds, write_buffer):
+    disk = SlowDisk(contender)
+    environment = {**disk.environment, "KADREL_WRITE_BUFFER_MIB": str(write_buffer)}
+    return lost_in(contender, seconds, lambda: disk.hold_up(seconds), disk, environment=environment, buffer=BUFFERS["212992"])
+
+
+def lost_while_stopped(contender, buffer):
+    def stop():
+        contender.pause()
+        time.sleep(STOPPED)
+        contender.go_on()
+
+    return lost_in(contender, STOPPED, stop, None, buffer=buffer)
 
 
 def stalls(contenders, settings):
-    """64 universes at 44 Hz, whole frames back to back: datagrams lost when a write into the recording takes 2 s, or the
-    recorder is stopped for 5 s, and the longest write of which nothing is lost; with several receive buffers."""
+    """64 universes at 44 Hz, whole frames back to back. For several write buffers (KADREL_WRITE_BUFFER_MIB), with the kernel's
+    own receive buffer: the longest write into the recording without loss, as what is lost in a longer one says. For several
+    receive buffers: datagrams lost while the recorder is stopped for 5 s."""
     figures = {}
+    rounds = min(3, settings.rounds)
     for contender in contenders:
         own = figures[contender.name] = {}
+        for write_buffer, seconds in WRITES.items():
+            lost = [lost_in_a_write(contender, seconds, write_buffer) for _ in range(rounds)]
+            own[f"longest_write_without_loss_ms_{write_buffer}_MiB"] = [
+                round(1000 * (seconds - count / (UNIVERSES * FRAME_RATE))) for count in lost
+            ]
         for name, buffer in BUFFERS.items():
-            for stall, (kind, seconds) in STALLS.items():
-                own[f"lost_{stall}_{name}"] = [
-                    lost_in(contender, buffer, kind, seconds) for _ in range(min(3, settings.rounds))
-                ]
-            longest = largest_without_loss(contender, buffer, LONGEST[name])
-            own[f"longest_without_loss_ms_{name}"] = [round(1000 * longest)]
+            own[f"lost_while_stopped_5_s_{name}"] = [lost_while_stopped(contender, buffer) for _ in range(rounds)]
     return figures
