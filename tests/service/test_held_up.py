@@ -16,7 +16,7 @@ from harness import DEADLINE, SERVICE, WARNING, Recording
 from harness.artnet import art_dmx, art_poll
 from harness.nodes import Detection, FakeNodes, node_reply
 from harness.service import EXECUTABLE, READY
-from harness.waiting import spin_until
+from harness.waiting import now, spin_until
 from texts import (
     BANNER,
     GRAB_CANNOT_OPEN,
@@ -299,11 +299,18 @@ def collide(number):
     return b"".join(b"BB" if number >> bit & 1 else b"Aa" for bit in range(15))
 
 
+# Seconds after its ArtPoll within which all replies of a cycle have to be in for the cycle to be judged. A cycle takes 3 s; a
+# machine that is busy with other things may need longer for 8,242 replies, and the service rightly takes no more of them then.
+IN_TIME = 2.2
+
+
+class LateReplies(Exception):
+    """The replies were not in soon enough after their ArtPoll to say anything about the cycle."""
+
+
 @pytest.mark.parametrize("long_name", [lambda number: b"forged", collide], ids=["by address", "by names that collide"])
-def test_forged_replies_cost_no_frame(service, long_name):
+def test_forged_replies_cost_no_frame(world, long_name):
     """The same replies in each cycle, of four ports each, with more ports than a cycle takes in."""
-    world, client = service.world, service.client
-    path = world.path("cue")
     addresses = [
         "10.66.6.6" if long_name is collide else f"{10 + number // 62500}.{number // 250 % 250}.{number % 250}.1"
         for number in range(NODE_LIMIT // 4 + 50)
@@ -313,6 +320,19 @@ def test_forged_replies_cost_no_frame(service, long_name):
         ("10.77.0.66", node_reply(address, [0, 1, 2, 3], b"forged", long_name(number)))
         for number, address in enumerate(addresses)
     ]
+    for _ in range(5):
+        service = world.start()
+        try:
+            two_cycles_of_forged_replies(service, forger, addresses, forged)
+            return
+        except LateReplies:
+            assert service.end() == 0
+    pytest.fail(f"{len(forged)} replies were never in within {IN_TIME} s")
+
+
+def two_cycles_of_forged_replies(service, forger, addresses, forged):
+    world, client = service.world, service.client
+    path = world.path("cue")
     lines = world.log.mark()
     frames = []
     client.grab(path)
@@ -320,19 +340,22 @@ def test_forged_replies_cost_no_frame(service, long_name):
         detection = Detection(service)
         detection.start()
         for cycle in (1, 2):
+            began = now()
             while len(nodes.answered.items) < cycle:
                 frames += MUSIC
                 service.feed(MUSIC)
             frames += MUSIC
             service.feed(MUSIC)
+            if now() - began > IN_TIME:
+                raise LateReplies
             assert detection.polls_waiting() == [], "the cycle was over before all replies were sent"
             assert world.log.entries(lines).count(TOO_MANY_NODES) == cycle
-            detection.next_poll()
-            if cycle == 1:
+            if cycle == 2:
                 announced = [f"1:{port}:{address}:6454;" for address in addresses for port in range(4)]
                 assert detection.messages() == ["".join(announced[:NODE_LIMIT])]
-            else:
-                assert detection.messages() == [], "every node of the cycle before was there again"
-            assert len(json.loads(client.get_detected_nodes())["nodes"]) == NODE_LIMIT
+                assert len(json.loads(client.get_detected_nodes())["nodes"]) == NODE_LIMIT
+            detection.next_poll()
+        assert detection.messages() == [], "every node of the cycle before was there again"
+        assert len(json.loads(client.get_detected_nodes())["nodes"]) == NODE_LIMIT
     client.stop()
     assert Recording.read(path).datagrams == frames
