@@ -54,13 +54,13 @@ mode_t new_file_mode() {
 
 }  // namespace
 
-AtomicFile::AtomicFile(std::string path, const std::vector<std::string>& inputs) : target(std::move(path)) {
+AtomicFile::AtomicFile(const Output& output, const std::vector<Input>& inputs) : target(output.path) {
   struct stat there {};
   if (stat(target.c_str(), &there) == 0) {
     if (!S_ISREG(there.st_mode)) throw CueError(target + ": not a regular file");
-    for (const std::string& input : inputs) {
+    for (const Input& input : inputs) {
       struct stat of_input {};
-      if (stat(input.c_str(), &of_input) == 0 && of_input.st_dev == there.st_dev &&
+      if (stat(input.path().c_str(), &of_input) == 0 && of_input.st_dev == there.st_dev &&
           of_input.st_ino == there.st_ino)
         throw CueError(target + ": the output would replace the input");
     }

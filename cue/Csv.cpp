@@ -35,11 +35,11 @@ std::uint16_t choose_universe(const RecordingInfo& info, std::optional<std::uint
   return info.universes.front().port_address;
 }
 
-ExportedCsv export_csv(const std::string& file, std::optional<std::uint16_t> port_address,
-                       const std::string& output) {
-  RecordingReader measure(file);
-  const RecordingInfo info = read_info(measure);
-  if (info.damage) throw CueError(damage_text(file, *info.damage));
+ExportedCsv export_csv(const Input& input, std::optional<std::uint16_t> port_address, const Output& output,
+                       const OnDamage& on_damage) {
+  Input file = input;
+  file.keep();
+  const RecordingInfo info = read_info(file, on_damage);
   const std::uint16_t wanted = choose_universe(info, port_address);
   std::size_t slots = 0;
   for (const UniverseInfo& universe : info.universes)
@@ -50,7 +50,7 @@ ExportedCsv export_csv(const std::string& file, std::optional<std::uint16_t> por
   for (std::size_t slot = 1; slot <= slots; ++slot) line += ",slot" + std::to_string(slot);
   csv.write(line + "\n");
   std::uint64_t lines = 0;
-  RecordingReader reader(file);
+  GoodRecords reader(file, on_damage ? [](const auto&, const auto&) {} : OnDamage());
   Record record;
   while (reader.next(record)) {
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {

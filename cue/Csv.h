@@ -2,7 +2,10 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
+
+#include "cue/AtomicFile.h"
+#include "cue/GoodRecords.h"
+#include "cue/Input.h"
 
 namespace cue {
 
@@ -17,8 +20,8 @@ struct ExportedCsv {
 /// ArtDmx with its time in seconds and its levels. A line with fewer slots is padded with empty fields.
 /// @param port_address  nothing: the only universe of the recording
 /// @throws CueError
-ExportedCsv export_csv(const std::string& file, std::optional<std::uint16_t> port_address,
-                       const std::string& output);
+ExportedCsv export_csv(const Input& file, std::optional<std::uint16_t> port_address, const Output& output,
+                       const OnDamage& on_damage = {});
 
 /// @p port_address, or without one the only universe. @throws CueError when the universe is not in the
 /// recording, or there are several to choose from

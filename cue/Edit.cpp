@@ -1,8 +1,5 @@
 #include "cue/Edit.h"
 
-#include "cue/CueError.h"
-#include "cue/RecordingInfo.h"
-#include "cue/RecordingReader.h"
 #include "cue/RecordingWriter.h"
 #include "cue/Time.h"
 #include "kesto/delay.h"
@@ -12,19 +9,14 @@ namespace {
 
 constexpr int kFullRate = 44;  // frames per second of a full DMX universe (ANSI E1.11)
 
-/// @throws CueError when reading ended at damage
-void expect_whole(const RecordingReader& reader) {
-  if (reader.damage()) throw CueError(damage_text(reader.name(), *reader.damage()));
-}
-
 }  // namespace
 
 std::int64_t default_gap() {
   return kesto::calculate_delay(kFullRate).count();
 }
 
-Written cut(const std::string& file, const Selection& selection, const std::string& output) {
-  RecordingReader reader(file);
+Written cut(const Input& file, const Selection& selection, const Output& output, const OnDamage& on_damage) {
+  GoodRecords reader(file, on_damage);
   RecordingWriter writer(output, {file});
   Selector selector(selection);
   Record record;
@@ -37,7 +29,6 @@ Written cut(const std::string& file, const Selection& selection, const std::stri
     writer.add(picked->data, picked->size, record.time - last);
     last = record.time;
   }
-  expect_whole(reader);
   writer.commit();
   return {writer.datagrams(), last - first};
 }
@@ -47,8 +38,8 @@ Written join(const JoinOptions& options) {
   Selector selector(options.selection);
   std::int64_t now = 0;   // in the joined recording
   std::int64_t last = 0;  // time of its last datagram
-  for (const std::string& file : options.files) {
-    RecordingReader reader(file);
+  for (const Input& file : options.files) {
+    GoodRecords reader(file, options.on_damage);
     const std::int64_t began = writer.datagrams() == 0 ? 0 : add_times(last, options.gap);
     std::int64_t first = -1;
     Record record;
@@ -60,7 +51,6 @@ Written join(const JoinOptions& options) {
       writer.add(picked->data, picked->size, now - last);
       last = now;
     }
-    expect_whole(reader);
   }
   writer.commit();
   return {writer.datagrams(), last};

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
+#include "cue/AtomicFile.h"
+#include "cue/GoodRecords.h"
 #include "cue/Selection.h"
 
 namespace cue {
@@ -13,10 +14,11 @@ namespace cue {
 std::int64_t default_gap();
 
 struct JoinOptions {
-  std::vector<std::string> files;
-  std::string output;
+  std::vector<Input> files;
+  Output output;
   std::int64_t gap = default_gap();  // ns from the last datagram of one to the first of the next
   Selection selection;               // its universes only
+  OnDamage on_damage;                // see GoodRecords
 };
 
 /// A written recording.
@@ -27,7 +29,8 @@ struct Written {
 
 /// Writes the datagrams of a selection as a recording of their own.
 /// @throws CueError when the file is damaged or cannot be read, or the output cannot be written
-Written cut(const std::string& file, const Selection& selection, const std::string& output);
+Written cut(const Input& file, const Selection& selection, const Output& output,
+            const OnDamage& on_damage = {});
 
 /// Writes recordings as one, in order. @throws CueError as cut()
 Written join(const JoinOptions& options);

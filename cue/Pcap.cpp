@@ -154,8 +154,8 @@ struct PcapCloser {
 
 }  // namespace
 
-std::uint64_t export_pcap(const std::string& file, const std::string& output) {
-  RecordingReader reader(file);
+std::uint64_t export_pcap(const Input& file, const Output& output, const OnDamage& on_damage) {
+  GoodRecords reader(file, on_damage);
   AtomicFile capture(output, {file});
   const pcap_file_header header{kNanosecondMagic, PCAP_VERSION_MAJOR, PCAP_VERSION_MINOR, 0, 0,
                                 kSnapLength,      DLT_EN10MB};
@@ -166,7 +166,8 @@ std::uint64_t export_pcap(const std::string& file, const std::string& output) {
     const FrameHeader frame = frame_header(record.size);
     const std::int64_t seconds = record.time / kSecond;
     if (seconds > std::numeric_limits<std::uint32_t>::max())
-      throw CueError(file + ": byte " + std::to_string(record.offset) + ": later than a capture can tell");
+      throw CueError(file.name() + ": byte " + std::to_string(record.offset) +
+                     ": later than a capture can tell");
     const auto size = static_cast<std::uint32_t>(frame.size() + record.size);
     const std::array<std::uint32_t, 4> packet = {
         static_cast<std::uint32_t>(seconds), static_cast<std::uint32_t>(record.time % kSecond), size, size};
@@ -175,12 +176,12 @@ std::uint64_t export_pcap(const std::string& file, const std::string& output) {
     capture.write(record.data, record.size);
     ++count;
   }
-  if (reader.damage()) throw CueError(damage_text(file, *reader.damage()));
   capture.commit();
   return count;
 }
 
-Imported import_pcap(const std::string& capture, int port, const std::string& output) {
+Imported import_pcap(const Input& input, int port, const Output& output) {
+  const std::string& capture = input.path();
   std::array<char, PCAP_ERRBUF_SIZE> error{};
   const std::unique_ptr<pcap_t, PcapCloser> pcap(
       pcap_open_offline_with_tstamp_precision(capture.c_str(), PCAP_TSTAMP_PRECISION_NANO, error.data()));
@@ -193,7 +194,7 @@ Imported import_pcap(const std::string& capture, int port, const std::string& ou
   if (!is_known_link(link_type))
     throw CueError(capture + ": frames of link type " + std::to_string(link_type) + " are not understood");
 
-  RecordingWriter writer(output, {capture});
+  RecordingWriter writer(output, {input});
   std::optional<std::int64_t> first;
   std::int64_t last = 0;
   Imported imported;

@@ -3,6 +3,10 @@
 #include <cstdint>
 #include <string>
 
+#include "cue/AtomicFile.h"
+#include "cue/GoodRecords.h"
+#include "cue/Input.h"
+
 namespace cue {
 
 /// Writes a recording as a capture of Ethernet frames (pcap, times in ns). A recording knows no
@@ -10,7 +14,7 @@ namespace cue {
 /// @return number of datagrams
 /// @throws CueError when the recording is damaged or longer than a capture can express, or a file cannot be
 /// read or written
-std::uint64_t export_pcap(const std::string& file, const std::string& output);
+std::uint64_t export_pcap(const Input& file, const Output& output, const OnDamage& on_damage = {});
 
 /// Outcome of an import.
 struct Imported {
@@ -25,6 +29,6 @@ struct Imported {
 /// Writes the Art-Net of a capture (pcap or pcapng) as a recording: the UDP datagrams to @p port that the
 /// recorder would write. Of a capture that breaks off, the good part is written.
 /// @throws CueError
-Imported import_pcap(const std::string& capture, int port, const std::string& output);
+Imported import_pcap(const Input& input, int port, const Output& output);
 
 }  // namespace cue

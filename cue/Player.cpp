@@ -61,7 +61,7 @@ void Player::send(const Bytes& datagram, Time deadline, std::uint64_t offset) {
   const int error = sink.send(datagram.data, datagram.size);
   if (error != 0) {
     if (play.lateness.count() == 0 && play.failed == 0)
-      throw CueError(options.file + ": byte " + std::to_string(offset) +
+      throw CueError(options.file.name() + ": byte " + std::to_string(offset) +
                      ": not sent: " + std::generic_category().message(error));
     if (play.failed++ == 0) {
       play.first_error = error;

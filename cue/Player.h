@@ -18,7 +18,7 @@
 namespace cue {
 
 struct PlayOptions {
-  std::string file;
+  Input file;
   Selection selection;
   int speed = 0;                           // per cent: 100 plays in half the time, -100 in twice the time
   std::optional<std::uint64_t> loops = 1;  // passes; nothing: until stopped

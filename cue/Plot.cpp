@@ -280,8 +280,9 @@ public:
     svg += format("<rect width=\"%d\" height=\"%d\" fill=\"#fff\"/>\n", kWidth, total);
     svg += format("<rect x=\"%d\" y=\"%d\" width=\"%zu\" height=\"%.1f\" fill=\"#8a929c\"/>\n", kLeft, kTop,
                   kColumns, height);
-    const std::size_t slash = options.file.rfind('/');
-    const std::string name = slash == std::string::npos ? options.file : options.file.substr(slash + 1);
+    const std::string& path = options.file.name();
+    const std::size_t slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     svg += text_at(kLeft, 28, "class=\"title\"", xml_text(name));
     std::string summary = format_time(info.duration) + ", " + std::to_string(info.datagrams) +
                           " datagrams, " + std::to_string(info.universes.size()) +
@@ -339,7 +340,7 @@ private:
 };
 
 void read_bands(const PlotOptions& options, std::map<std::uint16_t, Band>& bands, const TimeAxis& axis) {
-  RecordingReader reader(options.file);
+  GoodRecords reader(options.file, options.on_damage ? [](const auto&, const auto&) {} : OnDamage());
   Record record;
   while (reader.next(record) && record.time <= axis.end) {
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
@@ -356,10 +357,10 @@ std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, co
   for (const UniverseInfo& universe : info.universes)
     if (!options.selection.only || options.selection.only->holds(universe.port_address))
       shown.push_back(universe);
-  if (shown.empty()) throw CueError(options.file + ": holds nothing to draw");
+  if (shown.empty()) throw CueError(options.file.name() + ": holds nothing to draw");
   if (shown.size() > kMostBands)
-    throw CueError(options.file + ": holds " + std::to_string(shown.size()) + " universes; choose at most " +
-                   std::to_string(kMostBands) + " with --only");
+    throw CueError(options.file.name() + ": holds " + std::to_string(shown.size()) +
+                   " universes; choose at most " + std::to_string(kMostBands) + " with --only");
 
   const int band_height =
       std::clamp(kAllBandsHeight / static_cast<int>(shown.size()), kLowestBand, kHighestBand);
@@ -428,10 +429,9 @@ std::string plot_slots(const PlotOptions& options, const RecordingInfo& info, co
 
 }  // namespace
 
-std::int64_t plot(const PlotOptions& options) {
-  RecordingReader measure(options.file);
-  const RecordingInfo info = read_info(measure);
-  if (info.damage) throw CueError(damage_text(options.file, *info.damage));
+std::int64_t plot(PlotOptions options) {
+  options.file.keep();
+  const RecordingInfo info = read_info(options.file, options.on_damage);
   TimeAxis axis{std::min(options.selection.start, info.duration), info.duration};
   if (options.selection.stop) axis.end = std::min(axis.end, *options.selection.stop);
   AtomicFile file(options.output, {options.file});

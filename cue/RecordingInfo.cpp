@@ -53,6 +53,14 @@ RecordingInfo InfoCounter::result(const RecordingReader& reader) const {
   return result;
 }
 
+RecordingInfo read_info(const Input& input, const OnDamage& on_damage) {
+  GoodRecords records(input, on_damage);
+  InfoCounter counter;
+  Record record;
+  while (records.next(record)) counter.add(record);
+  return counter.result(records.reader());
+}
+
 RecordingInfo read_info(RecordingReader& reader) {
   InfoCounter counter;
   Record record;

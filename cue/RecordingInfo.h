@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cue/GoodRecords.h"
 #include "cue/RecordingReader.h"
 
 namespace cue {
@@ -47,6 +48,9 @@ private:
   RecordingInfo info;
   std::vector<std::int32_t> index;  // in info.universes, by port-address; -1: not met
 };
+
+/// Reads the good records of a recording; see GoodRecords. @throws CueError
+RecordingInfo read_info(const Input& input, const OnDamage& on_damage);
 
 /// Reads a recording to its end or damage. @throws CueError
 RecordingInfo read_info(RecordingReader& reader);

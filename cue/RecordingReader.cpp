@@ -1,10 +1,6 @@
 #include "cue/RecordingReader.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -19,46 +15,7 @@ namespace {
 // Most bytes needed at once: a datagram and its delay record, and the same again to look ahead.
 constexpr std::size_t kReach = 2 * (kLongestDatagram + kDelaySize);
 
-// Bytes that the disk reads ahead.
-constexpr off_t kReadAhead = off_t{1} << 20;
-
 constexpr std::size_t kDmxSlotsOffset = offsetof(ArtDmx, length);
-
-class OpenFile {
-public:
-  explicit OpenFile(const std::string& path) : fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd == -1) throw file_error(path, errno);
-    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  }
-  ~OpenFile() { close(fd); }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  OpenFile(OpenFile&&) = delete;
-  OpenFile& operator=(OpenFile&&) = delete;
-
-  std::size_t read(std::uint8_t* bytes, std::size_t size, const std::string& path) {
-    for (;;) {
-      const ssize_t count = ::read(fd, bytes, size);
-      if (count >= 0) {
-        // The disk reads the next part while this one is processed.
-        position += count;
-        if (count > 0) posix_fadvise(fd, position, kReadAhead, POSIX_FADV_WILLNEED);
-        return static_cast<std::size_t>(count);
-      }
-      if (errno != EINTR) throw file_error(path, errno);
-    }
-  }
-
-private:
-  int fd;
-  off_t position = 0;
-};
-
-RecordingReader::Source open_file(const std::string& path) {
-  // Shared, because a std::function must be copyable.
-  auto file = std::make_shared<OpenFile>(path);
-  return [file, path](std::uint8_t* bytes, std::size_t size) { return file->read(bytes, size, path); };
-}
 
 /// Identifier and OpCode of a packet as two numbers that compare at once.
 struct HeaderNumbers {
@@ -95,7 +52,7 @@ bool is_cut_delay(const std::uint8_t* bytes, std::size_t size) {
 
 }  // namespace
 
-RecordingReader::RecordingReader(const std::string& path) : RecordingReader(open_file(path), path) {}
+RecordingReader::RecordingReader(const Input& input) : RecordingReader(input.open(), input.name()) {}
 
 RecordingReader::RecordingReader(Source from, std::string name, std::size_t buffer_size)
     : source(std::move(from)), file_name(std::move(name)), buffer(std::max(buffer_size, 2 * kReach)) {}

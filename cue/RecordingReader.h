@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "cue/Input.h"
 
 namespace cue {
 
@@ -38,11 +38,10 @@ struct Damage {
 /// recorded datagrams, and which files can be read in two ways.
 class RecordingReader {
 public:
-  /// Delivers up to @p size bytes of the file, 0 at its end. @throws CueError
-  using Source = std::function<std::size_t(std::uint8_t* bytes, std::size_t size)>;
+  using Source = ByteSource;
 
   /// @throws CueError when the file cannot be opened
-  explicit RecordingReader(const std::string& path);
+  explicit RecordingReader(const Input& input);
 
   /// @param name         of the file in messages
   /// @param buffer_size  bytes; raised to the need of one step

@@ -14,8 +14,8 @@ namespace cue {
 class RecordingWriter {
 public:
   /// See AtomicFile. @throws CueError
-  explicit RecordingWriter(const std::string& path, const std::vector<std::string>& inputs = {})
-      : file(path, inputs) {}
+  explicit RecordingWriter(const Output& output, const std::vector<Input>& inputs = {})
+      : file(output, inputs) {}
 
   /// @param pause  ns since the datagram before, not negative; ignored for the first
   /// @throws CueError

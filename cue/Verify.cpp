@@ -25,10 +25,10 @@ Bytes good_part(const Record& record, std::size_t delay_at) {
 
 class Verifier {
 public:
-  Verifier(const VerifyOptions& wanted, const std::string& path, const VerifyReport& findings)
-      : options(wanted), reader(path), report(findings) {
-    if (!options.repaired.empty())
-      writer = std::make_unique<RecordingWriter>(options.repaired, std::vector<std::string>{path});
+  Verifier(const VerifyOptions& wanted, const Input& input, const VerifyReport& findings)
+      : options(wanted), reader(input), report(findings) {
+    if (options.repaired)
+      writer = std::make_unique<RecordingWriter>(*options.repaired, std::vector<Input>{input});
   }
 
   /// @return whether the file is whole
@@ -47,7 +47,7 @@ public:
     if (resumed) report.damage(reader.name() + ": " + counted(datagrams, "datagram") + " in all are good");
     if (writer) {
       writer->commit();
-      report.good(options.repaired + ": " + counted(writer->datagrams(), "datagram") + ", " +
+      report.good(options.repaired->name() + ": " + counted(writer->datagrams(), "datagram") + ", " +
                   format_time(written_until));
     }
     return whole;
@@ -59,6 +59,7 @@ private:
     while (reader.next(record)) {
       ++datagrams;
       last_time = record.time;
+      if (options.on_record) options.on_record(record);
       Bytes good{record.data, record.size};
       if (const auto delay = reader.delay_within()) {
         damaged = true;
@@ -123,7 +124,7 @@ private:
 
 }  // namespace
 
-bool verify(const std::string& file, const VerifyOptions& options, const VerifyReport& report) {
+bool verify(const Input& file, const VerifyOptions& options, const VerifyReport& report) {
   return Verifier(options, file, report).run();
 }
 

@@ -1,13 +1,19 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
+
+#include "cue/AtomicFile.h"
+#include "cue/Input.h"
+#include "cue/RecordingReader.h"
 
 namespace cue {
 
 struct VerifyOptions {
-  bool strict = false;   // a datagram that is more than one ArtDmx packet counts as damaged
-  std::string repaired;  // file for the good records; empty: none
+  bool strict = false;             // a datagram that is more than one ArtDmx packet counts as damaged
+  std::optional<Output> repaired;  // file for the good records
+  std::function<void(const Record&)> on_record;  // called with each datagram that is read; may be empty
 };
 
 /// Takes the findings, each one line without a newline.
@@ -18,6 +24,6 @@ struct VerifyReport {
 
 /// Judges a recording, and repairs it if wanted. @return whether it is whole
 /// @throws CueError when the file cannot be read, or the repaired one cannot be written
-bool verify(const std::string& file, const VerifyOptions& options, const VerifyReport& report);
+bool verify(const Input& file, const VerifyOptions& options, const VerifyReport& report);
 
 }  // namespace cue

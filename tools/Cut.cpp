@@ -1,5 +1,4 @@
 #include <ostream>
-#include <string>
 
 #include "cue/Edit.h"
 #include "cue/Text.h"
@@ -18,7 +17,7 @@ public:
         add_command(app, "cut", "Writes a part of a recording as a recording of its own.",
                     "  kadrel-cue cut show.cue --start 10 --stop 1m30.5 -o verse.cue\n"
                     "  kadrel-cue cut show.cue --only 1,5-8 -o front.cue");
-    command->add_option("FILE", file, "Recording")->required()->type_name("");
+    add_input(*command, "FILE", file, "Recording");
     add_time_range(*command, selection);
     add_only(*command, selection);
     add_output(*command, output)->required();
@@ -30,14 +29,14 @@ public:
   int run(std::ostream& out, std::ostream& /*err*/) override {
     clear_away_on_signals();
     const cue::Written written = cue::cut(file, selection, output);
-    out << output << ": " << cue::counted(written.datagrams, "datagram") << ", "
+    out << output.name() << ": " << cue::counted(written.datagrams, "datagram") << ", "
         << cue::format_time(written.duration) << "\n";
     return 0;
   }
 
 private:
-  std::string file;
-  std::string output;
+  cue::Input file;
+  cue::Output output;
   cue::Selection selection;
 };
 

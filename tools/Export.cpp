@@ -24,7 +24,7 @@ public:
     CLI::App* const command = add_command(app, "export", "Writes a recording for other programs.",
                                           "  kadrel-cue export show.cue --pcap show.pcap\n"
                                           "  kadrel-cue export show.cue --csv front.csv --universe 5");
-    command->add_option("FILE", file, "Recording")->required()->type_name("");
+    add_input(*command, "FILE", file, "Recording");
     pcap =
         command->add_option("--pcap", pcap_output, "A capture with nanoseconds, for Wireshark and the like")
             ->type_name("OUT");
@@ -55,7 +55,7 @@ public:
   }
 
 private:
-  std::string file;
+  cue::Input file;
   std::string pcap_output;
   std::string csv_output;
   std::optional<std::uint16_t> csv_universe;

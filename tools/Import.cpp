@@ -21,7 +21,7 @@ public:
   CLI::App* add_to(CLI::App& app) override {
     CLI::App* const command = add_command(app, "import", "Makes a recording of the Art-Net in a capture.",
                                           "  kadrel-cue import show.pcapng -o show.cue");
-    command->add_option("IN", capture, "Capture: pcap or pcapng")->required()->type_name("");
+    add_input(*command, "IN", capture, "Capture: pcap or pcapng");
     command->add_option("--port", port, "UDP port of the datagrams to take")
         ->check(CLI::Range(1, 65535))
         ->capture_default_str()
@@ -33,18 +33,18 @@ public:
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
     const cue::Imported imported = cue::import_pcap(capture, port, output);
-    out << output << ": " << cue::counted(imported.datagrams, "datagram") << ", "
+    out << output.name() << ": " << cue::counted(imported.datagrams, "datagram") << ", "
         << cue::format_time(imported.duration) << left_out_text(imported.refused, "without a whole ArtDmx")
         << left_out_text(imported.fragments, "fragments")
         << left_out_text(imported.cut_off, "cut off by the capture") << "\n";
     if (imported.error.empty()) return 0;
-    err << "kadrel-cue: " << capture << ": " << imported.error << "\n";
+    err << "kadrel-cue: " << capture.name() << ": " << imported.error << "\n";
     return 1;
   }
 
 private:
-  std::string capture;
-  std::string output;
+  cue::Input capture;
+  cue::Output output;
   int port = kArtNetPort;
 };
 

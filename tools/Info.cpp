@@ -86,7 +86,7 @@ public:
     CLI::App* const command = add_command(app, "info", "Shows what is in recordings.",
                                           "  kadrel-cue info show.cue\n"
                                           "  kadrel-cue info --json *.cue | jq '.[] | {file, datagrams}'");
-    command->add_option("FILE", files, "Recordings")->required()->type_name("");
+    add_inputs(*command, files, "Recordings");
     command->add_flag("--json", json, "For programs: a JSON list with an object for each file");
     return command;
   }
@@ -95,7 +95,7 @@ public:
     int code = 0;
     const char* separator = "";
     if (json) out << "[";
-    for (const std::string& file : files) {
+    for (const cue::Input& file : files) {
       try {
         cue::RecordingReader reader(file);
         const cue::RecordingInfo info = cue::read_info(reader);
@@ -105,7 +105,7 @@ public:
           write_json(out, info);
         else
           write_table(out, info);
-        if (info.damage) throw cue::CueError(cue::damage_text(file, *info.damage));
+        if (info.damage) throw cue::CueError(cue::damage_text(file.name(), *info.damage));
       } catch (const cue::CueError& error) {
         err << "kadrel-cue: " << error.what() << "\n";
         code = 1;
@@ -116,7 +116,7 @@ public:
   }
 
 private:
-  std::vector<std::string> files;
+  std::vector<cue::Input> files;
   bool json = false;
 };
 

@@ -16,7 +16,7 @@ public:
     CLI::App* const command = add_command(app, "join", "Writes recordings one after the other as one.",
                                           "  kadrel-cue join verse.cue chorus.cue -o song.cue\n"
                                           "  kadrel-cue join --gap 2 verse.cue chorus.cue -o song.cue");
-    command->add_option("FILE", options.files, "Recordings, in order")->required()->type_name("");
+    add_inputs(*command, options.files, "Recordings, in order");
     add_gap(*command, options.gap, "recordings");
     add_only(*command, options.selection);
     add_output(*command, options.output)->required();
@@ -26,7 +26,7 @@ public:
   int run(std::ostream& out, std::ostream& /*err*/) override {
     clear_away_on_signals();
     const cue::Written written = cue::join(options);
-    out << options.output << ": " << cue::counted(written.datagrams, "datagram") << ", "
+    out << options.output.name() << ": " << cue::counted(written.datagrams, "datagram") << ", "
         << cue::format_time(written.duration) << "\n";
     return 0;
   }

@@ -66,8 +66,27 @@ void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between) {
       ->type_name("TIME");
 }
 
-CLI::Option* add_output(CLI::App& command, std::string& output) {
-  return command.add_option("-o,--output", output, "File to write; it appears when it is complete")
+CLI::Option* add_input(CLI::App& command, const std::string& name, cue::Input& input,
+                       const std::string& what) {
+  return command
+      .add_option_function<std::string>(
+          name, [&input](const std::string& path) { input = path; }, what)
+      ->required()
+      ->type_name("");
+}
+
+CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, const std::string& what) {
+  return command
+      .add_option_function<std::vector<std::string>>(
+          "FILE",
+          [&inputs](const std::vector<std::string>& paths) { inputs.assign(paths.begin(), paths.end()); },
+          what)
+      ->required()
+      ->type_name("");
+}
+
+CLI::Option* add_output(CLI::App& command, cue::Output& output) {
+  return command.add_option("-o,--output", output.path, "File to write; it appears when it is complete")
       ->type_name("OUT");
 }
 

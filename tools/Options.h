@@ -4,7 +4,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "cue/AtomicFile.h"
+#include "cue/Input.h"
 #include "cue/Selection.h"
 
 /// Options that several commands have.
@@ -47,6 +50,13 @@ CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_
 /// --gap. @param between  the things that it separates
 void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between);
 
-CLI::Option* add_output(CLI::App& command, std::string& output);
+CLI::Option* add_output(CLI::App& command, cue::Output& output);
+
+/// FILE, or - for the standard input. @param what  words for the help
+CLI::Option* add_input(CLI::App& command, const std::string& name, cue::Input& input,
+                       const std::string& what);
+
+/// FILE...
+CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, const std::string& what);
 
 }  // namespace kadrel_cue

@@ -37,7 +37,7 @@ public:
                     "  kadrel-cue play show.cue --to 10.0.0.9 --loop forever --blackout\n"
                     "  kadrel-cue play show.cue --to 10.0.0.255 --relay 6454 --universe 1=5 --only 1\n"
                     "  kadrel-cue play show.cue --to 10.0.0.255 --start 10 --stop 1m30.5 --speed 50 --hold");
-    command->add_option("FILE", options.file, "Recording")->required()->type_name("");
+    add_input(*command, "FILE", options.file, "Recording");
     add_addresses(*command);
     add_timing(*command);
     add_parsed<std::pair<std::uint16_t, std::uint16_t>>(

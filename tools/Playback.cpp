@@ -31,7 +31,7 @@ class Remaining {
 public:
   explicit Remaining(const cue::PlayOptions& options) : selection(options.selection), speed(options.speed) {
     struct stat status {};
-    if (stat(options.file.c_str(), &status) == -1) return;
+    if (stat(options.file.path().c_str(), &status) == -1) return;
     size = static_cast<double>(status.st_size);
     if (status.st_size > kReadBefore) return;
     cue::RecordingReader reader(options.file);
@@ -123,7 +123,7 @@ int play(const Playback& playback, const std::atomic<bool>& stop, std::ostream& 
   finish_line();
   const cue::PlayState& state = player.state();
   if (state.failed == 0) return 0;
-  err << "kadrel-cue: " << playback.options.file << ": byte " << state.first_failed_offset << ": "
+  err << "kadrel-cue: " << playback.options.file.name() << ": byte " << state.first_failed_offset << ": "
       << state.failed
       << " datagrams were not sent, the first: " << std::generic_category().message(state.first_error)
       << "\n";

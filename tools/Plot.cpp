@@ -17,7 +17,7 @@ public:
         add_command(app, "plot", "Draws a recording as a picture (SVG).",
                     "  kadrel-cue plot show.cue -o show.svg\n"
                     "  kadrel-cue plot show.cue --universe 5 --start 10 --stop 20 -o front.svg");
-    command->add_option("FILE", options.file, "Recording")->required()->type_name("");
+    add_input(*command, "FILE", options.file, "Recording");
     CLI::Option* const universe =
         add_universe(*command, options.port_address, "One universe slot by slot instead of a band for each");
     add_only(*command, options.selection)->excludes(universe);
@@ -31,7 +31,7 @@ public:
   int run(std::ostream& out, std::ostream& /*err*/) override {
     clear_away_on_signals();
     const std::int64_t shown = cue::plot(options);
-    out << options.output << ": " << cue::format_time(shown) << "\n";
+    out << options.output.name() << ": " << cue::format_time(shown) << "\n";
     return 0;
   }
 

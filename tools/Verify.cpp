@@ -18,12 +18,12 @@ public:
     CLI::App* const command = add_command(app, "verify", "Checks whether recordings are whole.",
                                           "  kadrel-cue verify show.cue\n"
                                           "  kadrel-cue verify --repair -o good.cue broken.cue");
-    command->add_option("FILE", files, "Recordings")->required()->type_name("");
+    add_inputs(*command, files, "Recordings");
     command->add_flag("--strict", options.strict,
                       "Also report datagrams that are more than one ArtDmx packet");
     CLI::Option* const repair_flag =
         command->add_flag("--repair", repair, "Write what is good of one FILE to OUT");
-    CLI::Option* const repaired = add_output(*command, options.repaired);
+    CLI::Option* const repaired = add_output(*command, repaired_file);
     repair_flag->needs(repaired);
     repaired->needs(repair_flag);
     return command;
@@ -35,11 +35,12 @@ public:
 
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    if (repair) options.repaired = repaired_file;
     const cue::VerifyReport report{
         [&out](const std::string& line) { out << line << "\n"; },
         [&err](const std::string& line) { err << "kadrel-cue: " << line << "\n"; }};
     int code = 0;
-    for (const std::string& file : files) {
+    for (const cue::Input& file : files) {
       try {
         if (!cue::verify(file, options, report)) code = 1;
       } catch (const cue::CueError& error) {
@@ -51,8 +52,9 @@ public:
   }
 
 private:
-  std::vector<std::string> files;
+  std::vector<cue::Input> files;
   bool repair = false;
+  cue::Output repaired_file;
   cue::VerifyOptions options;
 };
 

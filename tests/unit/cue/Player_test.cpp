@@ -237,7 +237,7 @@ TEST_F(PlayerTest, PlaysWhatIsGoodOfADamagedFileAndSaysWhereItBreaks) {
     play();
     FAIL() << "the damage went unnoticed";
   } catch (const cue::CueError& error) {
-    EXPECT_EQ(error.what(), options.file + ": byte 38: cut off within a datagram");
+    EXPECT_EQ(error.what(), options.file.path() + ": byte 38: cut off within a datagram");
   }
   EXPECT_EQ(sink.sent, (std::vector<Sent>{{0, dmx("ab", 3)}, {0, dmx(std::string(2, '\0'), 3)}}));
 }
@@ -249,7 +249,7 @@ TEST_F(PlayerTest, GivesUpWhenTheFirstDatagramCannotBeSent) {
     play();
     FAIL() << "it went on";
   } catch (const cue::CueError& error) {
-    EXPECT_EQ(error.what(), options.file + ": byte 0: not sent: Network is unreachable");
+    EXPECT_EQ(error.what(), options.file.path() + ": byte 0: not sent: Network is unreachable");
   }
 }
 

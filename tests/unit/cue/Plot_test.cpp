@@ -83,14 +83,14 @@ TEST_F(Plot, DrawsManyUniversesAndRefusesTooMany) {
   datagrams.emplace_back(dmx("a", 512), kMs);
   record(datagrams);
   EXPECT_EQ(error_of([this] { plot(); }),
-            options.file + ": holds 513 universes; choose at most 512 with --only");
+            options.file.path() + ": holds 513 universes; choose at most 512 with --only");
 }
 
 TEST_F(Plot, RefusesToDrawNothing) {
   record({});
-  EXPECT_EQ(error_of([this] { plot(); }), options.file + ": holds nothing to draw");
+  EXPECT_EQ(error_of([this] { plot(); }), options.file.path() + ": holds nothing to draw");
   options.port_address = 3;
-  EXPECT_EQ(error_of([this] { plot(); }), options.file + ": holds no universe 4");
+  EXPECT_EQ(error_of([this] { plot(); }), options.file.path() + ": holds no universe 4");
 }
 
 TEST_F(Plot, DrawsOneDatagramAndTheLongestTime) {

@@ -1,0 +1,118 @@
+#include "cue/Input.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "cue/CueError.h"
+
+namespace cue {
+namespace {
+
+constexpr const char* kStandardInput = "-";
+
+// Bytes that the disk reads ahead.
+constexpr off_t kReadAhead = off_t{1} << 20;
+
+class OpenFile {
+public:
+  OpenFile(int opened, std::string file_name) : fd(opened), name(std::move(file_name)) {
+    if (fd == -1) throw file_error(name, errno);
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  }
+  ~OpenFile() { close(fd); }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  OpenFile(OpenFile&&) = delete;
+  OpenFile& operator=(OpenFile&&) = delete;
+
+  std::size_t read(std::uint8_t* bytes, std::size_t size) {
+    for (;;) {
+      const ssize_t count = ::read(fd, bytes, size);
+      if (count >= 0) {
+        // The disk reads the next part while this one is processed.
+        position += count;
+        if (count > 0) posix_fadvise(fd, position, kReadAhead, POSIX_FADV_WILLNEED);
+        return static_cast<std::size_t>(count);
+      }
+      if (errno != EINTR) throw file_error(name, errno);
+    }
+  }
+
+private:
+  int fd;
+  std::string name;
+  off_t position = 0;
+};
+
+int open_again(int fd) {
+  return open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+/// The standard input from where it stands; a regular file from its front, each time.
+int open_standard_input() {
+  struct stat status {};
+  if (fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode)) return open_again(STDIN_FILENO);
+  return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
+int unnamed_file() {
+  const char* const wanted = getenv("TMPDIR");
+  std::string name =
+      std::string(wanted != nullptr && *wanted != '\0' ? wanted : "/tmp") + "/kadrel-cue.XXXXXX";
+  const int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd == -1) throw file_error(name, errno);
+  unlink(name.c_str());
+  return fd;
+}
+
+void write_all(int fd, const std::uint8_t* bytes, std::size_t size) {
+  for (std::size_t written = 0; written < size;) {
+    const ssize_t count = write(fd, bytes + written, size - written);
+    if (count == -1 && errno == EINTR) continue;
+    if (count == -1) throw file_error("temporary copy of the input", errno);
+    written += static_cast<std::size_t>(count);
+  }
+}
+
+}  // namespace
+
+Input::Input(std::string path)
+    : file_path(std::move(path)), shown(file_path == kStandardInput ? "standard input" : file_path) {}
+
+ByteSource Input::open() const {
+  int fd = -1;
+  if (kept)
+    fd = open_again(*kept);
+  else if (file_path == kStandardInput)
+    fd = open_standard_input();
+  else
+    fd = ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Shared, because a std::function must be copyable.
+  auto file = std::make_shared<OpenFile>(fd, shown);
+  return [file](std::uint8_t* bytes, std::size_t size) { return file->read(bytes, size); };
+}
+
+void Input::keep() {
+  if (kept) return;
+  struct stat status {};
+  const int known =
+      file_path == kStandardInput ? fstat(STDIN_FILENO, &status) : stat(file_path.c_str(), &status);
+  if (known == -1) throw file_error(shown, errno);
+  if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
+  const ByteSource source = open();
+  const std::shared_ptr<const int> copy(new int(unnamed_file()), [](const int* fd) {
+    close(*fd);
+    delete fd;
+  });
+  std::array<std::uint8_t, std::size_t{64} * 1024> bytes{};
+  while (const std::size_t count = source(bytes.data(), bytes.size())) write_all(*copy, bytes.data(), count);
+  kept = copy;
+}
+
+}  // namespace cue

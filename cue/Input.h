@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace cue {
+
+/// Delivers up to @p size bytes from front to back, 0 at the end. @throws CueError
+using ByteSource = std::function<std::size_t(std::uint8_t* bytes, std::size_t size)>;
+
+/// A file that is read: its path, or "-" for the standard input. Copies are the same input.
+class Input {
+public:
+  Input() = default;
+  // A path is an input wherever one is wanted.
+  Input(std::string path);                               // NOLINT(google-explicit-constructor)
+  Input(const char* path) : Input(std::string(path)) {}  // NOLINT(google-explicit-constructor)
+
+  const std::string& path() const { return file_path; }
+
+  /// As messages call it: the path, or "standard input".
+  const std::string& name() const { return shown; }
+
+  /// Reads from the front. What cannot be rewound (a pipe, a terminal) can be opened once, unless keep() came
+  /// before. @throws CueError
+  ByteSource open() const;
+
+  /// Makes it possible to open() as often as wanted: copies what cannot be rewound to an unnamed temporary
+  /// file. Does nothing for a regular file. @throws CueError
+  void keep();
+
+private:
+  std::string file_path;
+  std::string shown;
+  std::shared_ptr<const int> kept;  // descriptor of the unnamed copy
+};
+
+}  // namespace cue

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "cue/Selection.h"
+
+namespace cue {
+
+/// The look of each universe: its last ArtDmx, with all its bytes.
+class Looks {
+public:
+  /// Takes every ArtDmx of a datagram.
+  void take(const Bytes& datagram);
+
+  void forget() { packets.clear(); }
+
+  /// By port-address.
+  const std::map<std::uint16_t, std::vector<std::uint8_t>>& all() const { return packets; }
+
+private:
+  std::map<std::uint16_t, std::vector<std::uint8_t>> packets;
+};
+
+/// Sequence numbers of what is sent or written, counted for each universe (Art-Net 4, ArtDmx: 1..255 and then
+/// 1 again; 0: the sender does not count, and stays 0).
+class SequenceNumbers {
+public:
+  SequenceNumbers() : last(UniverseSet::kPortAddresses, 0) {}
+
+  /// Gives the ArtDmx packets of a datagram the next numbers of their universes. The first packet of a
+  /// universe keeps its own number.
+  void number(std::uint8_t* datagram, std::size_t size);
+
+private:
+  std::vector<std::uint8_t> last;  // by port-address; 0: none yet
+};
+
+}  // namespace cue
