@@ -86,8 +86,18 @@ CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, cons
 }
 
 CLI::Option* add_output(CLI::App& command, cue::Output& output) {
-  return command.add_option("-o,--output", output.path, "File to write; it appears when it is complete")
+  add_force(command, output.replace);
+  return command
+      .add_option("-o,--output", output.path, "File to write, or -; it appears when it is complete")
       ->type_name("OUT");
+}
+
+CLI::Option* add_force(CLI::App& command, bool& replace) {
+  return command.add_flag("--force", replace, "Replace an existing file");
+}
+
+CLI::Option* add_strict(CLI::App& command, bool& strict) {
+  return command.add_flag("--strict", strict, "Stop at damage instead of going on behind it");
 }
 
 }  // namespace kadrel_cue

@@ -50,7 +50,14 @@ CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_
 /// --gap. @param between  the things that it separates
 void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between);
 
+/// -o and --force.
 CLI::Option* add_output(CLI::App& command, cue::Output& output);
+
+/// --force alone, for outputs with options of their own. @param replace  for Output::replace
+CLI::Option* add_force(CLI::App& command, bool& replace);
+
+/// --strict. @param strict  for DamageWarning
+CLI::Option* add_strict(CLI::App& command, bool& strict);
 
 /// FILE, or - for the standard input. @param what  words for the help
 CLI::Option* add_input(CLI::App& command, const std::string& name, cue::Input& input,
