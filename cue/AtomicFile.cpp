@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdlib>
+#include <cstdio>
+#include <random>
 #include <utility>
 
 #include "cue/CueError.h"
@@ -17,9 +19,18 @@ namespace cue {
 namespace {
 
 constexpr std::size_t kPendingSize = std::size_t{256} * 1024;
+constexpr mode_t kNewFile = 0666;  // less what the user's mask or the directory takes
+constexpr mode_t kModeBits = 07777;
 
-// Temporary name of the present file, for a signal handler; empty when there is none.
-std::array<char, PATH_MAX> unfinished;
+// As many as the kernel follows.
+constexpr int kMostLinks = 40;
+
+/// Temporary name of the present file, for a signal handler.
+struct Unfinished {
+  int directory = -1;  // -1: there is none
+  std::array<char, 32> name{};
+};
+Unfinished unfinished;
 
 /// No signal arrives while it lives.
 class SignalsBlocked {
@@ -45,56 +56,148 @@ std::string directory_of(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// Permissions of a new file. The mask can only be read by setting it; the program has one thread.
-mode_t new_file_mode() {
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+std::string name_in_directory(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+}
+
+/// The path that the symbolic links at @p path lead to, whether something is there or not.
+std::string behind_links(std::string path) {
+  const std::string asked = path;
+  for (int links = 0; links < kMostLinks; ++links) {
+    std::array<char, PATH_MAX> target{};
+    const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+    if (size == -1) return path;
+    const std::string to(target.data(), static_cast<std::size_t>(size));
+    path = to[0] == '/' ? to : directory_of(path) + "/" + to;
+  }
+  throw file_error(asked, ELOOP);
+}
+
+/// Short, so that a directory that takes the file's name takes this one.
+std::string temporary_name() {
+  static std::random_device chance;
+  std::array<char, 32> name{};
+  snprintf(name.data(), name.size(), ".kadrel-cue.%08x", static_cast<unsigned>(chance()));
+  return name.data();
+}
+
+/// The link by which an open file can be given a name (open(2), O_TMPFILE).
+std::string link_of(int fd) {
+  return "/proc/self/fd/" + std::to_string(fd);
+}
+
+CueError exists_error(const std::string& name) {
+  return CueError{name + ": exists; --force replaces it"};
 }
 
 }  // namespace
 
-AtomicFile::AtomicFile(const Output& output, const std::vector<Input>& inputs) : target(output.path) {
-  struct stat there {};
-  if (stat(target.c_str(), &there) == 0) {
-    if (!S_ISREG(there.st_mode)) throw CueError(target + ": not a regular file");
-    for (const Input& input : inputs) {
-      struct stat of_input {};
-      if (stat(input.path().c_str(), &of_input) == 0 && of_input.st_dev == there.st_dev &&
-          of_input.st_ino == there.st_ino)
-        throw CueError(target + ": the output would replace the input");
-    }
-  }
-  temporary = target + ".XXXXXX";
-  {
-    const SignalsBlocked blocked;
-    fd = mkostemp(temporary.data(), O_CLOEXEC);
-    // A name too long for `unfinished` cannot be opened either.
-    if (fd != -1) unfinished[temporary.copy(unfinished.data(), unfinished.size() - 1)] = '\0';
-  }
-  if (fd == -1) throw file_error(target, errno);
-  fchmod(fd, new_file_mode());
+AtomicFile::AtomicFile(const Output& output) : shown(output.name()), replace(output.replace) {
   pending.reserve(kPendingSize);
 }
 
+AtomicFile::AtomicFile(const Output& output, const std::vector<Input>& inputs) : AtomicFile(output) {
+  struct stat there {};
+  if (output.is_standard_output()) {
+    if (fstat(STDOUT_FILENO, &there) == 0) refuse_inputs(there, inputs);
+    // Above the standard descriptors, so that the end of this object closes none of them.
+    open_stream(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    return;
+  }
+  const bool exists = stat(output.path.c_str(), &there) == 0;
+  if (!exists && errno != ENOENT) fail(errno);
+  if (exists) refuse_inputs(there, inputs);
+  if (exists && S_ISDIR(there.st_mode)) fail(EISDIR);
+  if (exists && !S_ISREG(there.st_mode)) {
+    open_stream(open(output.path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC));
+    return;
+  }
+  if (exists && !replace) throw exists_error(shown);
+  open_file(behind_links(output.path));
+  if (exists) make_like(there);
+}
+
 AtomicFile::~AtomicFile() {
-  if (fd == -1) return;
-  close(fd);
-  unlink(temporary.c_str());
-  const SignalsBlocked blocked;
-  unfinished[0] = '\0';
+  if (fd != -1) close(fd);
+  if (!temporary.empty()) {
+    unlinkat(directory, temporary.c_str(), 0);
+    forget_temporary();
+  }
+  if (directory != -1) close(directory);
 }
 
 void AtomicFile::remove_unfinished() {
-  if (unfinished[0] != '\0') unlink(unfinished.data());
+  if (unfinished.directory != -1) unlinkat(unfinished.directory, unfinished.name.data(), 0);
+}
+
+void AtomicFile::fail(int error) const {
+  throw file_error(shown, error);
+}
+
+void AtomicFile::refuse_inputs(const struct stat& there, const std::vector<Input>& inputs) const {
+  if (!S_ISREG(there.st_mode) && !S_ISFIFO(there.st_mode) && !S_ISBLK(there.st_mode)) return;
+  for (const Input& input : inputs)
+    if (input.is(there)) throw CueError(shown + ": the output would replace the input");
+}
+
+void AtomicFile::open_stream(int opened) {
+  if (opened == -1) fail(errno);
+  fd = opened;
+  to_terminal = isatty(fd) != 0;
+}
+
+void AtomicFile::open_file(const std::string& path) {
+  file_name = name_in_directory(path);
+  if (file_name.empty()) fail(path.empty() ? ENOENT : EISDIR);
+  directory = open(directory_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (directory == -1) fail(errno);
+  fd = openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kNewFile);
+  // It can only be named through /proc.
+  if (fd != -1 && access(link_of(fd).c_str(), F_OK) == 0) return;
+  if (fd != -1) close(std::exchange(fd, -1));
+  make_temporary([this](const char* name) {
+    fd = openat(directory, name, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kNewFile);
+    return fd != -1;
+  });
+}
+
+void AtomicFile::make_like(const struct stat& replaced) {
+  struct stat made {};
+  if (fstat(fd, &made) == -1) fail(errno);
+  const bool same_owner = made.st_uid == replaced.st_uid && made.st_gid == replaced.st_gid;
+  if (!same_owner && fchown(fd, replaced.st_uid, replaced.st_gid) == -1)
+    throw CueError(shown + ": the owner of the existing file cannot be kept");
+  if (fchmod(fd, replaced.st_mode & kModeBits) == -1) fail(errno);
+}
+
+void AtomicFile::make_temporary(const std::function<bool(const char*)>& make) {
+  const SignalsBlocked blocked;
+  std::string name;
+  bool made = false;
+  do {
+    name = temporary_name();
+    made = make(name.c_str());
+  } while (!made && errno == EEXIST);
+  if (!made) fail(errno);
+  temporary = name;
+  unfinished.name[temporary.copy(unfinished.name.data(), unfinished.name.size() - 1)] = '\0';
+  unfinished.directory = directory;
+}
+
+void AtomicFile::forget_temporary() {
+  const SignalsBlocked blocked;
+  unfinished.directory = -1;
+  temporary.clear();
 }
 
 void AtomicFile::flush() {
+  if (to_terminal && std::find(pending.begin(), pending.end(), '\0') != pending.end())
+    throw CueError(shown + ": a terminal, which takes no bytes that are no text");
   std::size_t written = 0;
   while (written < pending.size()) {
     const ssize_t count = ::write(fd, pending.data() + written, pending.size() - written);
     if (count == -1 && errno == EINTR) continue;
-    if (count == -1) throw file_error(target, errno);
+    if (count == -1) fail(errno);
     written += static_cast<std::size_t>(count);
   }
   pending.clear();
@@ -106,21 +209,60 @@ void AtomicFile::write(const void* bytes, std::size_t size) {
   if (pending.size() >= kPendingSize) flush();
 }
 
+/// Gives the file its name if no other file has it.
+void AtomicFile::place_new() {
+  const char* const name = file_name.c_str();
+  if (temporary.empty()) {
+    if (linkat(AT_FDCWD, link_of(fd).c_str(), directory, name, AT_SYMLINK_FOLLOW) == 0) return;
+  } else if (renameat2(directory, temporary.c_str(), directory, name, RENAME_NOREPLACE) == 0) {
+    return forget_temporary();
+  } else if (errno == EINVAL || errno == ENOSYS) {
+    // A file system without such a rename, NFS for one. The temporary name goes with this object.
+    if (linkat(directory, temporary.c_str(), directory, name, 0) == 0) return;
+  }
+  if (errno == EEXIST) throw exists_error(shown);
+  fail(errno);
+}
+
+/// Gives the file its name, whether another file has it or not.
+void AtomicFile::place_over() {
+  if (temporary.empty())
+    make_temporary([this](const char* name) {
+      return linkat(AT_FDCWD, link_of(fd).c_str(), directory, name, AT_SYMLINK_FOLLOW) == 0;
+    });
+  if (renameat(directory, temporary.c_str(), directory, file_name.c_str()) == -1) fail(errno);
+  forget_temporary();
+}
+
 void AtomicFile::commit() {
   flush();
-  if (fsync(fd) == -1) throw file_error(target, errno);
-  {
-    const SignalsBlocked blocked;
-    if (rename(temporary.c_str(), target.c_str()) == -1) throw file_error(target, errno);
-    unfinished[0] = '\0';
+  // A pipe, a terminal and many devices cannot be synced.
+  if (fsync(fd) == -1 && (directory != -1 || errno != EINVAL)) fail(errno);
+  if (directory != -1) {
+    {
+      const SignalsBlocked blocked;
+      if (replace)
+        place_over();
+      else
+        place_new();
+    }
+    // The new name is on the disk when the directory is. On a file system that cannot sync a directory the
+    // file is kept all the same.
+    const int readable = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (readable != -1) {
+      fsync(readable);
+      close(readable);
+    }
   }
   close(std::exchange(fd, -1));
-  // The new name is on the disk when the directory is. On a file system that cannot sync a directory the file
-  // is kept all the same.
-  const int directory = open(directory_of(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (directory == -1) return;
-  fsync(directory);
-  close(directory);
+}
+
+void check_output(const Output& output, const std::vector<Input>& inputs) {
+  struct stat there {};
+  const bool is_stream = output.is_standard_output() || (stat(output.path.c_str(), &there) == 0 &&
+                                                         !S_ISREG(there.st_mode) && !S_ISDIR(there.st_mode));
+  // To open a stream is to tell its reader something.
+  if (!is_stream) AtomicFile(output, inputs);
 }
 
 }  // namespace cue

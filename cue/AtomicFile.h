@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "cue/Input.h"
+
+struct stat;
 
 namespace cue {
 
@@ -19,22 +22,29 @@ struct Output {
   Output(std::string name) : path(std::move(name)) {}  // NOLINT(google-explicit-constructor)
   Output(const char* name) : path(name) {}             // NOLINT(google-explicit-constructor)
 
-  bool is_standard_output() const { return path == "-"; }
+  /// Also under the names that the system has for it.
+  bool is_standard_output() const {
+    return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
+  }
 
   /// As messages call it.
-  std::string name() const { return is_standard_output() ? "standard output" : path; }
+  std::string name() const { return path == "-" ? "standard output" : path; }
 };
 
-/// A file that appears whole or not at all: it is written under a temporary name in the same directory, and
-/// renamed when it is complete and on the disk. One thread, one such file at a time.
+/// A file that appears whole or not at all: it has no name, or on file systems that want one a temporary one
+/// in the same directory, until it is complete and on the disk. An existing file is replaced only when the
+/// output says so; the new one then has its owner and its mode. A symbolic link stays, and what it leads to
+/// is written.
+///
+/// The standard output, a pipe and a device are written straight away; bytes that are no text never to a
+/// terminal. One thread, one such file at a time.
 class AtomicFile {
 public:
-  /// @param output  of the new file; commit() replaces an existing one
-  /// @param inputs  files that it must not replace
-  /// @throws CueError when it would replace an input or anything but a regular file, or cannot be made
+  /// @param inputs  files that must not be the output
+  /// @throws CueError when the output is an input, exists and may not be replaced, or cannot be made
   AtomicFile(const Output& output, const std::vector<Input>& inputs);
 
-  /// Removes the temporary file unless it was committed.
+  /// Leaves nothing of the file unless it was committed.
   ~AtomicFile();
 
   /// The same for the latest file; for signal handlers.
@@ -49,21 +59,35 @@ public:
   void write(const void* bytes, std::size_t size);
   void write(const std::string& text) { write(text.data(), text.size()); }
 
-  /// Puts the file in place. @throws CueError
+  /// Puts the file in place. @throws CueError, also when another file has appeared there that may not be
+  /// replaced
   void commit();
 
-  /// Name of the file until commit(), for code that opens it itself.
-  const std::string& temporary_path() const { return temporary; }
-
-  const std::string& path() const { return target; }
-
 private:
-  void flush();
+  explicit AtomicFile(const Output& output);
 
-  std::string target;
-  std::string temporary;
+  void refuse_inputs(const struct stat& there, const std::vector<Input>& inputs) const;
+  void open_stream(int opened);
+  void open_file(const std::string& path);
+  void make_like(const struct stat& replaced);
+  void make_temporary(const std::function<bool(const char*)>& make);
+  void forget_temporary();
+  void flush();
+  void place_new();
+  void place_over();
+  [[noreturn]] void fail(int error) const;
+
+  std::string shown;  // in messages
+  bool replace;
+  bool to_terminal = false;
+  int fd = -1;            // -1 after commit()
+  int directory = -1;     // of the file; -1 for a stream
+  std::string file_name;  // in the directory
+  std::string temporary;  // its name until then; empty: it has none
   std::vector<char> pending;
-  int fd = -1;
 };
+
+/// For work that makes its file late. @throws CueError where AtomicFile would
+void check_output(const Output& output, const std::vector<Input>& inputs);
 
 }  // namespace cue

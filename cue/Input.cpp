@@ -21,8 +21,12 @@ constexpr off_t kReadAhead = off_t{1} << 20;
 
 class OpenFile {
 public:
-  OpenFile(int opened, std::string file_name) : fd(opened), name(std::move(file_name)) {
+  OpenFile(int opened, std::string file_name, OnReading callback)
+      : fd(opened), name(std::move(file_name)), on_reading(std::move(callback)) {
     if (fd == -1) throw file_error(name, errno);
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
+      whole = static_cast<std::uint64_t>(status.st_size);
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   }
   ~OpenFile() { close(fd); }
@@ -38,6 +42,7 @@ public:
         // The disk reads the next part while this one is processed.
         position += count;
         if (count > 0) posix_fadvise(fd, position, kReadAhead, POSIX_FADV_WILLNEED);
+        if (on_reading) on_reading({name, static_cast<std::uint64_t>(position), whole});
         return static_cast<std::size_t>(count);
       }
       if (errno != EINTR) throw file_error(name, errno);
@@ -47,7 +52,9 @@ public:
 private:
   int fd;
   std::string name;
+  OnReading on_reading;
   off_t position = 0;
+  std::optional<std::uint64_t> whole;  // size of a regular file
 };
 
 int open_again(int fd) {
@@ -94,16 +101,23 @@ ByteSource Input::open() const {
   else
     fd = ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC);
   // Shared, because a std::function must be copyable.
-  auto file = std::make_shared<OpenFile>(fd, shown);
+  auto file = std::make_shared<OpenFile>(fd, shown, on_reading);
   return [file](std::uint8_t* bytes, std::size_t size) { return file->read(bytes, size); };
+}
+
+bool Input::find(struct stat& status) const {
+  return (file_path == kStandardInput ? fstat(STDIN_FILENO, &status) : stat(file_path.c_str(), &status)) == 0;
+}
+
+bool Input::is(const struct stat& status) const {
+  struct stat own {};
+  return find(own) && own.st_dev == status.st_dev && own.st_ino == status.st_ino;
 }
 
 void Input::keep() {
   if (kept) return;
   struct stat status {};
-  const int known =
-      file_path == kStandardInput ? fstat(STDIN_FILENO, &status) : stat(file_path.c_str(), &status);
-  if (known == -1) throw file_error(shown, errno);
+  if (!find(status)) throw file_error(shown, errno);
   if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
   const ByteSource source = open();
   const std::shared_ptr<const int> copy(new int(unnamed_file()), [](const int* fd) {

@@ -4,12 +4,26 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+
+struct stat;
 
 namespace cue {
 
 /// Delivers up to @p size bytes from front to back, 0 at the end. @throws CueError
 using ByteSource = std::function<std::size_t(std::uint8_t* bytes, std::size_t size)>;
+
+/// How far an input has been read.
+struct Reading {
+  const std::string& name;            // of the input in messages
+  std::uint64_t position = 0;         // bytes from the front
+  std::optional<std::uint64_t> size;  // of a regular file
+};
+
+/// Called after each portion that is read.
+using OnReading = std::function<void(const Reading&)>;
 
 /// A file that is read: its path, or "-" for the standard input. Copies are the same input.
 class Input {
@@ -28,13 +42,22 @@ public:
   /// before. @throws CueError
   ByteSource open() const;
 
+  /// Has @p callback called while the input is read, for as long as there are readers.
+  void watch(OnReading callback) { on_reading = std::move(callback); }
+
+  /// Whether it is the file that @p status is about.
+  bool is(const struct stat& status) const;
+
   /// Makes it possible to open() as often as wanted: copies what cannot be rewound to an unnamed temporary
   /// file. Does nothing for a regular file. @throws CueError
   void keep();
 
 private:
+  bool find(struct stat& status) const;
+
   std::string file_path;
   std::string shown;
+  OnReading on_reading;
   std::shared_ptr<const int> kept;  // descriptor of the unnamed copy
 };
 

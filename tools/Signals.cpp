@@ -31,7 +31,7 @@ const std::atomic<bool>& stop_on_signals() {
 }
 
 void clear_away_on_signals() {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) {
     struct sigaction action {};
     sigaction(signal, nullptr, &action);
     if (action.sa_handler == SIG_IGN) continue;

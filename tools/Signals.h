@@ -8,8 +8,8 @@ namespace kadrel_cue {
 /// From now on SIGINT and SIGTERM only set the returned flag.
 const std::atomic<bool>& stop_on_signals();
 
-/// From now on SIGINT, SIGTERM and SIGHUP remove a half-written file before they end the program. An ignored
-/// signal stays ignored.
+/// From now on SIGINT, SIGTERM, SIGHUP, SIGPIPE and SIGQUIT remove a half-written file before they end the
+/// program. An ignored signal stays ignored.
 void clear_away_on_signals();
 
 }  // namespace kadrel_cue

@@ -1,3 +1,7 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -5,8 +9,25 @@
 #include "kesto/standard_descriptors.h"
 #include "tools/CommandLine.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+/// A standard output that is closed stays one that cannot be written, and its number is taken all the same.
+void occupy_standard_descriptors() {
+  const bool closed = fcntl(STDOUT_FILENO, F_GETFD) == -1;
   kesto::occupy_standard_descriptors();
+  if (!closed) return;
+  const int unwritable = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (unwritable == -1) return;
+  dup2(unwritable, STDOUT_FILENO);
+  close(unwritable);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  occupy_standard_descriptors();
+  // A file that grows beyond the limit of the user is an error of write().
+  signal(SIGXFSZ, SIG_IGN);
   int code = 1;
   try {
     code = kadrel_cue::run(argc, argv, std::cout, std::cerr);
