@@ -7,6 +7,7 @@
 #include "cue/Text.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
@@ -40,8 +41,9 @@ public:
       throw CLI::ValidationError("--pcap and --csv name the same file");
   }
 
-  int run(std::ostream& out, std::ostream& /*err*/) override {
+  int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    const Progress progress(out, err, file);
     if (!pcap_output.empty()) {
       const std::uint64_t datagrams = cue::export_pcap(file, pcap_output);
       out << pcap_output << ": " << cue::counted(datagrams, "datagram") << "\n";

@@ -7,6 +7,7 @@
 #include "cue/Time.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
@@ -32,6 +33,7 @@ public:
 
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    const Progress progress(out, err, capture);
     const cue::Imported imported = cue::import_pcap(capture, port, output);
     out << output.name() << ": " << cue::counted(imported.datagrams, "datagram") << ", "
         << cue::format_time(imported.duration) << left_out_text(imported.refused, "without a whole ArtDmx")

@@ -12,6 +12,7 @@
 #include "cue/Time.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 
 namespace kadrel_cue {
 namespace {
@@ -92,6 +93,7 @@ public:
   }
 
   int run(std::ostream& out, std::ostream& err) override {
+    const Progress progress(out, err, files);
     int code = 0;
     const char* separator = "";
     if (json) out << "[";

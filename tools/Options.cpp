@@ -1,5 +1,8 @@
 #include "tools/Options.h"
 
+#include <algorithm>
+#include <ostream>
+
 #include "tools/Arguments.h"
 
 namespace kadrel_cue {
@@ -79,7 +82,11 @@ CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, cons
   return command
       .add_option_function<std::vector<std::string>>(
           "FILE",
-          [&inputs](const std::vector<std::string>& paths) { inputs.assign(paths.begin(), paths.end()); },
+          [&inputs](const std::vector<std::string>& paths) {
+            if (std::count(paths.begin(), paths.end(), "-") > 1)
+              throw CLI::ValidationError("- (the standard input) can be read once");
+            inputs.assign(paths.begin(), paths.end());
+          },
           what)
       ->required()
       ->type_name("");
@@ -98,6 +105,18 @@ CLI::Option* add_force(CLI::App& command, bool& replace) {
 
 CLI::Option* add_strict(CLI::App& command, bool& strict) {
   return command.add_flag("--strict", strict, "Stop at damage instead of going on behind it");
+}
+
+void add_edit(CLI::App& command, cue::EditOptions& options) {
+  command.add_flag_callback(
+      "--no-look", [&options] { options.look = false; },
+      "Nothing but what was recorded: no look at the beginning");
+  command.add_flag("--renumber", options.renumber,
+                   "Let the sequence numbers of each universe go on without a jump");
+}
+
+std::ostream& summary_of(const cue::Output& written, std::ostream& out, std::ostream& err) {
+  return written.is_standard_output() ? err : out;
 }
 
 }  // namespace kadrel_cue

@@ -2,11 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cue/AtomicFile.h"
+#include "cue/Edit.h"
 #include "cue/Input.h"
 #include "cue/Selection.h"
 
@@ -59,11 +61,17 @@ CLI::Option* add_force(CLI::App& command, bool& replace);
 /// --strict. @param strict  for DamageWarning
 CLI::Option* add_strict(CLI::App& command, bool& strict);
 
+/// --no-look and --renumber.
+void add_edit(CLI::App& command, cue::EditOptions& options);
+
+/// Where a command says what it has written: on the error output when the standard output has the bytes.
+std::ostream& summary_of(const cue::Output& written, std::ostream& out, std::ostream& err);
+
 /// FILE, or - for the standard input. @param what  words for the help
 CLI::Option* add_input(CLI::App& command, const std::string& name, cue::Input& input,
                        const std::string& what);
 
-/// FILE...
+/// FILE..., - at most once.
 CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, const std::string& what);
 
 }  // namespace kadrel_cue

@@ -5,6 +5,7 @@
 #include "cue/Time.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
@@ -28,8 +29,9 @@ public:
 
   void check() const override { check_time_range(options.selection); }
 
-  int run(std::ostream& out, std::ostream& /*err*/) override {
+  int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    const Progress progress(out, err, options.file);
     const std::int64_t shown = cue::plot(options);
     out << options.output.name() << ": " << cue::format_time(shown) << "\n";
     return 0;

@@ -7,6 +7,7 @@
 #include "cue/CueError.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
@@ -35,6 +36,7 @@ public:
 
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    const Progress progress(out, err, files);
     if (repair) options.repaired = repaired_file;
     const cue::VerifyReport report{
         [&out](const std::string& line) { out << line << "\n"; },

@@ -1,12 +1,21 @@
 """The reports of kadrel-cue when its output fails."""
 
+import contextlib
+import fcntl
 import os
+import pty
+import re
+import select
 import signal
+import struct
 import subprocess
+import termios
+import threading
+from pathlib import Path
 
 import pytest
 from harness import EXECUTABLE, spin_until
-from harness.artnet import art_dmx
+from harness.artnet import art_dmx, oem_vfps_ns
 from harness.sanitizers import environment
 
 CUE = str(EXECUTABLE.parent / "kadrel-cue")
@@ -52,7 +61,17 @@ def test_closed_standard_descriptors_are_not_taken_by_the_network(world, cue):
         assert process.wait() == 0
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def open_files(process):
+    """What the descriptors of a process lead to."""
+    directory = f"/proc/{process.pid}/fd"
+    links = []
+    for fd in os.listdir(directory):
+        with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+            links.append(os.readlink(f"{directory}/{fd}"))
+    return links
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGKILL])
 def test_a_file_that_is_half_written_goes_with_the_program(tmp_path, cue, number):
     source = tmp_path / "pipe"
     os.mkfifo(source)
@@ -62,8 +81,209 @@ def test_a_file_that_is_half_written_goes_with_the_program(tmp_path, cue, number
     )
     # Opened by the reader, which then waits for more.
     with open(source, "wb"):
-        spin_until(lambda: list(tmp_path.glob("out.*")), "the file that is being written")
+        spin_until(lambda: any(link.startswith(f"{tmp_path}/#") for link in open_files(process)), "the output")
         process.send_signal(number)
         assert (process.wait(), process.stderr.read()) == (-number, b"")
     assert sorted(os.listdir(tmp_path)) == ["cue", "pipe"]
     process.stderr.close()
+
+
+def run(*words, **options):
+    return subprocess.run(
+        [CUE, *map(str, words)], check=False, capture_output=True, timeout=60, env={**os.environ, **environment()}, **options
+    )
+
+
+def outcome_of(*words, **options):
+    """Exit code, standard output and error output of a run."""
+    outcome = run(*words, **options)
+    return outcome.returncode, outcome.stdout, outcome.stderr.decode()
+
+
+# An existing file
+
+
+def test_an_existing_file_is_replaced_only_by_force(tmp_path, cue):
+    out = tmp_path / "out.cue"
+    out.write_bytes(b"precious")
+    out.chmod(0o604)
+    exists = f"kadrel-cue: {out}: exists; --force replaces it\n"
+    for command in (["cut", cue], ["join", cue]):
+        assert outcome_of(*command, "-o", out) == (1, b"", exists)
+        assert out.read_bytes() == b"precious"
+    assert run("cut", cue, "-o", out, "--force").returncode == 0
+    assert out.read_bytes() == Path(cue).read_bytes()
+    assert out.stat().st_mode & 0o7777 == 0o604
+
+
+def test_a_refusal_comes_before_the_work(tmp_path, cue):
+    """The pipe has no writer: reading it would last forever."""
+    out = tmp_path / "out.cue"
+    out.write_bytes(b"precious")
+    source = tmp_path / "pipe"
+    os.mkfifo(source)
+    assert run("join", source, "-o", out).returncode == 1
+    assert out.read_bytes() == b"precious"
+
+
+def test_a_command_that_fails_leaves_the_existing_file(tmp_path):
+    broken, out = tmp_path / "broken.cue", tmp_path / "out.cue"
+    broken.write_bytes(art_dmx(1, bytes(512)) + b"Art")
+    out.write_bytes(b"precious")
+    assert run("cut", broken, "--strict", "-o", out, "--force").returncode == 1
+    assert out.read_bytes() == b"precious"
+    assert sorted(os.listdir(tmp_path)) == ["broken.cue", "out.cue"]
+
+
+def test_a_file_beyond_the_limit_of_the_user_is_an_error(tmp_path, cue):
+    out = tmp_path / "out.cue"
+    limited = subprocess.run(
+        ["prlimit", "--fsize=1000", CUE, "join", cue, cue, "-o", out],
+        capture_output=True, text=True, check=False, env={**os.environ, **environment()},
+    )
+    assert (limited.returncode, limited.stderr) == (1, f"kadrel-cue: {out}: File too large\n")
+    assert os.listdir(tmp_path) == ["cue"]
+
+
+# Standard input and output, pipes
+
+
+def test_recordings_go_through_pipes(tmp_path, cue):
+    whole = Path(cue).read_bytes()
+    for command in (["cut", "-"], ["join", "-"]):
+        code, out, err = outcome_of(*command, "-o", "-", input=whole)
+        assert (code, out, err) == (0, whole, "standard output: 1 datagram, 0.000 s\n")
+    assert outcome_of("verify", "-", input=whole)[:2] == (0, b"standard input: whole, 1 datagram, 0.000 s\n")
+    assert run("info", "-", input=whole).stdout.startswith(b"standard input\n")
+
+
+def test_named_pipes_are_joined_in_order(tmp_path):
+    pipes = [tmp_path / name for name in ("a", "b")]
+    datagrams = [art_dmx(1, b"a" * 512), art_dmx(1, b"b" * 512)]
+    for pipe in pipes:
+        os.mkfifo(pipe)
+    writers = [threading.Thread(target=pipe.write_bytes, args=(one,)) for pipe, one in zip(pipes, datagrams)]
+    for writer in writers:
+        writer.start()
+    code, out, _ = outcome_of("join", *pipes, "--gap", "0", "-o", "-")
+    for writer in writers:
+        writer.join()
+    assert code == 0
+    assert out == datagrams[0] + oem_vfps_ns(0) + datagrams[1]
+
+
+def test_the_standard_input_is_named_once():
+    for command in (["info"], ["verify"], ["join", "-o", "out"]):
+        code, out, err = outcome_of(*command, "-", "-", input=b"")
+        assert (code, out) == (2, b"")
+        assert "- (the standard input) can be read once" in err
+
+
+def test_a_full_or_closed_standard_output_is_an_error(cue):
+    for redirection, error in ((">/dev/full", "No space left on device"), (">&-", "Bad file descriptor")):
+        outcome = subprocess.run(
+            ["sh", "-c", f'exec "$0" cut "$1" -o - {redirection}', CUE, cue],
+            capture_output=True, text=True, check=False, env={**os.environ, **environment()},
+        )
+        assert (outcome.returncode, outcome.stderr) == (1, f"kadrel-cue: standard output: {error}\n")
+    closed = subprocess.run(
+        ["sh", "-c", 'exec "$0" info "$1" >&-', CUE, cue],
+        capture_output=True, text=True, check=False, env={**os.environ, **environment()},
+    )
+    assert (closed.returncode, closed.stderr) == (1, "kadrel-cue: standard output cannot be written\n")
+
+
+def test_a_reader_that_goes_away_ends_the_program_quietly(tmp_path, cue):
+    reader, writer = os.pipe()
+    os.close(reader)
+    outcome = subprocess.run(
+        ["env", "--default-signal", CUE, "cut", cue, "-o", "-"],
+        stdout=writer, stderr=subprocess.PIPE, check=False, env={**os.environ, **environment()},
+    )
+    os.close(writer)
+    assert (outcome.returncode, outcome.stderr) == (-signal.SIGPIPE, b"")
+
+
+# Damage
+
+
+def test_cut_and_join_go_on_behind_damage(tmp_path):
+    first, last = art_dmx(1, b"a" * 512), art_dmx(1, b"c" * 512)
+    broken, out = tmp_path / "broken.cue", tmp_path / "out.cue"
+    broken.write_bytes(first + oem_vfps_ns(10) + last + b"Art")
+    for command in (["cut", broken], ["join", broken, broken]):
+        code, _, err = outcome_of(*command, "-o", out, "--force")
+        assert code == 1
+        assert err.count("\n") == 1 and err.startswith(f"kadrel-cue: {broken}: byte ") and "verify --repair" in err
+        assert run("verify", "--strict", out).returncode == 0
+        assert out.read_bytes().startswith(first) and out.read_bytes().endswith(last)
+        code, _, err = outcome_of(*command, "-o", out, "--force", "--strict")
+        assert code == 1 and err.startswith(f"kadrel-cue: {broken}: byte ") and "verify" not in err
+
+
+# Progress
+
+
+class Terminal:
+    """A terminal of 40 columns that collects what is shown on it."""
+
+    def __init__(self):
+        self.master, self.slave = pty.openpty()
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("4H", 24, 40, 0, 0))
+        self.shown = b""
+
+    def read(self):
+        while select.select([self.master], [], [], 0)[0]:
+            self.shown += os.read(self.master, 65536)
+        return self.shown
+
+    def close(self):
+        os.close(self.master)
+        os.close(self.slave)
+
+
+@pytest.fixture
+def terminal():
+    made = Terminal()
+    yield made
+    made.close()
+
+
+@pytest.mark.parametrize(
+    "command",
+    [["info"], ["verify"], ["cut", "-o", "/dev/null"], ["join", "-o", "/dev/null"]],
+    ids=lambda words: words[0],
+)
+def test_a_terminal_shows_how_far_a_command_is(tmp_path, terminal, command):
+    source = tmp_path / ("a" * 60)
+    os.mkfifo(source)
+    process = subprocess.Popen(
+        [CUE, command[0], source, *command[1:]],
+        stdout=terminal.slave, stderr=terminal.slave, env={**os.environ, **environment()},
+    )
+    datagram = art_dmx(1, bytes(512))
+    with open(source, "wb", buffering=0) as pipe:
+        pipe.write(datagram)
+
+        def shows():
+            pipe.write(oem_vfps_ns(1) + datagram)
+            return b" MB" in terminal.read()
+
+        spin_until(shows, "the progress")
+    assert process.wait() == 0
+    shown = terminal.read()
+    lines = re.findall(rb"\r\x1b\[K(a+  [0-9.]+ MB)", shown)
+    assert lines and max(map(len, lines)) == 39
+    # The line is taken away before anything else is said.
+    assert shown.rpartition(b" MB")[2].startswith(b"\r\x1b[K")
+
+
+def test_no_bytes_go_to_a_terminal(terminal, cue):
+    outcome = subprocess.run(
+        [CUE, "cut", cue, "-o", "-"],
+        stdout=terminal.slave, stderr=subprocess.PIPE, text=True, check=False, env={**os.environ, **environment()},
+    )
+    assert (outcome.returncode, outcome.stderr) == (
+        1, "kadrel-cue: standard output: a terminal, which takes no bytes that are no text\n"
+    )
+    assert terminal.read() == b""

@@ -24,8 +24,13 @@ protected:
       {dmx("a", 0), 0}, {dmx("b", 1), 10}, {dmx("c", 0), 10}, {dmx("d", 1), 10}};
   const std::string show = directory.write("show.cue", file_of(datagrams));
 
-  std::string cut(const cue::Selection& selection) const {
-    cue::cut(show, selection, directory / "out.cue");
+  std::string cut(const cue::Selection& selection, bool look = false) const {
+    cue::CutOptions options;
+    options.file = show;
+    options.selection = selection;
+    options.output = directory / "out.cue";
+    options.look = look;
+    cue::cut(options);
     return directory.content("out.cue");
   }
 };
@@ -51,7 +56,7 @@ TEST_F(Cut, KeepsThePausesBetweenWhatItTakes) {
 TEST_F(Cut, MakesAnEmptyRecordingOfNothing) {
   cue::Selection selection;
   selection.start = 31;
-  EXPECT_EQ(cut(selection), "");
+  EXPECT_EQ(cut(selection, true), "");
 }
 
 TEST_F(Cut, ExchangesUniverses) {
@@ -62,9 +67,11 @@ TEST_F(Cut, ExchangesUniverses) {
 }
 
 TEST_F(Cut, WritesNothingOfADamagedFile) {
-  const std::string broken = directory.write("broken.cue", kDmx + "Art");
-  EXPECT_EQ(error_of([&] { cue::cut(broken, {}, directory / "out.cue"); }),
-            broken + ": byte 22: cut off within a delay record");
+  cue::CutOptions options;
+  options.file = directory.write("broken.cue", kDmx + "Art");
+  options.output = directory / "out.cue";
+  EXPECT_EQ(error_of([&] { cue::cut(options); }),
+            options.file.path() + ": byte 22: cut off within a delay record");
   EXPECT_EQ(directory.names(), (std::vector<std::string>{"broken.cue", "show.cue"}));
 }
 
