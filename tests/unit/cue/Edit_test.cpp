@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <map>
 
 #include "cue/CueError.h"
+#include "cue/DatagramWalk.h"
 #include "unit/cue/directory.h"
 #include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
@@ -75,6 +77,175 @@ TEST_F(Cut, WritesNothingOfADamagedFile) {
   EXPECT_EQ(directory.names(), (std::vector<std::string>{"broken.cue", "show.cue"}));
 }
 
+// Looks: universes 1, 2 and 4 have come before 100 ms, 3 comes later for the first time.
+class CutWithLooks : public testing::Test {
+protected:
+  static constexpr std::int64_t kMs = 1'000'000;
+  // Three looks in one frame of 22,727,272 ns.
+  static constexpr std::int64_t kStep = 22'727'272 / 3;
+
+  /// What cut() makes of datagrams and the times at which they come.
+  std::string cut(const std::vector<recordings::Datagram>& datagrams) {
+    options.file = directory.write("show.cue", file_at(datagrams));
+    options.output = directory / "out.cue";
+    options.output.replace = true;
+    written = cue::cut(options);
+    return directory.content("out.cue");
+  }
+
+  /// A recording of datagrams with their times instead of pauses.
+  static std::string file_at(std::vector<recordings::Datagram> datagrams) {
+    for (std::size_t i = datagrams.size(); i-- > 1;) datagrams[i].second -= datagrams[i - 1].second;
+    return file_of(datagrams);
+  }
+
+  const unit::Directory directory;
+  const std::vector<recordings::Datagram> before{
+      {dmx("old", 1, 7), 0}, {dmx("one", 1, 8), 10 * kMs}, {dmx("two", 2) + dmx("four", 4, 3), 99 * kMs}};
+  cue::CutOptions options = [] {
+    cue::CutOptions made;
+    made.selection.start = 100 * kMs;
+    return made;
+  }();
+  cue::Written written;
+};
+
+TEST_F(CutWithLooks, BeginsWithTheLastDatagramOfEachUniverseWithinOneFrame) {
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("three", 3), 150 * kMs);
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("one", 1, 8), 0},
+                                     {dmx("two", 2), kStep},
+                                     {dmx("four", 4, 3), 2 * kStep},
+                                     {dmx("three", 3), 50 * kMs}}));
+  EXPECT_EQ(written.datagrams, 4U);
+  EXPECT_EQ(written.duration, 50 * kMs);
+}
+
+TEST_F(CutWithLooks, LeavesOutTheLookOfAUniverseThatComesAgainBefore) {
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("new", 1, 9), 100 * kMs);
+  datagrams.emplace_back(dmx("new", 2), 100 * kMs + kStep);
+  datagrams.emplace_back(dmx("new", 4, 4), 100 * kMs + 2 * kStep + 1);
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("new", 1, 9), 0},
+                                     {dmx("new", 2), kStep},
+                                     {dmx("four", 4, 3), 2 * kStep},
+                                     {dmx("new", 4, 4), 2 * kStep + 1}}));
+}
+
+TEST_F(CutWithLooks, WritesALookBeforeWhatComesAtTheSameTime) {
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("three", 3), 100 * kMs);
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("one", 1, 8), 0},
+                                     {dmx("three", 3), 0},
+                                     {dmx("two", 2), kStep},
+                                     {dmx("four", 4, 3), 2 * kStep}}));
+}
+
+TEST_F(CutWithLooks, HasTheUniversesThatAreWantedAsTheyAreWanted) {
+  options.selection.only = cue::UniverseSet();
+  options.selection.only->insert(4);
+  options.selection.changes = {{4, 9}};
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("one", 1), 100 * kMs);
+  datagrams.emplace_back(dmx("new", 4, 4), 150 * kMs);
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("four", 9, 3), 0}, {dmx("new", 9, 4), 50 * kMs}}));
+}
+
+TEST_F(CutWithLooks, FitsIntoAPartThatIsShorterThanAFrame) {
+  options.selection.stop = 100 * kMs + 3;
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("three", 3), 150 * kMs);
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("one", 1, 8), 0}, {dmx("two", 2), 1}, {dmx("four", 4, 3), 2}}));
+  options.selection.stop = options.selection.start;
+  EXPECT_EQ(cut(datagrams), "");
+}
+
+TEST_F(CutWithLooks, HasNoLookBehindTheEnd) {
+  EXPECT_EQ(cut(before), "");
+}
+
+TEST_F(CutWithLooks, CountsOnWhenItIsToRenumber) {
+  auto datagrams = before;
+  datagrams.emplace_back(dmx("new", 1, 200), 150 * kMs);
+  datagrams.emplace_back(dmx("new", 2), 150 * kMs);
+  datagrams.emplace_back(dmx("new", 4, 3), 150 * kMs);
+  options.renumber = true;
+  EXPECT_EQ(cut(datagrams), file_at({{dmx("one", 1, 8), 0},
+                                     {dmx("two", 2), kStep},
+                                     {dmx("four", 4, 3), 2 * kStep},
+                                     {dmx("new", 1, 9), 50 * kMs},
+                                     {dmx("new", 2), 50 * kMs},
+                                     {dmx("new", 4, 4), 50 * kMs}}));
+}
+
+/// Levels of each universe at a time of a recording: those of its last ArtDmx until then.
+std::map<unsigned, std::string> looks_at(const std::string& file, std::int64_t time) {
+  std::map<unsigned, std::string> looks;
+  const recordings::Reading reading = recordings::read(file);
+  for (std::size_t i = 0; i < reading.datagrams.size() && reading.times[i] <= time; ++i) {
+    const std::string& datagram = reading.datagrams[i].first;
+    cue::for_each_dmx(recordings::bytes_of(datagram), datagram.size(), [&](const cue::DmxPacket& packet) {
+      looks[packet.port_address] = datagram.substr(packet.offset + 18, packet.slots);
+    });
+  }
+  return looks;
+}
+
+// A model of cut() for any recording and any part of it.
+TEST_F(CutWithLooks, ShowsTheSameLookAsTheRecordingAfterOneFrame) {
+  recordings::Chance chance(13);
+  for (int round = 0; round < 100; ++round) {
+    std::vector<recordings::Datagram> datagrams;
+    std::int64_t time = 0;
+    for (int i = 0; i < 60; ++i) {
+      datagrams.emplace_back(dmx(std::string(1 + chance.below(4), static_cast<char>(chance.below(256))),
+                                 chance.below(12), chance.below(256)),
+                             time);
+      time += chance.below(2) == 0 ? 0 : chance.below(30 * kMs);
+    }
+    const std::int64_t start = chance.below(static_cast<unsigned>(datagrams.back().second)) + 1;
+    const std::string show = file_at(datagrams);
+    options.selection.start = start;
+    options.look = true;
+    const std::string part = cut(datagrams);
+    const recordings::Reading reading = recordings::read(part);
+    ASSERT_FALSE(reading.damage);
+    // Without a look at the front, because its universe comes at that moment, both begin together all the
+    // same.
+    for (const std::int64_t after : {22'727'272, 40'000'000, 400'000'000})
+      EXPECT_EQ(looks_at(part, after), looks_at(show, start + after)) << round;
+  }
+}
+
+TEST_F(CutWithLooks, GivesTheRecordingBackWhenItsBarePartsAreJoined) {
+  recordings::Chance chance(14);
+  for (int round = 0; round < 100; ++round) {
+    std::vector<recordings::Datagram> datagrams;
+    for (int i = 0; i < 20; ++i) datagrams.emplace_back(chance.dmx(), 1 + chance.pause());
+    const std::string show = file_of(datagrams);
+    const recordings::Reading whole = recordings::read(show);
+    const std::size_t at = 1 + chance.below(19);
+    options.file = directory.write("show.cue", show);
+    options.look = false;
+    cue::JoinOptions join;
+    join.look = false;
+    join.gap = whole.datagrams[at].second;
+    for (const char* name : {"head.cue", "tail.cue"}) {
+      options.selection = {};
+      (std::string(name) == "head.cue" ? options.selection.stop.emplace() : options.selection.start) =
+          whole.times[at];
+      options.output = directory / name;
+      options.output.replace = true;
+      cue::cut(options);
+      join.files.emplace_back(directory / name);
+    }
+    join.output = directory / "joined.cue";
+    join.output.replace = true;
+    cue::join(join);
+    EXPECT_EQ(directory.content("joined.cue"), show) << round;
+  }
+}
+
 TEST(Join, PutsRecordingsOneAfterTheOther) {
   const unit::Directory directory;
   cue::JoinOptions options;
@@ -100,6 +271,54 @@ TEST(Join, MakesTheGapThatIsWanted) {
   options.selection.only->insert(1);
   cue::join(options);
   EXPECT_EQ(directory.content("out.cue"), file_of({{dmx("a", 1), 0}, {dmx("a", 1), 0}}));
+}
+
+TEST(Join, BeginsEachFileWithTheLooksOfThoseBefore) {
+  const unit::Directory directory;
+  cue::JoinOptions options;
+  options.files = {
+      directory.write("a.cue", file_of({{dmx("a", 1, 5), 0}, {dmx("b", 2, 5), 10}, {dmx("c", 3), 10}})),
+      directory.write("empty.cue", ""), directory.write("b.cue", file_of({{dmx("d", 2, 9), 0}})),
+      directory.write("c.cue", file_of({{dmx("e", 4), 0}, {dmx("f", 3), 100'000'000}}))};
+  options.output = directory / "out.cue";
+  options.output.replace = true;
+  options.gap = 1000;
+  const std::int64_t third = 22'727'272 / 3;
+  const std::int64_t two_thirds = 2 * std::int64_t{22'727'272} / 3;
+  cue::join(options);
+  EXPECT_EQ(directory.content("out.cue"), file_of({{dmx("a", 1, 5), 0},
+                                                   {dmx("b", 2, 5), 10},
+                                                   {dmx("c", 3), 10},
+                                                   {dmx("a", 1, 5), 1000},
+                                                   {dmx("d", 2, 9), 0},
+                                                   {dmx("c", 3), two_thirds},
+                                                   {dmx("a", 1, 5), 1000},
+                                                   {dmx("e", 4), 0},
+                                                   {dmx("d", 2, 9), third},
+                                                   {dmx("c", 3), two_thirds - third},
+                                                   {dmx("f", 3), 100'000'000 - two_thirds}}));
+  options.renumber = true;
+  cue::join(options);
+  EXPECT_EQ(directory.content("out.cue"), file_of({{dmx("a", 1, 5), 0},
+                                                   {dmx("b", 2, 5), 10},
+                                                   {dmx("c", 3), 10},
+                                                   {dmx("a", 1, 6), 1000},
+                                                   {dmx("d", 2, 6), 0},
+                                                   {dmx("c", 3), two_thirds},
+                                                   {dmx("a", 1, 7), 1000},
+                                                   {dmx("e", 4), 0},
+                                                   {dmx("d", 2, 7), third},
+                                                   {dmx("c", 3), two_thirds - third},
+                                                   {dmx("f", 3), 100'000'000 - two_thirds}}));
+  options.look = false;
+  options.renumber = false;
+  cue::join(options);
+  EXPECT_EQ(directory.content("out.cue"), file_of({{dmx("a", 1, 5), 0},
+                                                   {dmx("b", 2, 5), 10},
+                                                   {dmx("c", 3), 10},
+                                                   {dmx("d", 2, 9), 1000},
+                                                   {dmx("e", 4), 1000},
+                                                   {dmx("f", 3), 100'000'000}}));
 }
 
 TEST(Join, RefusesMoreTimeThanThereIs) {

@@ -59,7 +59,9 @@ protected:
   /// The recording made of a capture.
   std::string import(const std::string& capture) {
     const std::string path = directory.write("in.pcap", capture);
-    imported = cue::import_pcap(path, 6454, directory / "out.cue");
+    cue::Output output(directory / "out.cue");
+    output.replace = true;
+    imported = cue::import_pcap(path, 6454, output);
     return directory.content("out.cue");
   }
 };

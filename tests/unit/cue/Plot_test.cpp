@@ -27,6 +27,7 @@ protected:
   void record(const std::vector<recordings::Datagram>& datagrams) {
     options.file = directory.write("a<b>&.cue", file_of(datagrams));
     options.output = directory / "out.svg";
+    options.output.replace = true;
   }
 
   std::string plot() {

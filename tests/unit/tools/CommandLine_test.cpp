@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <limits>
 #include <sstream>
 #include <utility>
@@ -47,6 +48,7 @@ TEST(CommandLine, RefusesWordsThatDoNotGoTogether) {
       {{"cut", "a", "-o", "x", "--start", "2", "--stop", "1"}, "--stop is before --start"},
       {{"plot", "a", "-o", "x", "--start", "2", "--stop", "1"}, "--stop is before --start"},
       {{"play", "a", "--to", "10.0.0.9", "--start", "2", "--stop", "1"}, "--stop is before --start"},
+      {{"join", "-", "a", "-", "-o", "x"}, "- (the standard input) can be read once"},
       {{"export", "a"}, "--pcap or --csv is needed"},
       {{"export", "a", "--pcap", "/tmp/x", "--csv", "/tmp/./x"}, "--pcap and --csv name the same file"},
       {{"cut", "a", "-o", "x", "--start", "soon"}, "\"soon\" is not a time such as 90, 1.5 or 1m30.5"},
@@ -81,6 +83,7 @@ TEST(Commands, SayWhatTheyWrote) {
     EXPECT_EQ(outcome.out, report);
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.code, 0);
+    std::filesystem::remove(out);
   }
 }
 
