@@ -214,14 +214,23 @@ void AtomicFile::place_new() {
   const char* const name = file_name.c_str();
   if (temporary.empty()) {
     if (linkat(AT_FDCWD, link_of(fd).c_str(), directory, name, AT_SYMLINK_FOLLOW) == 0) return;
-  } else if (renameat2(directory, temporary.c_str(), directory, name, RENAME_NOREPLACE) == 0) {
-    return forget_temporary();
-  } else if (errno == EINVAL || errno == ENOSYS) {
-    // A file system without such a rename, NFS for one. The temporary name goes with this object.
-    if (linkat(directory, temporary.c_str(), directory, name, 0) == 0) return;
+  } else {
+    if (renameat2(directory, temporary.c_str(), directory, name, RENAME_NOREPLACE) == 0)
+      return forget_temporary();
+    // A file system without such a rename, NFS for one: this file takes the place of one that was made just
+    // now.
+    if (errno == EINVAL) return place_over_claim();
   }
   if (errno == EEXIST) throw exists_error(shown);
   fail(errno);
+}
+
+void AtomicFile::place_over_claim() {
+  const int claim = openat(directory, file_name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, kNewFile);
+  if (claim == -1 && errno == EEXIST) throw exists_error(shown);
+  if (claim == -1) fail(errno);
+  close(claim);
+  place_over();
 }
 
 /// Gives the file its name, whether another file has it or not.

@@ -74,6 +74,7 @@ private:
   void forget_temporary();
   void flush();
   void place_new();
+  void place_over_claim();
   void place_over();
   [[noreturn]] void fail(int error) const;
 

@@ -127,8 +127,8 @@ std::int64_t default_gap() {
 
 Written cut(const CutOptions& options) {
   const Selection& selection = options.selection;
-  GoodRecords reader(options.file, options.on_damage);
   Timeline timeline(options, {options.file});
+  GoodRecords reader(options.file, options.on_damage);
   Selector selector(selection);
   const std::int64_t span =
       selection.stop ? std::min(*selection.stop - selection.start, default_gap()) : default_gap();
@@ -156,6 +156,7 @@ Written join(const JoinOptions& options) {
   Selector selector(options.selection);
   Looks looks;
   for (const Input& file : options.files) {
+    const bool has_successor = &file != &options.files.back();
     GoodRecords reader(file, options.on_damage);
     const std::int64_t began = timeline.empty() ? 0 : add_times(timeline.end(), options.gap);
     std::int64_t first = -1;
@@ -168,7 +169,7 @@ Written join(const JoinOptions& options) {
         timeline.begin_with(looks, began, default_gap());
       }
       timeline.add(*picked, add_times(began, record.time - first));
-      if (options.look) looks.take(*picked);
+      if (options.look && has_successor) looks.take(*picked);
     }
     timeline.finish_looks();
   }

@@ -31,9 +31,10 @@ public:
 
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    cue::check_output(options.output, {options.file});
     const Progress progress(out, err, options.file);
     const std::int64_t shown = cue::plot(options);
-    out << options.output.name() << ": " << cue::format_time(shown) << "\n";
+    summary_of(options.output, out, err) << options.output.name() << ": " << cue::format_time(shown) << "\n";
     return 0;
   }
 

@@ -122,8 +122,9 @@ def test_a_refusal_comes_before_the_work(tmp_path, cue):
     out.write_bytes(b"precious")
     source = tmp_path / "pipe"
     os.mkfifo(source)
-    assert run("join", source, "-o", out).returncode == 1
-    assert out.read_bytes() == b"precious"
+    for command in ("cut", "join", "plot"):
+        assert outcome_of(command, source, "-o", out) == (1, b"", f"kadrel-cue: {out}: exists; --force replaces it\n")
+        assert out.read_bytes() == b"precious"
 
 
 def test_a_command_that_fails_leaves_the_existing_file(tmp_path):

@@ -284,7 +284,7 @@ TEST_F(AtomicFileTest, HasAShortNameWhereEveryFileNeedsOne) {
   });
 }
 
-TEST_F(AtomicFileTest, IsLinkedWhereARenameCannotSpareOtherFiles) {
+TEST_F(AtomicFileTest, IsSparingWhereARenameCannotBe) {
   unit::with_refused({kNoUnnamedFiles, kNoCarefulRename}, [&] {
     write(out, "one");
     EXPECT_EQ(directory.content("out"), "one");

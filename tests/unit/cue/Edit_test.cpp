@@ -194,7 +194,7 @@ std::map<unsigned, std::string> looks_at(const std::string& file, std::int64_t t
 // A model of cut() for any recording and any part of it.
 TEST_F(CutWithLooks, ShowsTheSameLookAsTheRecordingAfterOneFrame) {
   recordings::Chance chance(13);
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 30; ++round) {
     std::vector<recordings::Datagram> datagrams;
     std::int64_t time = 0;
     for (int i = 0; i < 60; ++i) {
@@ -219,7 +219,7 @@ TEST_F(CutWithLooks, ShowsTheSameLookAsTheRecordingAfterOneFrame) {
 
 TEST_F(CutWithLooks, GivesTheRecordingBackWhenItsBarePartsAreJoined) {
   recordings::Chance chance(14);
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 30; ++round) {
     std::vector<recordings::Datagram> datagrams;
     for (int i = 0; i < 20; ++i) datagrams.emplace_back(chance.dmx(), 1 + chance.pause());
     const std::string show = file_of(datagrams);
