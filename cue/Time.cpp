@@ -6,6 +6,17 @@
 #include "cue/CueError.h"
 
 namespace cue {
+namespace {
+
+/// ".500", or nothing without decimals.
+std::string fraction_text(std::int64_t nanoseconds, int decimals) {
+  if (decimals == 0) return {};
+  char text[16];
+  snprintf(text, sizeof text, ".%09d", static_cast<int>(nanoseconds % kSecond));
+  return std::string(text).substr(0, 1 + static_cast<std::size_t>(decimals));
+}
+
+}  // namespace
 
 std::int64_t add_times(std::int64_t a, std::int64_t b) {
   if (b > std::numeric_limits<std::int64_t>::max() - a) throw CueError("longer than 292 years");
@@ -28,6 +39,22 @@ std::string format_time(std::int64_t nanoseconds) {
   else
     snprintf(text, sizeof text, "%d.%03d s", seconds, rest);
   return text;
+}
+
+std::string clock_text(std::int64_t nanoseconds, int decimals) {
+  const auto minutes = static_cast<long long>(nanoseconds / kSecond / 60);
+  char text[40];
+  if (minutes >= 60)
+    snprintf(text, sizeof text, "%lld:%02lld:", minutes / 60, minutes % 60);
+  else
+    snprintf(text, sizeof text, "%lld:", minutes);
+  char seconds[8];
+  snprintf(seconds, sizeof seconds, "%02d", static_cast<int>(nanoseconds / kSecond % 60));
+  return text + std::string(seconds) + fraction_text(nanoseconds, decimals);
+}
+
+std::string seconds_text(std::int64_t nanoseconds, int decimals) {
+  return std::to_string(nanoseconds / kSecond) + fraction_text(nanoseconds, decimals) + " s";
 }
 
 }  // namespace cue

@@ -8,7 +8,6 @@
 namespace kadrel_cue {
 namespace {
 
-constexpr const char* kTimeWords = "a time such as 90, 1.5 or 1m30.5";
 constexpr const char* kUniverseWords = "a list of universes such as 1,3,5-8 (they count from 1)";
 
 /// Port-address of a universe counted from 1.
@@ -32,7 +31,7 @@ CLI::App* add_command(CLI::App& app, const std::string& name, const std::string&
 void add_time_range(CLI::App& command, cue::Selection& selection) {
   add_parsed<std::int64_t>(
       command, "--start", parse_time, [&selection](std::int64_t time) { selection.start = time; }, kTimeWords,
-      "Leave out what is before TIME (seconds, or 1m30.5)")
+      "Leave out what is before TIME (seconds, 1m30.5 or 1:30.5)")
       ->type_name("TIME");
   add_parsed<std::int64_t>(
       command, "--stop", parse_time, [&selection](std::int64_t time) { selection.stop = time; }, kTimeWords,

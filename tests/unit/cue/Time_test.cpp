@@ -22,6 +22,20 @@ TEST(Time, IsWrittenForPeople) {
   EXPECT_EQ(format_time(kMost), "2562047h47m16.855s");
 }
 
+TEST(Time, IsWrittenAsOnAClock) {
+  EXPECT_EQ(cue::clock_text(0, 0), "0:00");
+  EXPECT_EQ(cue::clock_text(90'500'000'000, 1), "1:30.5");
+  EXPECT_EQ(cue::clock_text(3'599'999'999'999, 0), "59:59");
+  EXPECT_EQ(cue::clock_text(3'723'500'000'000, 3), "1:02:03.500");
+  EXPECT_EQ(cue::clock_text(kMost, 9), "2562047:47:16.854775807");
+}
+
+TEST(Time, IsWrittenInSeconds) {
+  EXPECT_EQ(cue::seconds_text(5'999'999'999, 0), "5 s");
+  EXPECT_EQ(cue::seconds_text(500'000'000, 3), "0.500 s");
+  EXPECT_EQ(cue::seconds_text(kMost, 9), "9223372036.854775807 s");
+}
+
 TEST(Time, AddsUpUpToTheLongest) {
   EXPECT_EQ(cue::add_times(kMost - 5, 5), kMost);
   EXPECT_THROW(cue::add_times(kMost - 5, 6), cue::CueError);

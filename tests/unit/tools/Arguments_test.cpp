@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
 
 #include "cue/Time.h"
 
@@ -29,10 +30,81 @@ TEST(Arguments, ReadTimesInSecondsMinutesAndHours) {
   EXPECT_EQ(parse_time("9223372036.854775807"), kMost);
 }
 
+TEST(Arguments, ReadTimesAsTheyArePrinted) {
+  EXPECT_EQ(parse_time("0.500 s"), 500'000'000);
+  EXPECT_EQ(parse_time("2h03m04.000s"), 7384 * cue::kSecond);
+  EXPECT_EQ(parse_time("2 h 3 min 4.5 s"), 7'384'500'000'000);
+  EXPECT_EQ(parse_time("250 ms"), 250'000'000);
+  EXPECT_EQ(parse_time("250ms"), 250'000'000);
+  EXPECT_EQ(parse_time("0.5ms"), 500'000);
+  EXPECT_EQ(parse_time("1.0000019ms"), 1'000'001);
+  EXPECT_EQ(parse_time("1m250ms"), 60'250'000'000);
+  EXPECT_EQ(parse_time("10min"), 600 * cue::kSecond);
+}
+
+TEST(Arguments, ReadTimesOfAClock) {
+  EXPECT_EQ(parse_time("1:30"), 90 * cue::kSecond);
+  EXPECT_EQ(parse_time("0:05.25"), 5'250'000'000);
+  EXPECT_EQ(parse_time("90:00"), 5400 * cue::kSecond);
+  EXPECT_EQ(parse_time("1:02:03.5"), 3'723'500'000'000);
+  EXPECT_EQ(parse_time("2562047:47:16.854775807"), kMost);
+}
+
 TEST(Arguments, RefuseWhatIsNoTime) {
-  for (const char* text : {"", " ", "x", "-1", "1.", ".", "m", "1.5m", "1m2m", "1s2", "1m2h", "1h30.5.5",
-                           "1 s", "+1", "1e3", "9223372036.854775808", "99999999999999999999"})
+  for (const char* text : {"",
+                           " ",
+                           "x",
+                           "-1",
+                           "1.",
+                           ".",
+                           "m",
+                           "1.5m",
+                           "1m2m",
+                           "1s2",
+                           "1m2h",
+                           "1 ",
+                           "1h30.5.5",
+                           "1 x",
+                           "+1",
+                           "1e3",
+                           "1.5 h",
+                           "s",
+                           "2s5ms",
+                           "1:",
+                           ":30",
+                           "1:5",
+                           "1:60",
+                           "1:030",
+                           "1:60:00",
+                           "1:00:60",
+                           "1:00:00:00",
+                           "1:30.",
+                           "1:30 s",
+                           "1:.5",
+                           "1,5",
+                           "9223372036.854775808",
+                           "2562047:47:16.854775808",
+                           "2562048:00:00",
+                           "2562047h48m",
+                           "153722867281:00",
+                           "99999999999999999999",
+                           "99999999999999999999:00"})
     EXPECT_FALSE(parse_time(text)) << text;
+}
+
+TEST(Arguments, ReadBackEveryTimeThatIsPrinted) {
+  std::mt19937_64 engine(1);
+  for (int round = 0; round < 20'000; ++round) {
+    // Of every order of magnitude up to that at which rounding would go beyond the longest time.
+    const auto time = static_cast<std::int64_t>(engine() >> (2 + engine() % 60));
+    const std::int64_t ms = (time + 500'000) / 1'000'000;
+    EXPECT_EQ(parse_time(cue::format_time(time)), ms * 1'000'000) << time;
+    const auto decimals = static_cast<int>(engine() % 10);
+    std::int64_t unit = cue::kSecond;
+    for (int digit = 0; digit < decimals; ++digit) unit /= 10;
+    EXPECT_EQ(parse_time(cue::clock_text(time, decimals)), time / unit * unit) << time;
+    EXPECT_EQ(parse_time(cue::seconds_text(time, decimals)), time / unit * unit) << time;
+  }
 }
 
 TEST(Arguments, ReadListsOfUniverses) {

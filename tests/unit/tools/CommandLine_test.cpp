@@ -51,7 +51,8 @@ TEST(CommandLine, RefusesWordsThatDoNotGoTogether) {
       {{"join", "-", "a", "-", "-o", "x"}, "- (the standard input) can be read once"},
       {{"export", "a"}, "--pcap or --csv is needed"},
       {{"export", "a", "--pcap", "/tmp/x", "--csv", "/tmp/./x"}, "--pcap and --csv name the same file"},
-      {{"cut", "a", "-o", "x", "--start", "soon"}, "\"soon\" is not a time such as 90, 1.5 or 1m30.5"},
+      {{"cut", "a", "-o", "x", "--start", "soon"},
+       "\"soon\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
       {{"plot", "a", "-o", "x", "--universe", "0"}, "\"0\" is not a universe (they count from 1)"},
       {{"play", "a", "--to", "10.0.0.9", "--loop", "0"}, "\"0\" is not a number of passes, or forever"}};
   for (const auto& [words, message] : refused) {
