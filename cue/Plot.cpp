@@ -3,44 +3,56 @@
 #include <QByteArray>
 #include <QString>
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <map>
+#include <limits>
 #include <vector>
 
 #include "cue/AtomicFile.h"
 #include "cue/Csv.h"
 #include "cue/CueError.h"
 #include "cue/DatagramWalk.h"
+#include "cue/PlotBand.h"
 #include "cue/Png.h"
 #include "cue/RecordingInfo.h"
 #include "cue/Text.h"
 #include "cue/Time.h"
+#include "cue/TimeScale.h"
 
 namespace cue {
 namespace {
 
 // Layout in pixels of the picture.
 constexpr std::size_t kColumns = 1200;  // width of the time axis
-constexpr int kLeft = 120;
-constexpr int kRight = 90;
-constexpr int kTop = 74;
+constexpr int kLeft = 100;
+constexpr int kRight = 165;
+constexpr int kTop = 104;
 constexpr int kBottom = 44;
 constexpr int kWidth = kLeft + static_cast<int>(kColumns) + kRight;
-constexpr int kAllBandsHeight = 640;  // aim for all bands together
-constexpr int kLowestBand = 13;
-constexpr int kHighestBand = 256;
-constexpr int kLowestLabelledBand = 28;  // with a second line of label
-constexpr int kSlotsHeight = 640;
+constexpr double kRightWords = kLeft + static_cast<int>(kColumns) + 10;
+constexpr double kHeaderLine = kTop - 26;
+constexpr double kOneScreen = 900;            // a higher picture has the times at the top too
+constexpr std::size_t kAllBandsHeight = 640;  // aim for all bands together
+constexpr std::size_t kLowestBand = 13;
+constexpr std::size_t kHighestBand = 256;
+constexpr std::size_t kFineBand = 64;            // a higher one has rows of two pixels
+constexpr std::size_t kLowestLabelledBand = 28;  // with a second line of label
+constexpr std::size_t kTwoLines = 30;
+constexpr std::size_t kSlotsHeight = 640;
+constexpr std::size_t kHighestRow = 24;
+constexpr std::size_t kLeftOutHeight = 4;  // in place of slots that are not drawn
 
 // A silence of a universe longer than so many of its frames is a gap. A console may miss a single frame.
+// Senders repeat what stands at least every few seconds, so a long silence is a gap at any rate.
 constexpr double kGapFrames = 3;
 constexpr std::int64_t kShortestGap = kSecond / 10;
+constexpr std::int64_t kLongestGap = 10 * kSecond;
 
-// Index of the palette for "nothing was sent". All others are levels; level 1 looks like 0.
+// Indices of the palette that are no levels; levels 1 and 2 look like 0.
 constexpr std::uint8_t kGapIndex = 1;
+constexpr std::uint8_t kBackgroundIndex = 2;
 
-constexpr Colour kGapColour{0xC6, 0xD4, 0xE6};
+constexpr Colour kGapColour{0xC6, 0xD4, 0xE6};  // nothing was sent
+constexpr Colour kBackgroundColour{0x59, 0x61, 0x6B};
 
 /// Colours of a lamp that is faded up: from black to white.
 Palette lamp_palette() {
@@ -67,6 +79,7 @@ Palette lamp_palette() {
                                                 mix(from.colour.blue, to.colour.blue)};
   }
   palette[kGapIndex] = kGapColour;
+  palette[kBackgroundIndex] = kBackgroundColour;
   return palette;
 }
 
@@ -76,109 +89,56 @@ std::string colour_text(const Colour& colour) {
   return text;
 }
 
-/// Time in columns, from left to right.
-struct TimeAxis {
-  std::int64_t start = 0;
-  std::int64_t end = 0;
-
-  double length() const { return std::max(1.0, static_cast<double>(end - start)); }
-  std::size_t column(std::int64_t time) const {
-    const double part = static_cast<double>(time - start) / length();
-    return std::min(kColumns - 1, static_cast<std::size_t>(part * static_cast<double>(kColumns)));
-  }
-};
-
-/// Level of a group of slots: of a few slots the brightest; of many slots, where one is nearly always bright,
-/// the quadratic mean.
-std::uint64_t group_level(const std::uint8_t* levels, std::size_t count) {
-  constexpr std::size_t kFew = 8;
-  if (count <= kFew) return *std::max_element(levels, levels + count);
-  std::uint64_t squares = 0;
-  for (std::size_t i = 0; i < count; ++i) squares += static_cast<std::uint64_t>(levels[i]) * levels[i];
-  return static_cast<std::uint64_t>(std::sqrt(static_cast<double>(squares) / static_cast<double>(count)));
-}
-
-/// One universe over time. Each row is a group of slots, each column the mean of the looks in it.
-class Band {
+/// A picture of kColumns indices into the palette a row, from the top.
+class Raster {
 public:
-  Band(const UniverseInfo& of, std::size_t slots, std::size_t most_rows, const TimeAxis& time_axis)
-      : universe(of),
-        axis(time_axis),
-        slots_per_row((slots + most_rows - 1) / most_rows),
-        rows((slots + slots_per_row - 1) / slots_per_row),
-        sums(rows, 0),
-        pixels(rows * kColumns, kGapIndex) {
-    const double period = of.rate() > 0 ? static_cast<double>(kSecond) / of.rate() : 0;
-    gap = std::max(kShortestGap, static_cast<std::int64_t>(period * kGapFrames));
+  /// @param index  of a column
+  template <typename Index>
+  void add(std::size_t rows, Index&& index) {
+    if (rows == 0) return;
+    const std::size_t from = pixels.size();
+    for (std::size_t column = 0; column < kColumns; ++column) pixels.push_back(index(column));
+    for (std::size_t row = 1; row < rows; ++row)
+      for (std::size_t column = 0; column < kColumns; ++column) pixels.push_back(pixels[from + column]);
   }
 
-  /// Adds a look. A look from before the axis counts at its beginning, unless it is too old by then.
-  void add(std::int64_t time, const std::uint8_t* levels, std::size_t slots) {
-    const bool before = time < axis.start;
-    const std::size_t column = before ? 0 : axis.column(time);
-    if (before || last < axis.start) {
-      if (count > 0 && !before && time - last <= gap && column > 0) {
-        close_column();
-        fill(1, column);
-      }
-      start_column();
-    } else if (count > 0 && column != current) {
-      close_column();
-      // A look lasts until the next; a longer silence stays a gap.
-      if (time - last <= gap) fill(current + 1, column);
-      start_column();
-    }
-    current = column;
-    last = time;
-    ++count;
-    for (std::size_t row = 0; row < rows; ++row) {
-      const std::size_t from = row * slots_per_row;
-      const std::size_t to = std::min(slots, from + slots_per_row);
-      if (from < to) sums[row] += group_level(levels + from, to - from);
-    }
-  }
+  void add_background(std::size_t rows) { pixels.insert(pixels.end(), rows * kColumns, kBackgroundIndex); }
 
-  void finish() {
-    if (count == 0 || (last < axis.start && axis.end - last > gap)) return;
-    close_column();
-    if (axis.end - last <= gap) fill(current + 1, kColumns);
-  }
-
-  std::string png(const Palette& palette) const { return make_png(kColumns, rows, pixels, palette); }
-
-  const UniverseInfo universe;
+  std::size_t height() const { return pixels.size() / kColumns; }
+  std::string png(const Palette& palette) const { return make_png(kColumns, height(), pixels, palette); }
 
 private:
-  void start_column() {
-    std::fill(sums.begin(), sums.end(), 0);
-    count = 0;
-  }
-
-  void close_column() {
-    for (std::size_t row = 0; row < rows; ++row) {
-      const auto level = static_cast<std::uint8_t>(sums[row] / count);
-      pixels[row * kColumns + current] = level == kGapIndex ? 0 : level;
-    }
-  }
-
-  void fill(std::size_t from, std::size_t to) {
-    for (std::size_t row = 0; row < rows && from < to; ++row) {
-      const auto begin = pixels.begin() + static_cast<std::ptrdiff_t>(row * kColumns);
-      std::fill(begin + static_cast<std::ptrdiff_t>(from), begin + static_cast<std::ptrdiff_t>(to),
-                pixels[row * kColumns + current]);
-    }
-  }
-
-  const TimeAxis& axis;
-  std::size_t slots_per_row;
-  std::size_t rows;
-  std::vector<std::uint64_t> sums;  // sums over the looks in the current column
-  std::uint64_t count = 0;          // of those looks
-  std::size_t current = 0;
-  std::int64_t last = 0;
-  std::int64_t gap = 0;
   std::vector<std::uint8_t> pixels;
 };
+
+std::uint8_t level_index(std::uint8_t level) {
+  return level == kGapIndex || level == kBackgroundIndex ? 0 : level;
+}
+
+/// The brightest slot of a universe over time.
+void add_brightest(Raster& raster, const PlotBand& band, std::size_t height) {
+  raster.add(height, [&](std::size_t column) {
+    if (band.cell(0, column).is_gap) return kGapIndex;
+    std::uint8_t brightest = 0;
+    for (std::size_t row = 0; row < band.rows(); ++row)
+      brightest = std::max(brightest, band.cell(row, column).peak);
+    return level_index(brightest);
+  });
+}
+
+void add_means(Raster& raster, const PlotBand& band, std::size_t row, std::size_t height) {
+  raster.add(height, [&](std::size_t column) {
+    const PlotBand::Cell cell = band.cell(row, column);
+    return cell.is_gap ? kGapIndex : level_index(cell.mean);
+  });
+}
+
+void add_peaks(Raster& raster, const PlotBand& band, std::size_t row, std::size_t height) {
+  raster.add(height, [&](std::size_t column) {
+    const PlotBand::Cell cell = band.cell(row, column);
+    return cell.is_gap ? kGapIndex : level_index(cell.peak);
+  });
+}
 
 /// Text within XML.
 std::string xml_text(const std::string& text) {
@@ -212,48 +172,6 @@ constexpr const char* kSmallAtEnd = R"(text-anchor="end" class="small")";
 constexpr const char* kCentred = R"(text-anchor="middle")";
 constexpr const char* kSmall = R"(class="small")";
 
-/// Distance of the marks on the time axis: the smallest usual one that gives at most 12 marks.
-std::int64_t tick_distance(std::int64_t length) {
-  constexpr std::int64_t kMs = kSecond / 1000;
-  constexpr std::array<std::int64_t, 25> kUsual = {kMs,
-                                                   2 * kMs,
-                                                   5 * kMs,
-                                                   10 * kMs,
-                                                   20 * kMs,
-                                                   50 * kMs,
-                                                   100 * kMs,
-                                                   200 * kMs,
-                                                   500 * kMs,
-                                                   kSecond,
-                                                   2 * kSecond,
-                                                   5 * kSecond,
-                                                   10 * kSecond,
-                                                   15 * kSecond,
-                                                   30 * kSecond,
-                                                   60 * kSecond,
-                                                   120 * kSecond,
-                                                   300 * kSecond,
-                                                   600 * kSecond,
-                                                   900 * kSecond,
-                                                   1800 * kSecond,
-                                                   3600 * kSecond,
-                                                   7200 * kSecond,
-                                                   21600 * kSecond,
-                                                   86400 * kSecond};
-  constexpr std::int64_t kMostTicks = 12;
-  for (const std::int64_t distance : kUsual)
-    if (length / distance <= kMostTicks) return distance;
-  return length / kMostTicks;
-}
-
-/// "1:30", "2:03:04", "0.25 s".
-std::string tick_text(std::int64_t time, std::int64_t distance) {
-  if (distance < kSecond) return format("%.3g s", static_cast<double>(time) / static_cast<double>(kSecond));
-  const auto seconds = static_cast<long long>(time / kSecond);
-  if (seconds >= 3600) return format("%lld:%02lld:%02lld", seconds / 3600, seconds / 60 % 60, seconds % 60);
-  return format("%lld:%02lld", seconds / 60, seconds % 60);
-}
-
 std::string image(double y, double height, const std::string& png) {
   const QByteArray base64 = QByteArray::fromRawData(png.data(), static_cast<int>(png.size())).toBase64();
   return format(
@@ -263,11 +181,21 @@ std::string image(double y, double height, const std::string& png) {
          base64.toStdString() + "\"/>\n";
 }
 
+/// The times at both ends of a part, as exact as its length wants.
+std::string part_text(const PlotAxis& axis) {
+  constexpr std::int64_t kMillisecond = kSecond / 1000;
+  if (axis.end - axis.start >= kSecond || (axis.start % kMillisecond == 0 && axis.end % kMillisecond == 0))
+    return format_time(axis.start) + " to " + format_time(axis.end);
+  constexpr int kNanoseconds = 9;
+  return clock_text(axis.start, kNanoseconds) + " to " + clock_text(axis.end, kNanoseconds);
+}
+
 /// The picture around the bands.
 class Drawing {
 public:
-  Drawing(const PlotOptions& options, const RecordingInfo& info, const TimeAxis& time_axis,
-          double plot_height)
+  /// @param explanation  of what is drawn, one line
+  Drawing(const PlotOptions& options, const RecordingInfo& info, const PlotAxis& time_axis,
+          double plot_height, const std::string& explanation)
       : axis(time_axis), height(plot_height) {
     const auto total = static_cast<int>(height) + kTop + kBottom;
     svg = format(
@@ -278,18 +206,17 @@ public:
         ".title{font-size:18px;font-weight:bold}.tick{stroke:#999;stroke-width:1}"
         ".grid{stroke:#fff;stroke-opacity:.22;stroke-width:1}</style>\n";
     svg += format("<rect width=\"%d\" height=\"%d\" fill=\"#fff\"/>\n", kWidth, total);
-    svg += format("<rect x=\"%d\" y=\"%d\" width=\"%zu\" height=\"%.1f\" fill=\"#8a929c\"/>\n", kLeft, kTop,
-                  kColumns, height);
+    svg += format("<rect x=\"%d\" y=\"%d\" width=\"%zu\" height=\"%.1f\" fill=\"%s\"/>\n", kLeft, kTop,
+                  kColumns, height, colour_text(kBackgroundColour).c_str());
     const std::string& path = options.file.name();
     const std::size_t slash = path.rfind('/');
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     svg += text_at(kLeft, 28, "class=\"title\"", xml_text(name));
-    std::string summary = format_time(info.duration) + ", " + std::to_string(info.datagrams) +
-                          " datagrams, " + std::to_string(info.universes.size()) +
-                          (info.universes.size() == 1 ? " universe" : " universes");
-    if (axis.start > 0 || axis.end < info.duration)
-      summary += "; shown from " + format_time(axis.start) + " to " + format_time(axis.end);
+    std::string summary = format_time(info.duration) + ", " + counted(info.datagrams, "datagram") + ", " +
+                          counted(info.universes.size(), "universe");
+    if (axis.start > 0 || axis.end < info.duration) summary += "; shown from " + part_text(axis);
     svg += text_at(kLeft, 48, kSmall, summary);
+    svg += text_at(kLeft, 64, kSmall, explanation);
     legend();
   }
 
@@ -316,125 +243,290 @@ private:
   }
 
   void time_marks() {
-    const std::int64_t distance = tick_distance(axis.end - axis.start);
     const double bottom = kTop + height;
-    svg += format("<line class=\"tick\" x1=\"%d\" y1=\"%.1f\" x2=\"%d\" y2=\"%.1f\"/>\n", kLeft, bottom + 2,
-                  kLeft + static_cast<int>(kColumns), bottom + 2);
-    if (distance == 0) return;
-    const std::int64_t first = (axis.start + distance - 1) / distance;
-    for (std::int64_t mark = first; mark <= axis.end / distance; ++mark) {
-      const std::int64_t time = mark * distance;
-      const double x =
-          kLeft + static_cast<double>(time - axis.start) / axis.length() * static_cast<double>(kColumns);
-      svg += format("<line class=\"tick\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n", x, bottom + 2,
-                    x, bottom + 8);
-      svg += format("<line class=\"grid\" x1=\"%.1f\" y1=\"%d\" x2=\"%.1f\" y2=\"%.1f\"/>\n", x, kTop, x,
-                    bottom);
-      svg += text_at(x, bottom + 24, kCentred, tick_text(time, distance));
+    add_line(kLeft, bottom + 2, kLeft + static_cast<double>(kColumns), bottom + 2, "tick");
+    for (const Tick& tick : time_ticks(axis.start, axis.end, static_cast<double>(kColumns))) {
+      const double x = kLeft + axis.position(tick.time);
+      add_line(x, bottom + 2, x, bottom + 8, "tick");
+      add_line(x, kTop, x, bottom, "grid");
+      svg += text_at(x, bottom + 24, kCentred, tick.text);
+      if (height <= kOneScreen) continue;
+      add_line(x, kTop - 8, x, kTop - 2, "tick");
+      svg += text_at(x, kTop - 12, kCentred, tick.text);
     }
   }
 
-  const TimeAxis& axis;
+  void add_line(double x1, double y1, double x2, double y2, const char* kind) {
+    svg += format("<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n", kind, x1, y1, x2,
+                  y2);
+  }
+
+  const PlotAxis& axis;
   double height;
   std::string svg;
 };
 
-void read_bands(const PlotOptions& options, std::map<std::uint16_t, Band>& bands, const TimeAxis& axis) {
-  GoodRecords reader(options.file, options.on_damage ? [](const auto&, const auto&) {} : OnDamage());
+/// A universe in a picture.
+struct Shown {
+  UniverseInfo universe;
+  SlotsInUse in_use;
+
+  std::size_t slots() const { return std::max<std::size_t>(universe.most_slots, 1); }
+
+  /// Longest pause over which a look stands.
+  std::int64_t longest_pause() const {
+    const double period = universe.rate() > 0 ? static_cast<double>(kSecond) / universe.rate() : 0;
+    return static_cast<std::int64_t>(
+        std::clamp(period * kGapFrames, static_cast<double>(kShortestGap), static_cast<double>(kLongestGap)));
+  }
+
+  std::string slots_text() const {
+    if (in_use.count() == universe.most_slots) return counted(universe.most_slots, "slot");
+    return std::to_string(in_use.count()) + " of " + counted(universe.most_slots, "slot");
+  }
+};
+
+/// Calls @p visit with the number in @p shown of each ArtDmx of these universes, its time, levels and slots.
+template <typename Visit>
+void for_each_look(const PlotOptions& options, const std::vector<Shown>& shown, std::int64_t end,
+                   Visit&& visit) {
+  constexpr std::size_t kNot = SIZE_MAX;
+  std::vector<std::size_t> numbers(UniverseSet::kPortAddresses, kNot);
+  for (std::size_t number = 0; number < shown.size(); ++number)
+    numbers[shown[number].universe.port_address] = number;
+  GoodRecords records(options.file, options.on_damage ? [](const auto&, const auto&) {} : OnDamage());
   Record record;
-  while (reader.next(record) && record.time <= axis.end) {
+  while (records.next(record) && record.time <= end) {
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
-      const auto band = bands.find(packet.port_address);
-      if (band != bands.end())
-        band->second.add(record.time, record.data + packet.offset + kDmxHeaderSize, packet.slots);
+      const std::size_t number = numbers[packet.port_address];
+      if (number != kNot)
+        visit(number, record.time, record.data + packet.offset + kDmxHeaderSize, packet.slots);
     });
   }
-  for (auto& [port_address, band] : bands) band.finish();
 }
 
-std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, const TimeAxis& axis) {
-  std::vector<UniverseInfo> shown;
+/// Finds the slots in use. The whole recording counts, so that every part of it is drawn with the same rows.
+void find_slots_in_use(const PlotOptions& options, std::vector<Shown>& shown) {
+  for_each_look(options, shown, std::numeric_limits<std::int64_t>::max(),
+                [&](std::size_t number, std::int64_t, const std::uint8_t* levels, std::size_t slots) {
+                  shown[number].in_use.add(levels, slots);
+                });
+}
+
+/// Draws the looks. @param bands  of the universes shown, in the same order
+void read_bands(const PlotOptions& options, const RecordingInfo& info, const PlotAxis& axis,
+                const std::vector<Shown>& shown, std::vector<PlotBand>& bands) {
+  // Whether a look stands up to the end of the axis is told by the next one.
+  const std::int64_t end = axis.end + std::min(kLongestGap, info.duration - axis.end);
+  for_each_look(options, shown, end,
+                [&](std::size_t number, std::int64_t time, const std::uint8_t* levels, std::size_t slots) {
+                  bands[number].add(time, levels, slots);
+                });
+  for (PlotBand& band : bands) band.finish(end);
+}
+
+/// Rows and heights of the bands of a picture, in pixels.
+struct BandLayout {
+  std::size_t highest = 0;  // a band without the space below it
+  bool is_low = false;      // a single row, and a single line of words beside it
+  std::size_t brightest_height = 0;
+  std::size_t line_height = 0;  // between the brightest slot and the rows
+
+  explicit BandLayout(std::size_t bands) {
+    const std::size_t pitch = std::clamp(kAllBandsHeight / bands, kLowestBand, kHighestBand);
+    is_low = pitch <= kLowestLabelledBand;
+    highest = pitch - distance();
+    brightest_height = is_low ? 2 : pitch > kFineBand ? 6 : 4;
+    line_height = is_low ? 0 : 1;
+  }
+
+  std::size_t distance() const { return is_low ? 2 : 6; }
+  std::size_t rows_height() const { return highest - brightest_height - line_height; }
+
+  /// Rows that the eye can tell apart.
+  std::size_t most_rows() const { return is_low ? 1 : rows_height() / (highest > kFineBand ? 2 : 1); }
+
+  Raster raster(const PlotBand& band) const {
+    Raster raster;
+    add_brightest(raster, band, brightest_height);
+    raster.add_background(line_height);
+    const std::size_t row_height =
+        is_low ? rows_height() : std::clamp<std::size_t>(rows_height() / band.rows(), 1, kHighestRow);
+    for (std::size_t row = 0; row < band.rows(); ++row) add_means(raster, band, row, row_height);
+    return raster;
+  }
+};
+
+std::vector<Shown> shown_universes(const PlotOptions& options, const RecordingInfo& info) {
+  std::vector<Shown> shown;
   for (const UniverseInfo& universe : info.universes)
     if (!options.selection.only || options.selection.only->holds(universe.port_address))
-      shown.push_back(universe);
+      shown.push_back({universe, {}});
   if (shown.empty()) throw CueError(options.file.name() + ": holds nothing to draw");
   if (shown.size() > kMostBands)
     throw CueError(options.file.name() + ": holds " + std::to_string(shown.size()) +
                    " universes; choose at most " + std::to_string(kMostBands) + " with --only");
+  return shown;
+}
 
-  const int band_height =
-      std::clamp(kAllBandsHeight / static_cast<int>(shown.size()), kLowestBand, kHighestBand);
-  // Rows that the eye can tell apart; a low band is a single row.
-  const bool is_low = band_height <= kLowestLabelledBand;
-  const int distance = is_low ? 2 : 4;
-  const int row_height = is_low ? band_height : band_height > 64 ? 2 : 1;
-  const auto rows = static_cast<std::size_t>(std::max(1, (band_height - distance) / row_height));
-  std::map<std::uint16_t, Band> bands;
-  for (const UniverseInfo& universe : shown)
-    bands.emplace(std::piecewise_construct, std::forward_as_tuple(universe.port_address),
-                  std::forward_as_tuple(universe, std::max<std::size_t>(universe.most_slots, 1), rows, axis));
-  read_bands(options, bands, axis);
+/// The words beside a band.
+void add_band_words(Drawing& drawing, const Shown& of, bool is_low, double middle) {
+  const std::string number = std::to_string(of.universe.port_address + 1);
+  const std::string rate = format("%.1f Hz", of.universe.rate());
+  if (is_low) {
+    drawing.add(text_at(kLeft - 10, middle + 4, kSmallAtEnd, number));
+    drawing.add(text_at(kRightWords, middle + 4, kSmall, rate + ", " + of.slots_text()));
+    return;
+  }
+  drawing.add(text_at(kLeft - 10, middle - 2, kAtEnd, number));
+  drawing.add(text_at(kLeft - 10, middle + 12, kSmallAtEnd, port_address_text(of.universe.port_address)));
+  drawing.add(text_at(kRightWords, middle - 2, kSmall, rate));
+  drawing.add(text_at(kRightWords, middle + 12, kSmall, of.slots_text()));
+}
 
-  Drawing drawing(options, info, axis, static_cast<double>(shown.size()) * band_height);
-  drawing.add(text_at(kLeft - 10, kTop - 8, kSmallAtEnd, "universe"));
-  drawing.add(text_at(kLeft + static_cast<double>(kColumns) + 10, kTop - 8, kSmall, "rate"));
-  const Palette palette = lamp_palette();
+std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, const PlotAxis& axis) {
+  std::vector<Shown> shown = shown_universes(options, info);
+  find_slots_in_use(options, shown);
+  const BandLayout layout(shown.size());
+  std::vector<PlotBand> bands;
+  bands.reserve(shown.size());
+  for (const Shown& of : shown)
+    bands.emplace_back(of.in_use.alone(of.slots()), layout.most_rows(), of.longest_pause(), axis);
+  read_bands(options, info, axis, shown, bands);
+
+  std::string images;
   double y = kTop;
-  for (const auto& [port_address, band] : bands) {
-    drawing.add(image(y, band_height - distance, band.png(palette)));
-    const double middle = y + (band_height - distance) / 2.0;
-    const bool second_line = !is_low;
-    drawing.add(text_at(kLeft - 10, middle + (second_line ? 0 : 4), second_line ? kAtEnd : kSmallAtEnd,
-                        std::to_string(port_address + 1)));
-    if (second_line)
-      drawing.add(text_at(
-          kLeft - 10, middle + 14, kSmallAtEnd,
-          port_address_text(port_address) + ", " + std::to_string(band.universe.most_slots) + " slots"));
-    drawing.add(text_at(kLeft + static_cast<double>(kColumns) + 10, middle + 4, kSmall,
-                        format("%.1f Hz", band.universe.rate())));
-    y += band_height;
+  std::vector<double> middles;
+  const Palette palette = lamp_palette();
+  for (const PlotBand& band : bands) {
+    const Raster raster = layout.raster(band);
+    images += image(y, static_cast<double>(raster.height()), raster.png(palette));
+    const auto height = static_cast<double>(std::max(raster.height(), layout.is_low ? 0 : kTwoLines));
+    middles.push_back(y + height / 2);
+    y += height + static_cast<double>(layout.distance());
+  }
+  Drawing drawing(options, info, axis, y - kTop,
+                  layout.is_low ? "Each band: the level of the slots in use (ever above 0), and above it the "
+                                  "brightest of them."
+                                : "Each band: the slots in use (ever above 0) from top to bottom, and above "
+                                  "them a line for the brightest.");
+  drawing.add(images);
+  drawing.add(text_at(kLeft - 10, kHeaderLine, kSmallAtEnd, "universe"));
+  drawing.add(text_at(kRightWords, kHeaderLine, kSmall, "rate, slots in use"));
+  for (std::size_t number = 0; number < shown.size(); ++number)
+    add_band_words(drawing, shown[number], layout.is_low, middles[number]);
+  return drawing.finish();
+}
+
+/// The slots of one universe, each in a row of its own, and their numbers.
+class SlotRows {
+public:
+  explicit SlotRows(const PlotBand& of)
+      : band(of), row_height(std::clamp<std::size_t>(kSlotsHeight / of.rows(), 1, kHighestRow)) {
+    // The brightest of all, where rows are too low for a line each.
+    if (!has_peaks()) {
+      add_brightest(raster, band, 8);
+      raster.add_background(2);
+    }
+    for (std::size_t row = 0; row < band.rows(); ++row) add_row(row);
+  }
+
+  bool has_peaks() const { return row_height >= 6; }
+  const Raster& picture() const { return raster; }
+
+  /// The numbers that have room.
+  std::string numbers() const {
+    constexpr double kLine = 13;
+    const std::vector<std::uint16_t>& slots = band.slots();
+    std::size_t step = 1;
+    for (const std::size_t round : {2, 5, 10, 20, 50})
+      if (static_cast<double>(step * row_height) < kLine) step = round;
+    std::string texts;
+    double free = 0;
+    for (std::size_t row = 0; row < slots.size(); ++row) {
+      const bool begins = row == 0 || slots[row] != slots[row - 1] + 1;
+      const std::size_t number = slots[row] + std::size_t{1};
+      const double middle = middles[row];
+      if ((!begins && number % step != 0) || middle < free) continue;
+      texts += text_at(kLeft - 10, kTop + middle + 4, kSmallAtEnd, std::to_string(number));
+      free = middle + kLine;
+    }
+    return texts;
+  }
+
+private:
+  void add_row(std::size_t row) {
+    const std::vector<std::uint16_t>& slots = band.slots();
+    if (row > 0 && slots[row] != slots[row - 1] + 1) raster.add_background(kLeftOutHeight);
+    middles.push_back(static_cast<double>(raster.height()) + static_cast<double>(row_height) / 2);
+    if (has_peaks()) {
+      const std::size_t peak_height = std::max<std::size_t>(1, row_height / 5);
+      add_peaks(raster, band, row, peak_height);
+      add_means(raster, band, row, row_height - peak_height - 1);
+      raster.add_background(1);
+    } else {
+      add_means(raster, band, row, row_height);
+    }
+  }
+
+  const PlotBand& band;
+  std::size_t row_height;
+  Raster raster;
+  std::vector<double> middles;  // of the rows
+};
+
+std::string plot_slots(const PlotOptions& options, const RecordingInfo& info, const PlotAxis& axis) {
+  const std::uint16_t wanted = choose_universe(info, options.port_address);
+  std::vector<Shown> shown = {{*std::find_if(info.universes.begin(), info.universes.end(),
+                                             [&](const auto& of) { return of.port_address == wanted; }),
+                               {}}};
+  find_slots_in_use(options, shown);
+  const Shown& of = shown.front();
+  std::vector<PlotBand> bands;
+  bands.emplace_back(of.in_use.together(of.slots()), of.slots(), of.longest_pause(), axis);
+  read_bands(options, info, axis, shown, bands);
+
+  const SlotRows rows(bands.front());
+  const auto height = static_cast<double>(rows.picture().height());
+  Drawing drawing(options, info, axis, height,
+                  rows.has_peaks()
+                      ? "Each slot: its mean level over time, and above it a line for the highest."
+                      : "Each slot: its mean level over time; at the top the brightest of all.");
+  drawing.add(image(kTop, height, rows.picture().png(lamp_palette())));
+  drawing.add(text_at(kLeft - 10, kHeaderLine, kSmallAtEnd, "slot"));
+  drawing.add(rows.numbers());
+  double y = kTop + 12;
+  std::vector<std::string> beside = {"universe " + std::to_string(wanted + 1), port_address_text(wanted),
+                                     format("%.1f Hz", of.universe.rate()), of.slots_text() + " in use"};
+  const std::size_t left_out = of.slots() - bands.front().slots().size();
+  if (left_out > 0) {
+    beside.push_back(left_out == 1 ? "1 slot that stays" : counted(left_out, "slot") + " that stay");
+    beside.push_back(left_out == 1 ? "at 0 is left out" : "at 0 are left out");
+  }
+  for (const std::string& words : beside) {
+    drawing.add(text_at(kRightWords, y, kSmall, words));
+    y += 16;
   }
   return drawing.finish();
 }
 
-std::string plot_slots(const PlotOptions& options, const RecordingInfo& info, const TimeAxis& axis) {
-  const std::uint16_t wanted = choose_universe(info, options.port_address);
-  const auto universe = *std::find_if(info.universes.begin(), info.universes.end(),
-                                      [&](const UniverseInfo& of) { return of.port_address == wanted; });
-  const std::size_t slots = std::max<std::size_t>(universe.most_slots, 1);
-  std::map<std::uint16_t, Band> bands;
-  bands.emplace(std::piecewise_construct, std::forward_as_tuple(wanted),
-                std::forward_as_tuple(universe, slots, slots, axis));
-  read_bands(options, bands, axis);
-
-  // Rows of whole pixels, so that none looks thicker than another.
-  const auto row_height = static_cast<double>(std::clamp<std::size_t>(kSlotsHeight / slots, 1, 24));
-  const double height = row_height * static_cast<double>(slots);
-  Drawing drawing(options, info, axis, height);
-  drawing.add(text_at(kLeft + static_cast<double>(kColumns) + 10, kTop + 12, kSmall,
-                      "universe " + std::to_string(wanted + 1)));
-  drawing.add(
-      text_at(kLeft + static_cast<double>(kColumns) + 10, kTop + 28, kSmall, port_address_text(wanted)));
-  drawing.add(text_at(kLeft + static_cast<double>(kColumns) + 10, kTop + 44, kSmall,
-                      format("%.1f Hz", universe.rate())));
-  drawing.add(image(kTop, height, bands.begin()->second.png(lamp_palette())));
-  drawing.add(text_at(kLeft - 10, kTop - 8, kSmallAtEnd, "slot"));
-  std::size_t step = 1;
-  while (static_cast<double>(step) * row_height < 16) step *= 2;
-  for (std::size_t slot = 1; slot <= slots; slot += slot == 1 && step > 1 ? step - 1 : step)
-    drawing.add(text_at(kLeft - 10, kTop + (static_cast<double>(slot) - 0.5) * row_height + 4, kSmallAtEnd,
-                        std::to_string(slot)));
-  return drawing.finish();
+PlotAxis axis_of(const PlotOptions& options, const RecordingInfo& info) {
+  PlotAxis axis{options.selection.start, info.duration, kColumns};
+  if (options.selection.stop) axis.end = std::min(axis.end, *options.selection.stop);
+  if (axis.start > info.duration)
+    throw CueError(options.file.name() + ": ends at " + format_time(info.duration) + ", before " +
+                   format_time(axis.start));
+  axis.end = std::max(axis.start, axis.end);
+  return axis;
 }
 
 }  // namespace
 
 std::int64_t plot(PlotOptions options) {
+  AtomicFile file(options.output, {options.file});
   options.file.keep();
   const RecordingInfo info = read_info(options.file, options.on_damage);
-  TimeAxis axis{std::min(options.selection.start, info.duration), info.duration};
-  if (options.selection.stop) axis.end = std::min(axis.end, *options.selection.stop);
-  AtomicFile file(options.output, {options.file});
+  const PlotAxis axis = axis_of(options, info);
   const bool one = options.port_address.has_value();
   file.write(one ? plot_slots(options, info, axis) : plot_bands(options, info, axis));
   file.commit();

@@ -4,6 +4,7 @@
 
 #include "cue/Time.h"
 #include "tools/Command.h"
+#include "tools/DamageWarning.h"
 #include "tools/Options.h"
 #include "tools/Progress.h"
 #include "tools/Signals.h"
@@ -24,6 +25,7 @@ public:
     add_only(*command, options.selection)->excludes(universe);
     add_time_range(*command, options.selection);
     add_output(*command, options.output)->required();
+    add_strict(*command, strict);
     return command;
   }
 
@@ -33,13 +35,16 @@ public:
     clear_away_on_signals();
     cue::check_output(options.output, {options.file});
     const Progress progress(out, err, options.file);
+    DamageWarning warning(err, strict);
+    options.on_damage = warning.on_damage();
     const std::int64_t shown = cue::plot(options);
     summary_of(options.output, out, err) << options.output.name() << ": " << cue::format_time(shown) << "\n";
-    return 0;
+    return warning.exit_code();
   }
 
 private:
   cue::PlotOptions options;
+  bool strict = false;
 };
 
 }  // namespace

@@ -35,6 +35,11 @@ protected:
     return directory.content("out.svg");
   }
 
+  static std::string image_of(const std::string& svg) {
+    const std::size_t begin = svg.find("base64,");
+    return svg.substr(begin, svg.find('"', begin) - begin);
+  }
+
   static int count(const std::string& svg, const std::string& what) {
     int found = 0;
     for (std::size_t at = svg.find(what); at != std::string::npos; at = svg.find(what, at + 1)) ++found;
@@ -92,6 +97,71 @@ TEST_F(Plot, RefusesToDrawNothing) {
   EXPECT_EQ(error_of([this] { plot(); }), options.file.path() + ": holds nothing to draw");
   options.port_address = 3;
   EXPECT_EQ(error_of([this] { plot(); }), options.file.path() + ": holds no universe 4");
+}
+
+TEST_F(Plot, NamesTheSlotsInUseAndLeavesTheOthersOut) {
+  std::string levels(512, '\0');
+  for (const std::size_t slot : {0U, 1U, 100U, 104U, 108U}) levels[slot] = 'x';
+  record({{dmx(levels, 0), 0}, {dmx(levels, 0), kSecond}});
+  std::string svg = plot();
+  EXPECT_NE(svg.find(">5 of 512 slots</text>"), std::string::npos);
+  options.port_address = 0;
+  svg = plot();
+  for (const char* words :
+       {"1", "2", "101", "105", "109", "5 of 512 slots in use", "501 slots that stay", "at 0 are left out"})
+    EXPECT_EQ(count(svg, ">" + std::string(words) + "</text>"), 1) << words;
+  EXPECT_EQ(svg.find(">3</text>"), std::string::npos);
+
+  levels = std::string(512, 'x');
+  levels[511] = 0;
+  record({{dmx(levels, 0), 0}});
+  svg = plot();
+  EXPECT_NE(svg.find(">1 slot that stays</text>"), std::string::npos);
+  EXPECT_NE(svg.find(">20</text>"), std::string::npos);
+  EXPECT_EQ(svg.find(">19</text>"), std::string::npos);
+}
+
+TEST_F(Plot, ShowsAPauseOfMoreThanTenSecondsAsAGapAtAnyRate) {
+  const auto image_of_pause = [this](std::int64_t pause) {
+    // The pauses of 9 s hold the rate below 1/3 Hz, whose gap would otherwise be longer.
+    record({{dmx("a", 0), 0}, {dmx("a", 0), 9 * kSecond}, {dmx("a", 0), pause}, {dmx("a", 0), 9 * kSecond}});
+    return image_of(plot());
+  };
+  EXPECT_EQ(image_of_pause(9 * kSecond), image_of_pause(10 * kSecond));
+  EXPECT_NE(image_of_pause(9 * kSecond), image_of_pause(11 * kSecond));
+}
+
+TEST_F(Plot, NamesDistinctTimesHoweverShortThePart) {
+  record({{dmx("a", 0), 0}, {dmx("a", 0), 1234 * kSecond}});
+  options.selection.start = 600 * kSecond;
+  options.selection.stop = 600 * kSecond + 10 * kMs;
+  std::string svg = plot();
+  EXPECT_NE(svg.find("; shown from 10m00.000s to 10m00.010s</text>"), std::string::npos);
+  for (const char* tick : {"10:00.000", "10:00.001", "10:00.010"})
+    EXPECT_EQ(count(svg, ">" + std::string(tick) + "</text>"), 1) << tick;
+  options.selection.stop = 600 * kSecond + 5;
+  svg = plot();
+  EXPECT_NE(svg.find("; shown from 10:00.000000000 to 10:00.000000005</text>"), std::string::npos);
+  EXPECT_EQ(count(svg, ">10:00.000000003</text>"), 1);
+}
+
+TEST_F(Plot, RefusesAPartBehindTheEnd) {
+  record({{dmx("a", 0), 0}, {dmx("a", 0), kSecond}});
+  options.selection.start = 2 * kSecond;
+  EXPECT_EQ(error_of([this] { plot(); }), options.file.path() + ": ends at 1.000 s, before 2.000 s");
+}
+
+TEST_F(Plot, GoesOnBehindDamageWhenItIsPassedOver) {
+  options.file = directory.write(
+      "show.cue", dmx("a", 0) + recordings::delay(kSecond) + dmx("b", 0) + recordings::delay(1) + "rubbish");
+  options.output = directory / "out.svg";
+  EXPECT_EQ(error_of([this] { plot(); }).rfind(options.file.path() + ": byte ", 0), 0U);
+  EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
+  int damages = 0;
+  options.on_damage = [&damages](const auto&, const auto&) { ++damages; };
+  plot();
+  EXPECT_EQ(damages, 1);
+  EXPECT_EQ(shown, kSecond);
 }
 
 TEST_F(Plot, DrawsOneDatagramAndTheLongestTime) {
