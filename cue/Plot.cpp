@@ -172,12 +172,13 @@ constexpr const char* kSmallAtEnd = R"(text-anchor="end" class="small")";
 constexpr const char* kCentred = R"(text-anchor="middle")";
 constexpr const char* kSmall = R"(class="small")";
 
-std::string image(double y, double height, const std::string& png) {
+std::string image(const Raster& raster) {
+  const std::string png = raster.png(lamp_palette());
   const QByteArray base64 = QByteArray::fromRawData(png.data(), static_cast<int>(png.size())).toBase64();
   return format(
-             "<image x=\"%d\" y=\"%.1f\" width=\"%zu\" height=\"%.1f\" preserveAspectRatio=\"none\" "
+             "<image x=\"%d\" y=\"%d\" width=\"%zu\" height=\"%zu\" preserveAspectRatio=\"none\" "
              "style=\"image-rendering:pixelated\" href=\"data:image/png;base64,",
-             kLeft, y, kColumns, height) +
+             kLeft, kTop, kColumns, raster.height()) +
          base64.toStdString() + "\"/>\n";
 }
 
@@ -190,13 +191,13 @@ std::string part_text(const PlotAxis& axis) {
   return clock_text(axis.start, kNanoseconds) + " to " + clock_text(axis.end, kNanoseconds);
 }
 
-/// The picture around the bands.
+/// The picture around the looks.
 class Drawing {
 public:
   /// @param explanation  of what is drawn, one line
   Drawing(const PlotOptions& options, const RecordingInfo& info, const PlotAxis& time_axis,
-          double plot_height, const std::string& explanation)
-      : axis(time_axis), height(plot_height) {
+          const Raster& raster, const std::string& explanation)
+      : axis(time_axis), height(static_cast<double>(raster.height())) {
     const auto total = static_cast<int>(height) + kTop + kBottom;
     svg = format(
         "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"%d\" height=\"%d\" viewBox=\"0 0 %d %d\">\n",
@@ -206,8 +207,7 @@ public:
         ".title{font-size:18px;font-weight:bold}.tick{stroke:#999;stroke-width:1}"
         ".grid{stroke:#fff;stroke-opacity:.22;stroke-width:1}</style>\n";
     svg += format("<rect width=\"%d\" height=\"%d\" fill=\"#fff\"/>\n", kWidth, total);
-    svg += format("<rect x=\"%d\" y=\"%d\" width=\"%zu\" height=\"%.1f\" fill=\"%s\"/>\n", kLeft, kTop,
-                  kColumns, height, colour_text(kBackgroundColour).c_str());
+    svg += image(raster);
     const std::string& path = options.file.name();
     const std::size_t slash = path.rfind('/');
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -346,14 +346,18 @@ struct BandLayout {
   /// Rows that the eye can tell apart.
   std::size_t most_rows() const { return is_low ? 1 : rows_height() / (highest > kFineBand ? 2 : 1); }
 
-  Raster raster(const PlotBand& band) const {
-    Raster raster;
+  /// Adds a band with the space below it. @return its middle, in pixels from the top
+  double add(Raster& raster, const PlotBand& band) const {
+    const std::size_t top = raster.height();
     add_brightest(raster, band, brightest_height);
     raster.add_background(line_height);
     const std::size_t row_height =
         is_low ? rows_height() : std::clamp<std::size_t>(rows_height() / band.rows(), 1, kHighestRow);
     for (std::size_t row = 0; row < band.rows(); ++row) add_means(raster, band, row, row_height);
-    return raster;
+    const std::size_t height = raster.height() - top;
+    const std::size_t least = is_low ? 0 : kTwoLines;
+    raster.add_background(std::max(height, least) - height + distance());
+    return static_cast<double>(top) + static_cast<double>(std::max(height, least)) / 2;
   }
 };
 
@@ -394,23 +398,14 @@ std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, co
     bands.emplace_back(of.in_use.alone(of.slots()), layout.most_rows(), of.longest_pause(), axis);
   read_bands(options, info, axis, shown, bands);
 
-  std::string images;
-  double y = kTop;
+  Raster raster;
   std::vector<double> middles;
-  const Palette palette = lamp_palette();
-  for (const PlotBand& band : bands) {
-    const Raster raster = layout.raster(band);
-    images += image(y, static_cast<double>(raster.height()), raster.png(palette));
-    const auto height = static_cast<double>(std::max(raster.height(), layout.is_low ? 0 : kTwoLines));
-    middles.push_back(y + height / 2);
-    y += height + static_cast<double>(layout.distance());
-  }
-  Drawing drawing(options, info, axis, y - kTop,
+  for (const PlotBand& band : bands) middles.push_back(kTop + layout.add(raster, band));
+  Drawing drawing(options, info, axis, raster,
                   layout.is_low ? "Each band: the level of the slots in use (ever above 0), and above it the "
                                   "brightest of them."
                                 : "Each band: the slots in use (ever above 0) from top to bottom, and above "
                                   "them a line for the brightest.");
-  drawing.add(images);
   drawing.add(text_at(kLeft - 10, kHeaderLine, kSmallAtEnd, "universe"));
   drawing.add(text_at(kRightWords, kHeaderLine, kSmall, "rate, slots in use"));
   for (std::size_t number = 0; number < shown.size(); ++number)
@@ -487,12 +482,10 @@ std::string plot_slots(const PlotOptions& options, const RecordingInfo& info, co
   read_bands(options, info, axis, shown, bands);
 
   const SlotRows rows(bands.front());
-  const auto height = static_cast<double>(rows.picture().height());
-  Drawing drawing(options, info, axis, height,
+  Drawing drawing(options, info, axis, rows.picture(),
                   rows.has_peaks()
                       ? "Each slot: its mean level over time, and above it a line for the highest."
                       : "Each slot: its mean level over time; at the top the brightest of all.");
-  drawing.add(image(kTop, height, rows.picture().png(lamp_palette())));
   drawing.add(text_at(kLeft - 10, kHeaderLine, kSmallAtEnd, "slot"));
   drawing.add(rows.numbers());
   double y = kTop + 12;
