@@ -35,7 +35,7 @@ template <std::size_t kCount>
 std::array<Word, kCount> number_words(const std::string& before, const std::string& after) {
   std::array<Word, kCount> words;
   for (std::size_t number = 0; number < kCount; ++number)
-    words[number] = Word(before + std::to_string(number) + after);
+    words[number] = Word(std::string(before).append(std::to_string(number)).append(after));
   return words;
 }
 
@@ -171,24 +171,24 @@ std::uint16_t choose_universe(const RecordingInfo& info, std::optional<std::uint
   return info.universes.front().port_address;
 }
 
-ExportedCsv export_csv(const Input& input, std::optional<std::uint16_t> port_address, const Output& output,
+ExportedCsv export_csv(const Input& file, std::optional<std::uint16_t> port_address, const Output& output,
                        const OnDamage& on_damage) {
-  Input file = input;
-  file.keep();
-  const RecordingInfo info = read_info(file, on_damage);
+  Input kept = file;
+  kept.keep();
+  const RecordingInfo info = read_info(kept, on_damage);
   const std::uint16_t wanted = choose_universe(info, port_address);
   std::size_t slots = 0;
   for (const UniverseInfo& universe : info.universes)
     if (universe.port_address == wanted) slots = universe.most_slots;
 
-  AtomicFile csv(output, {file});
+  AtomicFile csv(output, {kept});
   std::string line = "time_s";
   for (std::size_t slot = 1; slot <= slots; ++slot) line += ",slot" + std::to_string(slot);
   csv.write(line + "\n");
   const auto level_words = number_words<256>(",", "");
   std::uint64_t count = 0;
   Lines lines(csv);
-  GoodRecords records(file, on_damage ? [](const auto&, const auto&) {} : OnDamage());
+  GoodRecords records(kept, on_damage ? [](const auto&, const auto&) {} : OnDamage());
   for_each_packet(records, [&](const Record& record, const DmxPacket& packet) {
     if (packet.port_address != wanted) return;
     lines.append(time_field(record.time));

@@ -400,6 +400,7 @@ std::string plot_bands(const PlotOptions& options, const RecordingInfo& info, co
 
   Raster raster;
   std::vector<double> middles;
+  middles.reserve(bands.size());
   for (const PlotBand& band : bands) middles.push_back(kTop + layout.add(raster, band));
   Drawing drawing(options, info, axis, raster,
                   layout.is_low ? "Each band: the level of the slots in use (ever above 0), and above it the "
@@ -494,7 +495,7 @@ std::string plot_slots(const PlotOptions& options, const RecordingInfo& info, co
   const std::size_t left_out = of.slots() - bands.front().slots().size();
   if (left_out > 0) {
     beside.push_back(left_out == 1 ? "1 slot that stays" : counted(left_out, "slot") + " that stay");
-    beside.push_back(left_out == 1 ? "at 0 is left out" : "at 0 are left out");
+    beside.emplace_back(left_out == 1 ? "at 0 is left out" : "at 0 are left out");
   }
   for (const std::string& words : beside) {
     drawing.add(text_at(kRightWords, y, kSmall, words));
