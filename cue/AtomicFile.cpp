@@ -67,8 +67,8 @@ std::string behind_links(std::string path) {
     std::array<char, PATH_MAX> target{};
     const ssize_t size = readlink(path.c_str(), target.data(), target.size());
     if (size == -1) return path;
-    const std::string to(target.data(), static_cast<std::size_t>(size));
-    path = to[0] == '/' ? to : directory_of(path) + "/" + to;
+    path = target[0] == '/' ? "" : directory_of(path) + "/";
+    path.append(target.data(), static_cast<std::size_t>(size));
   }
   throw file_error(asked, ELOOP);
 }

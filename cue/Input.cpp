@@ -69,6 +69,7 @@ int open_standard_input() {
 }
 
 int unnamed_file() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
   const char* const wanted = getenv("TMPDIR");
   std::string name =
       std::string(wanted != nullptr && *wanted != '\0' ? wanted : "/tmp") + "/kadrel-cue.XXXXXX";

@@ -2,6 +2,7 @@
 
 import contextlib
 import fcntl
+import json
 import os
 import pty
 import re
@@ -203,6 +204,36 @@ def test_a_reader_that_goes_away_ends_the_program_quietly(tmp_path, cue):
     )
     os.close(writer)
     assert (outcome.returncode, outcome.stderr) == (-signal.SIGPIPE, b"")
+
+
+# Looks
+
+
+def test_a_cut_part_begins_with_every_look_and_is_a_recording_like_any_other(tmp_path):
+    """Fourteen universes, of which all but the first stand still: only the first is sent again."""
+    datagrams = [art_dmx(universe, bytes([universe + 1]) * 512, sequence=9) for universe in range(14)]
+    moving = [art_dmx(0, bytes([level]) * 512, sequence=10 + level) for level in range(200)]
+    show, part, song = (tmp_path / name for name in ("show.cue", "part.cue", "song.cue"))
+    show.write_bytes(oem_vfps_ns(0).join(datagrams) + b"".join(oem_vfps_ns(25_000_000) + one for one in moving))
+
+    assert run("cut", show, "--start", "2.01", "-o", part).returncode == 0
+    universes = json.loads(run("info", "--json", part).stdout)[0]["universes"]
+    assert [universe["universe"] for universe in universes] == list(range(1, 15))
+    assert max(universe["first_ns"] for universe in universes) < 1_000_000_000 / 44
+    # The last datagram before 2.01 s is the one of 2.000 s.
+    assert part.read_bytes().startswith(moving[79])
+    assert part.read_bytes().endswith(oem_vfps_ns(25_000_000) + moving[199])
+    assert run("verify", "--strict", part).returncode == 0
+
+    # The second file brings the first universe only; the others are still right behind the seam.
+    only_first = tmp_path / "first.cue"
+    assert run("cut", show, "--start", "2.01", "--only", "1", "-o", only_first).returncode == 0
+    assert run("join", part, only_first, "--renumber", "-o", song).returncode == 0
+    assert run("verify", "--strict", song).returncode == 0
+    counts = {one["universe"]: one["datagrams"] for one in json.loads(run("info", "--json", song).stdout)[0]["universes"]}
+    assert counts == {1: 2 * (1 + 120), **{universe: 2 for universe in range(2, 15)}}
+    assert run("cut", show, "--start", "2.01", "--no-look", "-o", part, "--force").returncode == 0
+    assert part.read_bytes() == oem_vfps_ns(25_000_000).join(moving[80:])
 
 
 # Damage

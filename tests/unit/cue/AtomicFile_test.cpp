@@ -236,7 +236,9 @@ TEST_F(AtomicFileTest, WritesOnlyTextToATerminal) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_EQ(grantpt(terminal), 0);
   ASSERT_EQ(unlockpt(terminal), 0);
-  const std::string name = ptsname(terminal);
+  char slave[64] = {};
+  ASSERT_EQ(ptsname_r(terminal, slave, sizeof slave), 0);
+  const std::string name = slave;
   const int keeps_open = open(name.c_str(), O_RDWR | O_NOCTTY);
   write(name, "text");
   char bytes[8] = {};

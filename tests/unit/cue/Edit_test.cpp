@@ -221,6 +221,7 @@ TEST_F(CutWithLooks, GivesTheRecordingBackWhenItsBarePartsAreJoined) {
   recordings::Chance chance(14);
   for (int round = 0; round < 30; ++round) {
     std::vector<recordings::Datagram> datagrams;
+    datagrams.reserve(20);
     for (int i = 0; i < 20; ++i) datagrams.emplace_back(chance.dmx(), 1 + chance.pause());
     const std::string show = file_of(datagrams);
     const recordings::Reading whole = recordings::read(show);

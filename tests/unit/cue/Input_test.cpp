@@ -150,6 +150,7 @@ TEST_F(InputTest, NamesWhatCannotBeRead) {
 
 TEST_F(InputTest, NamesTheDirectoryForTheCopy) {
   const StandardInput pipe(pipe_with(text));
+  // NOLINTBEGIN(concurrency-mt-unsafe): one thread
   const char* const before = getenv("TMPDIR");
   const std::string restored = before == nullptr ? "" : before;
   setenv("TMPDIR", "/nowhere", 1);
@@ -158,6 +159,7 @@ TEST_F(InputTest, NamesTheDirectoryForTheCopy) {
     unsetenv("TMPDIR");
   else
     setenv("TMPDIR", restored.c_str(), 1);
+  // NOLINTEND(concurrency-mt-unsafe)
 }
 
 }  // namespace
