@@ -174,6 +174,33 @@ def test_named_pipes_are_joined_in_order(tmp_path):
     assert out == datagrams[0] + oem_vfps_ns(0) + datagrams[1]
 
 
+@pytest.mark.parametrize(
+    "command",
+    [["info"], ["verify"], ["export", "--csv", "OUT"], ["plot", "-o", "OUT"], ["cut", "-o", "OUT"], ["join", "-o", "OUT"]],
+    ids=lambda words: words[0],
+)
+def test_every_command_reads_files_and_pipes_alike(tmp_path, cue, command):
+    whole, pipe = Path(cue).read_bytes(), tmp_path / "pipe"
+    os.mkfifo(pipe)
+
+    def made_of(source, name, **options):
+        out = tmp_path / f"from_{name}"
+        words = [str(out) if word == "OUT" else word for word in command]
+        code, said, err = outcome_of(words[0], source, *words[1:], **options)
+        assert (code, err) == (0, "")
+        shown = b"standard input" if source == "-" else str(source).encode()
+        # A picture has the name of the input among its texts.
+        content = re.sub(rb">[^<]*<", b"><", out.read_bytes()) if out.exists() else b""
+        return said.replace(str(out).encode(), b"OUT").replace(shown, b"IN"), content
+
+    expected = made_of(cue, "file")
+    assert made_of("-", "input", input=whole) == expected
+    writer = threading.Thread(target=pipe.write_bytes, args=(whole,))
+    writer.start()
+    assert made_of(pipe, "pipe") == expected
+    writer.join()
+
+
 def test_the_standard_input_is_named_once():
     for command in (["info"], ["verify"], ["join", "-o", "out"]):
         code, out, err = outcome_of(*command, "-", "-", input=b"")
@@ -283,7 +310,14 @@ def terminal():
 
 @pytest.mark.parametrize(
     "command",
-    [["info"], ["verify"], ["cut", "-o", "/dev/null"], ["join", "-o", "/dev/null"]],
+    [
+        ["info"],
+        ["verify"],
+        ["cut", "-o", "/dev/null"],
+        ["join", "-o", "/dev/null"],
+        ["export", "--csv", "/dev/null"],
+        ["plot", "-o", "/dev/null"],
+    ],
     ids=lambda words: words[0],
 )
 def test_a_terminal_shows_how_far_a_command_is(tmp_path, terminal, command):
