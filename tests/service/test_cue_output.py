@@ -147,6 +147,23 @@ def test_a_file_beyond_the_limit_of_the_user_is_an_error(tmp_path, cue):
     assert os.listdir(tmp_path) == ["cue"]
 
 
+def test_a_full_disk_is_an_error_that_leaves_nothing_and_the_existing_file(tmp_path):
+    show, disk = tmp_path / "show.cue", tmp_path / "disk"
+    show.write_bytes(oem_vfps_ns(0).join([art_dmx(1, bytes(512))] * 500))
+    disk.mkdir()
+    script = (
+        'mount -t tmpfs -o size=64k none "$1" && printf precious > "$1/out.cue"\n'
+        'for out in "$1/out.cue" "$1/new.cue"; do "$0" cut "$2" -o "$out" --force; echo $?; done; cat "$1/out.cue"; ls -A "$1"'
+    )
+    outcome = subprocess.run(
+        ["unshare", "-rm", "sh", "-c", script, CUE, disk, show],
+        capture_output=True, text=True, check=False, timeout=60, env={**os.environ, **environment()},
+    )
+    error = "kadrel-cue: {}: No space left on device\n"
+    assert outcome.stderr == error.format(disk / "out.cue") + error.format(disk / "new.cue")
+    assert outcome.stdout == "1\n1\npreciousout.cue\n"
+
+
 # Standard input and output, pipes
 
 

@@ -286,7 +286,7 @@ TEST_F(AtomicFileTest, HasAShortNameWhereEveryFileNeedsOne) {
   });
 }
 
-TEST_F(AtomicFileTest, IsSparingWhereARenameCannotBe) {
+TEST_F(AtomicFileTest, SparesOtherFilesWhereARenameCannot) {
   unit::with_refused({kNoUnnamedFiles, kNoCarefulRename}, [&] {
     write(out, "one");
     EXPECT_EQ(directory.content("out"), "one");
