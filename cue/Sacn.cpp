@@ -145,6 +145,33 @@ bool begins_sacn(const std::uint8_t* bytes, std::size_t size) {
   return size >= kPreamble.size() && std::equal(kPreamble.begin(), kPreamble.end(), bytes);
 }
 
+namespace {
+
+constexpr int kArtNetCycle = 255;
+
+/// @param number  1..255
+std::uint8_t artnet_after(std::uint8_t number, int step) {
+  const int from_zero = (number - 1 + step) % kArtNetCycle;
+  return static_cast<std::uint8_t>(1 + (from_zero + kArtNetCycle) % kArtNetCycle);
+}
+
+}  // namespace
+
+SequencePair pair_of_sacn(const std::optional<SequencePair>& last, std::uint8_t sacn) {
+  if (!last) return {artnet_after(1, sacn - 1), sacn};
+  const auto step = static_cast<std::int8_t>(sacn - last->sacn);
+  return {artnet_after(last->artnet, step), sacn};
+}
+
+SequencePair pair_of_artnet(const std::optional<SequencePair>& last, std::uint8_t artnet) {
+  if (!last) return artnet == 0 ? SequencePair{1, 1} : SequencePair{artnet, artnet};
+  if (artnet == 0) artnet = artnet_after(last->artnet, 1);
+  // The shorter way round.
+  int step = (artnet - last->artnet + kArtNetCycle) % kArtNetCycle;
+  if (step > kArtNetCycle / 2) step -= kArtNetCycle;
+  return {artnet, static_cast<std::uint8_t>(last->sacn + step)};
+}
+
 SacnPacket parse_sacn(const std::uint8_t* bytes, std::size_t size) {
   SacnPacket packet;
   if (!begins_sacn(bytes, size)) return packet;

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "cue/Selection.h"
@@ -81,5 +82,22 @@ SacnPacket parse_sacn(const std::uint8_t* bytes, std::size_t size);
 
 /// Whether a datagram begins like every ACN packet over UDP.
 bool begins_sacn(const std::uint8_t* bytes, std::size_t size);
+
+/// The numbers that one packet has in both protocols. Art-Net counts 1..255, E1.31 counts 0..255.
+///
+/// What is carried over is the step from packet to packet, so that every number missing, repeated or out of
+/// order on one side is so on the other, and neither side has a hole where its count begins again. To one
+/// side and back gives the same numbers again.
+struct SequencePair {
+  std::uint8_t artnet = 0;
+  std::uint8_t sacn = 0;
+};
+
+/// The pair of a packet with this E1.31 number. @param last  of its stream; nothing for the first
+SequencePair pair_of_sacn(const std::optional<SequencePair>& last, std::uint8_t sacn);
+
+/// The pair of a packet with this Art-Net number; one that is not counted (0) is counted on.
+/// @param last  of its universe; nothing for the first
+SequencePair pair_of_artnet(const std::optional<SequencePair>& last, std::uint8_t artnet);
 
 }  // namespace cue

@@ -45,7 +45,7 @@ public:
     clear_away_on_signals();
     const Progress progress(out, err, file);
     if (!pcap_output.empty()) {
-      const std::uint64_t datagrams = cue::export_pcap(file, pcap_output);
+      const std::uint64_t datagrams = cue::export_pcap(file, pcap_output).datagrams;
       out << pcap_output << ": " << cue::counted(datagrams, "datagram") << "\n";
     }
     if (!csv_output.empty()) {

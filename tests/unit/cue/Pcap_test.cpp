@@ -2,87 +2,59 @@
 
 #include <gtest/gtest.h>
 
+#include "cue/CueError.h"
+#include "cue/Import.h"
 #include "cue/Time.h"
+#include "unit/cue/captures.h"
 #include "unit/cue/directory.h"
 #include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
+#include "unit/cue/sacn.h"
 
+using captures::frame;
+using captures::high_first;
+using captures::pcap_head;
+using captures::text;
 using cue::kSecond;
-using packets::byte;
 using packets::dmx;
-using packets::high_first;
-using packets::low_first;
-using packets::text;
-using recordings::delay;
 using recordings::file_of;
 using unit::error_of;
 
 namespace {
 
-std::string low_first_32(unsigned value) {
-  return low_first(value) + low_first(value >> 16U);
+/// Headers that the exports write.
+std::string headers(unsigned size, unsigned checksum) {
+  return std::string(6, '\xFF') + text("\2\0\0\0\0\1", 6) + high_first(0x0800) + text("\x45\0", 2) +
+         high_first(28 + size) + text("\0\0\x40\0\x40\x11", 6) + high_first(checksum) +
+         text("\2\0\0\1\2\xFF\xFF\xFF", 8) + high_first(6454) + high_first(6454) + high_first(8 + size) +
+         high_first(0);
 }
 
-/// Head of a pcap file with nanoseconds.
-std::string pcap_head(unsigned link_type = 1) {
-  return low_first_32(0xa1b23c4d) + low_first(2) + low_first(4) + low_first_32(0) + low_first_32(0) +
-         low_first_32(262144) + low_first_32(link_type);
-}
-
-/// A captured frame. @param wire_size  0: as captured
-std::string frame(const std::string& bytes, unsigned seconds = 0, unsigned nanoseconds = 0,
-                  std::size_t wire_size = 0) {
-  return low_first_32(seconds) + low_first_32(nanoseconds) +
-         low_first_32(static_cast<unsigned>(bytes.size())) +
-         low_first_32(static_cast<unsigned>(wire_size == 0 ? bytes.size() : wire_size)) + bytes;
-}
-
-/// An IPv4 packet with a UDP datagram. @param fragment  flags and offset
-std::string ip(const std::string& payload, unsigned port = 6454, unsigned fragment = 0,
-               const std::string& options = "") {
-  const auto udp_size = static_cast<unsigned>(8 + payload.size());
-  const auto header = static_cast<unsigned>(20 + options.size());
-  return byte(0x40 | header / 4) + byte(0) + high_first(header + udp_size) + high_first(0) +
-         high_first(fragment) + byte(64) + byte(17) + high_first(0) + text("\x0A\0\0\1\x0A\0\0\2", 8) +
-         options + high_first(40000) + high_first(port) + high_first(udp_size) + high_first(0) + payload;
-}
-
-std::string ethernet(const std::string& packet, const std::string& tags = "") {
-  return std::string(12, '\x02') + tags + high_first(0x0800) + packet;
-}
-
-class PcapImport : public testing::Test {
+class PcapExport : public testing::Test {
 protected:
   const unit::Directory directory;
-  cue::Imported imported;
+  cue::Exported exported;
 
-  /// The recording made of a capture.
-  std::string import(const std::string& capture) {
-    const std::string path = directory.write("in.pcap", capture);
-    cue::Output output(directory / "out.cue");
-    output.replace = true;
-    imported = cue::import_pcap(path, 6454, output);
-    return directory.content("out.cue");
+  /// Import of the export of a recording.
+  std::string through(cue::Exported (*write)(const cue::Input&, const cue::Output&, const cue::OnDamage&),
+                      const std::string& recording) {
+    exported = write(directory.write("show.cue", recording), directory / "show.pcap", {});
+    cue::import_recording(directory / "show.pcap", {}, directory / "back.cue");
+    return directory.content("back.cue");
   }
 };
 
-TEST(PcapExport, WritesACaptureWithNanoseconds) {
-  const unit::Directory directory;
+TEST_F(PcapExport, WritesACaptureWithNanoseconds) {
   const std::string show =
       directory.write("show.cue", file_of({{dmx("abcd"), 0}, {dmx("e"), 1'000'000'007}}));
-  EXPECT_EQ(cue::export_pcap(show, directory / "out.pcap"), 2U);
-  const auto headers = [](unsigned size, unsigned checksum) {
-    return std::string(6, '\xFF') + text("\2\0\0\0\0\1", 6) + high_first(0x0800) + text("\x45\0", 2) +
-           high_first(28 + size) + text("\0\0\x40\0\x40\x11", 6) + high_first(checksum) +
-           text("\2\0\0\1\2\xFF\xFF\xFF", 8) + high_first(6454) + high_first(6454) + high_first(8 + size) +
-           high_first(0);
-  };
+  exported = cue::export_pcap(show, directory / "out.pcap");
+  EXPECT_EQ(exported.datagrams, 2U);
+  EXPECT_EQ(exported.losses, std::vector<std::string>{});
   EXPECT_EQ(directory.content("out.pcap"), pcap_head() + frame(headers(22, 0x35BC) + dmx("abcd")) +
                                                frame(headers(19, 0x35BF) + dmx("e"), 1, 7));
 }
 
-TEST(PcapExport, RefusesATimeThatACaptureCannotTell) {
-  const unit::Directory directory;
+TEST_F(PcapExport, RefusesATimeThatACaptureCannotTell) {
   const std::string show =
       directory.write("show.cue", file_of({{dmx("a"), 0}, {dmx("b"), 4'294'967'296 * kSecond}}));
   EXPECT_EQ(error_of([&] { cue::export_pcap(show, directory / "out.pcap"); }),
@@ -90,77 +62,114 @@ TEST(PcapExport, RefusesATimeThatACaptureCannotTell) {
   EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
 }
 
-TEST_F(PcapImport, IsTheInverseOfTheExport) {
+TEST_F(PcapExport, GoesOnBehindDamageThatIsPassedOver) {
+  const std::string show = directory.write("show.cue", file_of({{dmx("a"), 0}, {dmx("b"), 1}}) + "Art-Ne");
+  EXPECT_NE(error_of([&] { cue::export_pcap(show, directory / "out.pcap"); }), "no error");
+  int damages = 0;
+  const auto pass_over = [&damages](const auto&, const auto&) { ++damages; };
+  EXPECT_EQ(cue::export_pcap(show, directory / "out.pcap", pass_over).datagrams, 2U);
+  EXPECT_EQ(cue::export_pcap_sacn(show, directory / "sacn.pcap", pass_over).datagrams, 2U);
+  EXPECT_EQ(damages, 2);
+}
+
+TEST_F(PcapExport, ComesBackByteForByte) {
   recordings::Chance chance(4);
   std::vector<recordings::Datagram> datagrams;
   for (int i = 0; i < 300; ++i)
     datagrams.emplace_back(chance.dmx() + (i % 3 == 0 ? "tail" : ""), chance.pause());
   const std::string file = file_of(datagrams);
-  cue::export_pcap(directory.write("show.cue", file), directory / "show.pcap");
-  EXPECT_EQ(import(directory.content("show.pcap")), file);
+  EXPECT_EQ(through(cue::export_pcap, file), file);
 }
 
-TEST_F(PcapImport, TakesWhatTheRecorderWouldRecord) {
-  const std::string recorded =
-      import(pcap_head() + frame(ethernet(ip(dmx("a"))), 7, 5) +                      // wanted
-             frame(ethernet(ip(packets::poll())), 8, 5) +                             // no ArtDmx
-             frame(ethernet(ip(dmx("b"), 5568)), 8, 6) +                              // another port
-             frame(ethernet(ip(dmx("c"), 6454, 0x2000)), 8, 7) +                      // a fragment
-             frame(ethernet(ip(dmx("d"))).substr(0, 50), 8, 8, 61) +                  // cut off
-             frame("short", 8, 8) + frame(ethernet("x"), 8, 9) +                      // broken
-             frame(ethernet(ip(dmx("e")), text("\x81\0\0\5", 4)), 8, 5) +             // a VLAN
-             frame(ethernet(ip(dmx("f"), 6454, 0x4000, "opts")) + "padding", 8, 6));  // options
-  EXPECT_EQ(recorded, dmx("a") + delay(kSecond) + dmx("e") + delay(1) + dmx("f"));
-  EXPECT_EQ(imported.datagrams, 3U);
-  EXPECT_EQ(imported.duration, kSecond + 1);
-  EXPECT_EQ(imported.refused, 1U);
-  EXPECT_EQ(imported.fragments, 1U);
-  EXPECT_EQ(imported.cut_off, 1U);
-  EXPECT_EQ(imported.error, "");
+TEST_F(PcapExport, WritesE131ToTheGroupOfEachUniverse) {
+  const std::string show = directory.write(
+      "show.cue", file_of({{dmx("abcd", 0, 255) + dmx("e", 0x3FFE), 0}, {dmx("f", 0, 1), 1'000'000'007}}));
+  exported = cue::export_pcap_sacn(show, directory / "out.pcap");
+  EXPECT_EQ(exported.datagrams, 3U);
+  const auto packet = [](const std::string& levels, unsigned universe, unsigned sequence) {
+    return sacn::data({levels, universe, sequence, 100, 0, 0, 0,
+                       text("kadrel\x80"
+                            "c\x80"
+                            "export\1",
+                            16),
+                       "kadrel-cue"});
+  };
+  const auto to_group = [](const std::string& payload, unsigned group, unsigned checksum) {
+    std::string bytes = headers(static_cast<unsigned>(payload.size()), checksum) + payload;
+    bytes.replace(0, 6, text("\x01\x00\x5E\x7F", 4) + high_first(group));
+    bytes.replace(30, 4, text("\xEF\xFF", 2) + high_first(group));
+    bytes.replace(34, 4, high_first(5568) + high_first(5568));
+    return bytes;
+  };
+  EXPECT_EQ(directory.content("out.pcap"), pcap_head() + frame(to_group(packet("abcd", 1, 255), 1, 0x484E)) +
+                                               frame(to_group(packet("e", 0x3FFF, 1), 0x3FFF, 0x853)) +
+                                               frame(to_group(packet("f", 1, 0), 1, 0x4851), 1, 7));
 }
 
-TEST_F(PcapImport, TakesAFrameThatLiesBeforeItsPredecessorForSimultaneous) {
-  EXPECT_EQ(import(pcap_head() + frame(ethernet(ip(dmx("a"))), 7) + frame(ethernet(ip(dmx("b"))), 5) +
-                   frame(ethernet(ip(dmx("c"))), 8)),
-            dmx("a") + delay(0) + dmx("b") + delay(kSecond) + dmx("c"));
-}
-
-TEST_F(PcapImport, ReadsTheUsualLinkLayers) {
-  const std::string packet = ip(dmx("a"));
-  EXPECT_EQ(import(pcap_head(101) + frame(packet)), dmx("a"));
-  EXPECT_EQ(import(pcap_head(228) + frame(packet)), dmx("a"));
-  EXPECT_EQ(import(pcap_head(113) + frame(std::string(14, '\0') + high_first(0x0800) + packet)), dmx("a"));
-  EXPECT_EQ(import(pcap_head(276) + frame(high_first(0x0800) + std::string(18, '\0') + packet)), dmx("a"));
-  EXPECT_EQ(import(pcap_head(0) + frame(low_first_32(2) + packet)), dmx("a"));
-  EXPECT_EQ(import(pcap_head(108) + frame(text("\0\0\0\2", 4) + packet)), dmx("a"));
-}
-
-TEST_F(PcapImport, KeepsWhatIsGoodOfACaptureThatBreaksOff) {
-  EXPECT_EQ(import(pcap_head() + frame(ethernet(ip(dmx("a")))) + "abc"), dmx("a"));
-  EXPECT_NE(imported.error, "");
-}
-
-TEST_F(PcapImport, RefusesWhatIsNoCaptureOfIp) {
-  EXPECT_NE(error_of([this] { import("no capture at all, but long enough"); }).find("unknown file format"),
-            std::string::npos);
-  EXPECT_EQ(error_of([this] { import(pcap_head(105)); }),
-            directory / "in.pcap" + ": frames of link type 105 are not understood");
-  EXPECT_EQ(directory.names(), std::vector<std::string>{"in.pcap"});
-}
-
-TEST_F(PcapImport, SurvivesAnyFrame) {
+TEST_F(PcapExport, ComesBackFromE131InLevelsNumbersAndPauses) {
   recordings::Chance chance(5);
-  const std::string whole = ethernet(ip(dmx("a"), 6454, 0, "opts"), text("\x81\0\0\5", 4));
-  std::string capture = pcap_head();
-  for (int i = 0; i < 5000; ++i) {
-    std::string bytes = whole;
-    for (unsigned n = chance.below(4); n > 0; --n)
-      bytes[chance.below(46)] = static_cast<char>(chance.below(256));
-    bytes.resize(chance.below(static_cast<unsigned>(bytes.size()) + 1));
-    capture += frame(bytes);
-  }
-  const auto reading = recordings::read(import(capture));
-  EXPECT_FALSE(reading.damage);
+  std::vector<recordings::Datagram> datagrams;
+  for (int i = 0; i < 2000; ++i)
+    datagrams.emplace_back(dmx(std::string(1 + chance.below(512), static_cast<char>(chance.below(256))),
+                               chance.below(20), 1 + chance.below(255)),
+                           chance.pause());
+  const std::string file = file_of(datagrams);
+  EXPECT_EQ(through(cue::export_pcap_sacn, file), file);
+  EXPECT_EQ(exported.datagrams, 2000U);
+  EXPECT_EQ(exported.losses, std::vector<std::string>{});
+}
+
+TEST_F(PcapExport, SaysWhatE131DoesNotHold) {
+  std::string with_physical = dmx("a", 3, 7);
+  with_physical[13] = 2;
+  EXPECT_EQ(
+      through(cue::export_pcap_sacn, file_of({{dmx("a", 63999, 1), 0},
+                                              {dmx("b", 63998, 1) + "tail", 1},
+                                              {dmx("", 1, 1), 2},
+                                              {dmx("c", 2) + dmx("d", 2), 3},
+                                              {with_physical, 4}})),
+      file_of({{dmx("b", 63998, 1), 0}, {dmx("c", 2, 1), 5}, {dmx("d", 2, 2), 0}, {dmx("a", 3, 7), 4}}));
+  const std::vector<std::string> losses = {"1 packet of universes above 63999 left out",
+                                           "1 packet without slots left out",
+                                           "1 datagram with more than ArtDmx packets: the rest left out",
+                                           "1 packet with a physical port, which E1.31 does not tell",
+                                           "2 packets of senders that do not count: counted"};
+  EXPECT_EQ(exported.losses, losses);
+}
+
+TEST(PcapReader, PassesTheFailureOfItsSourceOn) {
+  const std::string head = pcap_head() + frame("x");
+  std::size_t left = head.size();
+  const auto source = [&](std::uint8_t* bytes, std::size_t size) {
+    if (left == 0) throw cue::CueError("the disk is gone");
+    const std::size_t count = std::min(left, size);
+    memcpy(bytes, head.data() + head.size() - left, count);
+    left -= count;
+    return count;
+  };
+  const auto frames = cue::open_pcap(source, "in.pcap");
+  cue::Frame found;
+  EXPECT_TRUE(frames->next(found));
+  EXPECT_EQ(error_of([&] { frames->next(found); }), "the disk is gone");
+  left = 0;
+  EXPECT_EQ(error_of([&] { cue::open_pcap(source, "in.pcap"); }), "the disk is gone");
+}
+
+TEST(PcapReader, RefusesAHeadThatLibpcapDoesNotKnow) {
+  std::string head = pcap_head();
+  head[4] = 9;  // version
+  EXPECT_NE(error_of([&] { cue::open_pcap(recordings::source_of(head), "in.pcap"); }).find("in.pcap: "),
+            std::string::npos);
+}
+
+TEST(PcapReader, IsRecognisedByItsMagicNumber) {
+  const auto begins = [](const std::string& head) {
+    return cue::begins_pcap(recordings::bytes_of(head), head.size());
+  };
+  EXPECT_TRUE(begins(text("\xD4\xC3\xB2\xA1", 4)));
+  EXPECT_TRUE(begins(text("\xA1\xB2\x3C\x4D", 4)));
+  EXPECT_FALSE(begins(text("\xA1\xB2\x3C", 3)));
+  EXPECT_FALSE(begins("Art-Net"));
 }
 
 }  // namespace

@@ -143,6 +143,50 @@ TEST(SacnParser, CallsEveryBeginningBroken) {
   }
 }
 
+TEST(SequencePair, CountsOnWhereEitherSideBeginsAgain) {
+  cue::SequencePair pair = cue::pair_of_sacn({}, 254);
+  EXPECT_EQ(pair.artnet, 254);
+  for (const int artnet : {255, 1, 2, 3}) {
+    pair = cue::pair_of_sacn(pair, static_cast<std::uint8_t>(pair.sacn + 1));
+    EXPECT_EQ(pair.artnet, artnet);
+  }
+  pair = cue::pair_of_artnet({}, 254);
+  EXPECT_EQ(pair.sacn, 254);
+  for (const auto& [artnet, sacn] : {std::pair{255, 255}, {1, 0}, {2, 1}}) {
+    pair = cue::pair_of_artnet(pair, static_cast<std::uint8_t>(artnet));
+    EXPECT_EQ(pair.sacn, sacn);
+  }
+}
+
+TEST(SequencePair, KeepsHolesRepeatsAndOrder) {
+  EXPECT_EQ(cue::pair_of_sacn(cue::SequencePair{250, 255}, 9).artnet, 5);  // nine are missing
+  EXPECT_EQ(cue::pair_of_sacn(cue::SequencePair{7, 7}, 7).artnet, 7);
+  EXPECT_EQ(cue::pair_of_sacn(cue::SequencePair{1, 0}, 255).artnet, 255);
+  EXPECT_EQ(cue::pair_of_artnet(cue::SequencePair{250, 255}, 5).sacn, 9);
+  EXPECT_EQ(cue::pair_of_artnet(cue::SequencePair{1, 0}, 255).sacn, 255);
+}
+
+TEST(SequencePair, CountsSendersThatDoNot) {
+  cue::SequencePair pair = cue::pair_of_artnet({}, 0);
+  EXPECT_EQ(pair.sacn, 1);
+  pair = cue::pair_of_artnet(pair, 0);
+  EXPECT_EQ(pair.sacn, 2);
+  EXPECT_EQ(pair.artnet, 2);
+  EXPECT_EQ(cue::pair_of_sacn({}, 0).artnet, 255);
+}
+
+TEST(SequencePair, ComesBackFromAnyRowOfNumbers) {
+  recordings::Chance chance(11);
+  std::optional<cue::SequencePair> there;
+  std::optional<cue::SequencePair> back;
+  for (int i = 0; i < 5000; ++i) {
+    const auto artnet = static_cast<std::uint8_t>(1 + chance.below(255));
+    there = cue::pair_of_artnet(there, artnet);
+    back = cue::pair_of_sacn(back, there->sacn);
+    ASSERT_EQ(back->artnet, artnet) << i;
+  }
+}
+
 TEST(SacnGroup, HoldsTheUniverse) {
   EXPECT_EQ(cue::sacn_group(1), 0xEFFF0001U);
   EXPECT_EQ(cue::sacn_group(63999), 0xEFFFF9FFU);
