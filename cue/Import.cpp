@@ -21,18 +21,21 @@ constexpr std::size_t kHeadSize = 64;
 struct Format {
   const char* name;
   bool (*recognises)(const std::uint8_t* head, std::size_t size);
-  std::unique_ptr<ForeignReader> (*open)(ByteSource source, const std::string& name,
-                                         const ImportOptions& options);
+
+  /// The reader gets the bytes once from front to back, unpacked. One that must read twice has the input keep
+  /// them.
+  std::unique_ptr<ForeignReader> (*open)(ByteSource source, const Input& input, const ImportOptions& options);
 };
 
-std::unique_ptr<ForeignReader> read_pcap(ByteSource source, const std::string& name,
+std::unique_ptr<ForeignReader> read_pcap(ByteSource source, const Input& input,
                                          const ImportOptions& options) {
-  return std::make_unique<CaptureReader>(open_pcap(std::move(source), name), name, options.capture);
+  return std::make_unique<CaptureReader>(open_pcap(std::move(source), input.name()), input.name(),
+                                         options.capture);
 }
 
-std::unique_ptr<ForeignReader> read_pcapng(ByteSource source, const std::string& name,
+std::unique_ptr<ForeignReader> read_pcapng(ByteSource source, const Input& input,
                                            const ImportOptions& options) {
-  return std::make_unique<CaptureReader>(std::make_unique<PcapngReader>(std::move(source)), name,
+  return std::make_unique<CaptureReader>(std::make_unique<PcapngReader>(std::move(source)), input.name(),
                                          options.capture);
 }
 
@@ -83,24 +86,24 @@ private:
   std::unique_ptr<ForeignReader> reader;
 };
 
-ForeignFile open_format(const Peeked& peeked, const std::string& name, const ImportOptions& options) {
+ForeignFile open_format(const Peeked& peeked, const Input& input, const ImportOptions& options) {
   std::string names;
   for (const Format& format : kFormats) {
     if (format.recognises(peeked.head.data(), peeked.head.size()))
-      return {format.name, format.open(peeked.source, name, options)};
+      return {format.name, format.open(peeked.source, input, options)};
     names += std::string(names.empty() ? "" : ", ") + format.name;
   }
-  if (peeked.head.empty()) throw CueError(name + ": empty");
-  throw CueError(name + ": not a file that can be imported (" + names + ")");
+  if (peeked.head.empty()) throw CueError(input.name() + ": empty");
+  throw CueError(input.name() + ": not a file that can be imported (" + names + ")");
 }
 
 }  // namespace
 
 ForeignFile open_foreign(const Input& input, const ImportOptions& options) {
   const Peeked peeked = peek(input.open());
-  if (!begins_gzip(peeked.head.data(), peeked.head.size())) return open_format(peeked, input.name(), options);
+  if (!begins_gzip(peeked.head.data(), peeked.head.size())) return open_format(peeked, input, options);
   Gunzip gunzip(peeked.source);
-  ForeignFile file = open_format(peek(gunzip.source()), input.name(), options);
+  ForeignFile file = open_format(peek(gunzip.source()), input, options);
   file.reader = std::make_unique<UnpackedReader>(std::move(gunzip), std::move(file.reader));
   return file;
 }

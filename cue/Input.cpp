@@ -120,7 +120,10 @@ void Input::keep() {
   struct stat status {};
   if (!find(status)) throw file_error(shown, errno);
   if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
-  const ByteSource source = open();
+  keep(open());
+}
+
+void Input::keep(const ByteSource& source) {
   const std::shared_ptr<const int> copy(new int(unnamed_file()), [](const int* fd) {
     close(*fd);
     delete fd;

@@ -52,6 +52,10 @@ public:
   /// file. Does nothing for a regular file. @throws CueError
   void keep();
 
+  /// Takes the bytes of @p source for the content of this input, in an unnamed temporary file: of what has
+  /// been unpacked, or read in part already. @throws CueError
+  void keep(const ByteSource& source);
+
 private:
   bool find(struct stat& status) const;
 

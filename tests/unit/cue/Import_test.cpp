@@ -54,7 +54,9 @@ protected:
 
   /// The recording made of a file.
   std::string import(const std::string& content) {
-    imported = cue::import_recording(directory.write("in", content), options, out);
+    cue::Output output(out);
+    output.replace = true;
+    imported = cue::import_recording(directory.write("in", content), options, output);
     return directory.content("out.cue");
   }
 

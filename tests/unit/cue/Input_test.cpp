@@ -162,4 +162,16 @@ TEST_F(InputTest, NamesTheDirectoryForTheCopy) {
   // NOLINTEND(concurrency-mt-unsafe)
 }
 
+TEST_F(InputTest, TakesOtherBytesForItsContent) {
+  Input input = directory.write("show", "packed");
+  input.keep([left = std::string("unpacked")](std::uint8_t* bytes, std::size_t size) mutable {
+    const std::size_t count = left.copy(reinterpret_cast<char*>(bytes), size);
+    left.erase(0, count);
+    return count;
+  });
+  EXPECT_EQ(content_of(input), "unpacked");
+  EXPECT_EQ(content_of(input), "unpacked");
+  EXPECT_EQ(input.name(), directory / "show");
+}
+
 }  // namespace
