@@ -230,7 +230,7 @@ std::vector<std::string> CaptureReader::losses() const {
   words.add(count.other_senders, "datagram", " of other senders left out");
   words.add(count.other_start_codes, "E1.31 packet", " with another start code than 0 left out");
   words.add(count.previews, "E1.31 packet", " for previews left out");
-  words.add(count.ends, "E1.31 packet", " that end a stream left out");
+  words.add(count.ends, "E1.31 packet", " at the end of a stream left out");
   words.add(count.syncs, "E1.31 synchronisation packet", " left out");
   words.add(count.discoveries, "E1.31 discovery packet", " left out");
   words.add(count.other_sacn, "ACN packet", " of another kind left out");

@@ -100,7 +100,11 @@ ForeignFile open_format(const Peeked& peeked, const Input& input, const ImportOp
 }  // namespace
 
 ForeignFile open_foreign(const Input& input, const ImportOptions& options) {
-  const Peeked peeked = peek(input.open());
+  return open_foreign(input.open(), input, options);
+}
+
+ForeignFile open_foreign(const ByteSource& source, const Input& input, const ImportOptions& options) {
+  const Peeked peeked = peek(source);
   if (!begins_gzip(peeked.head.data(), peeked.head.size())) return open_format(peeked, input, options);
   Gunzip gunzip(peeked.source);
   ForeignFile file = open_format(peek(gunzip.source()), input, options);

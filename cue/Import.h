@@ -28,6 +28,9 @@ struct ForeignFile {
 /// @throws CueError when the file cannot be read or its content is not recognised
 ForeignFile open_foreign(const Input& input, const ImportOptions& options);
 
+/// The same of bytes that @p input would deliver.
+ForeignFile open_foreign(const ByteSource& source, const Input& input, const ImportOptions& options);
+
 /// Outcome of an import.
 struct Imported {
   const char* format = nullptr;  // as in ForeignFile

@@ -17,6 +17,7 @@ KADREL_BUILD_PACKAGES=(
 KADREL_TOOLS_PACKAGES=(
   libcli11-dev
   libpcap-dev
+  zlib1g-dev
 )
 
 # What ./package needs besides.
@@ -80,11 +81,13 @@ KADREL_FULL_PACKAGES=(
   libbenchmark-dev
 )
 
-# What ./fuzz needs besides the build packages: the compiler that carries libFuzzer.
+# What ./fuzz needs besides the build packages: the compiler that carries libFuzzer, and the libraries of the readers.
 KADREL_FUZZ_PACKAGES=(
   clang-14
   libclang-rt-14-dev
+  libpcap-dev
   util-linux
+  zlib1g-dev
 )
 
 # missing_packages PACKAGE...

@@ -5,6 +5,7 @@ A CAPTURE is a file of datagrams, each after its size (16 bits, low byte first),
 them. Every seed is named after what it holds.
 """
 
+import gzip
 import json
 import struct
 import sys
@@ -133,6 +134,80 @@ RELAYS = {
 }
 
 
+def udp_frame(payload, port=6454, place=0, id=0):
+    datagram = struct.pack(">HHHH", 40000, port, 8 + len(payload), 0) + payload if place & 0x1FFF == 0 else payload
+    packet = struct.pack(">BBHHHBBH8B", 0x45, 0, 20 + len(datagram), id, place, 64, 17, 0, 10, 0, 0, 1, 10, 0, 0, 2)
+    return bytes(12) + b"\x08\x00" + packet + datagram
+
+
+def fragments(payload, at):
+    """Two frames; the second begins @p at bytes into the IPv4 payload."""
+    whole = udp_frame(payload)
+    first, second = whole[: 34 + at], whole[:34] + whole[34 + at :]
+    return [
+        each[:16] + struct.pack(">HHH", len(each) - 14, 7, place) + each[22:]
+        for each, place in ((first, 0x2000), (second, at // 8))
+    ]
+
+
+def sacn(levels, universe=1, sequence=1, options=0, start_code=0):
+    layer = lambda of: struct.pack(">H", 0x7000 | 2 + len(of)) + of  # noqa: E731  three times in one expression
+    values = bytes([start_code]) + levels
+    dmp = layer(b"\x02\xa1\0\0\0\1" + struct.pack(">H", len(values)) + values)
+    framing = layer(
+        b"\0\0\0\2" + b"desk".ljust(64, b"\0") + struct.pack(">BHBBH", 100, 0, sequence, options, universe) + dmp
+    )
+    return b"\0\x10\0\0ASC-E1.17\0\0\0" + layer(b"\0\0\0\4" + b"C" * 16 + framing)
+
+
+def pcap(frames, link_type=1):
+    head = struct.pack("<IHHiIII", 0xA1B23C4D, 2, 4, 0, 0, 262144, link_type)
+    return head + b"".join(
+        struct.pack("<IIII", time, 7, len(each), len(each)) + each for time, each in enumerate(frames)
+    )
+
+
+def block(kind, body, order="<"):
+    body += bytes(-len(body) % 4)
+    size = struct.pack(order + "I", 12 + len(body))
+    return struct.pack(order + "I", kind) + size + body + size
+
+
+def pcapng(frames, order="<"):
+    """Frames in all three kinds of blocks, of two interfaces."""
+    def fields(codes, *values):
+        return struct.pack(order + codes, *values)
+
+    blocks = [
+        block(0x0A0D0D0A, fields("IHHq", 0x1A2B3C4D, 1, 0, -1), order),
+        block(1, fields("HHI", 1, 0, 0) + fields("HHB3xHHqHH", 9, 1, 0x9E, 14, 8, -5, 0, 0), order),
+        block(1, fields("HHI", 101, 0, 0), order),
+    ]
+    for time, each in enumerate(frames):
+        size = len(each)
+        blocks += [
+            block(6, fields("IIIII", 0, 0, time, size, size) + each, order),
+            block(2, fields("HHIIII", 1, 0, 0, time, size - 14, size - 14) + each[14:], order),
+            block(3, fields("I", size) + each, order),
+        ]
+    return b"".join(blocks)
+
+
+SACN = [sacn(b"\1\2\3", 1, 254), sacn(b"\4", 1, 255), sacn(bytes(512), 32768), sacn(b"x", 1, 0, 0x40), sacn(b"x", 1, 0, 0, 1)]
+CAPTURES = {
+    "artnet": pcap([udp_frame(SHORT_DMX), udp_frame(DMX), udp_frame(art_poll())]),
+    "sacn": pcap([udp_frame(each, 5568) for each in SACN]),
+    "fragments": pcap([*fragments(SHORT_DMX, 16), *reversed(fragments(DMX, 200)), fragments(DMX, 8)[0]]),
+    "raw": pcap([udp_frame(SHORT_DMX)[14:]], 101),
+    "sll_vlan": pcap([bytes(14) + b"\x81\0\0\5\x08\0" + udp_frame(SHORT_DMX)[14:]], 113),
+    "ppp": pcap([b"\xff\3\0\x21" + udp_frame(SHORT_DMX)[14:]], 9),
+    "pcapng": pcapng([udp_frame(SHORT_DMX), udp_frame(SACN[0], 5568)]),
+    "pcapng_big_endian": pcapng([udp_frame(SHORT_DMX)], ">"),
+    "gzip": gzip.compress(pcap([udp_frame(SHORT_DMX)]), mtime=0),
+    "empty": b"",
+}
+
+
 def captured(path):
     content, datagrams = path.read_bytes(), []
     while content:
@@ -149,6 +224,7 @@ def main():
         "parser": {name: parser_input(each) for name, each in {**STREAMS, **captures}.items()},
         "receive": {name: b"\x01" + steps for name, steps in SERVICE.items()},
         "brand": {name: text.encode() for name, text in BRANDS.items()},
+        "capture": {name: b"\0" + content for name, content in CAPTURES.items()},
         "relay": {name: struct.pack("<H", maker) + datagram for name, (maker, datagram) in RELAYS.items()},
     }
     for name, datagrams in captures.items():
