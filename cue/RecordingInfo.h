@@ -5,7 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "cue/Completeness.h"
+#include "cue/DatagramWalk.h"
 #include "cue/GoodRecords.h"
+#include "cue/Intervals.h"
 #include "cue/RecordingReader.h"
 
 namespace cue {
@@ -19,6 +22,10 @@ struct UniverseInfo {
   std::int64_t first = 0;
   std::int64_t last = 0;
   std::int64_t longest_gap = 0;
+  std::int64_t median_interval = 0;  // ns, between two packets
+  std::int64_t p99_interval = 0;     // ns
+  std::uint64_t pauses = 0;          // longer than 4 s, after which senders repeat unchanged levels
+  UniverseSequence sequence;
 
   /// Packets per second between the first and the last; 0 for a single packet or a single time.
   double rate() const;
@@ -30,10 +37,12 @@ struct RecordingInfo {
   std::uint64_t datagrams = 0;
   std::int64_t duration = 0;            // ns, from the first datagram to the last
   std::vector<UniverseInfo> universes;  // sorted by port-address
+  SharedSequence shared;
   std::optional<Damage> damage;
 };
 
-/// Collects the figures of a recording, datagram by datagram.
+/// Collects the figures of a recording, datagram by datagram. Memory goes by universes, not by datagrams:
+/// with a usual sender about 1.5 KB each.
 class InfoCounter {
 public:
   InfoCounter();
@@ -42,14 +51,32 @@ public:
   /// @param reader  at its end
   RecordingInfo result(const RecordingReader& reader) const;
 
+  /// Without file and damage.
+  RecordingInfo result() const;
+
 private:
-  UniverseInfo& universe(std::uint16_t port_address);
+  struct Universe {
+    UniverseInfo info;
+    Intervals intervals;
+    UniverseJudge judge;
+    SharedJudge::Member member;
+    std::uint64_t levels = 0;  // hash of the last ones
+  };
+
+  Universe& universe(std::uint16_t port_address);
+  void add(const Record& record, const DmxPacket& packet);
+  void judge(Universe& of, const Record& record, const DmxPacket& packet);
+  bool belongs(const Universe& one) const;
+  UniverseInfo result(const Universe& one, std::uint64_t shared) const;
 
   RecordingInfo info;
-  std::vector<std::int32_t> index;  // in info.universes, by port-address; -1: not met
+  std::vector<Universe> universes;
+  std::vector<std::int32_t> index;  // in universes, by port-address; -1: not met
+  SharedJudge shared;
 };
 
-/// Reads the good records of a recording; see GoodRecords. @throws CueError
+/// Reads the good records of a recording; see GoodRecords. The first damage that was passed over is in the
+/// result. @throws CueError
 RecordingInfo read_info(const Input& input, const OnDamage& on_damage);
 
 /// Reads a recording to its end or damage. @throws CueError
