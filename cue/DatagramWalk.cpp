@@ -22,44 +22,21 @@ std::uint16_t high_byte_first(const std::uint8_t* bytes) {
 
 }  // namespace
 
-bool begins_delay(const std::uint8_t* bytes) {
-  static const ArtHeader header = make_delay_record(0).header;
-  return memcmp(bytes, &header, sizeof header) == 0;
-}
-
-std::int64_t delay_pause(const std::uint8_t* bytes) {
-  std::int64_t pause = 0;
-  memcpy(&pause, bytes + kArtHeaderSize, sizeof pause);
-  return pause;
-}
-
-/// Goes on to the end of the next identifier. @return false when a delay record or the end comes first; then
-/// @p step says which
-bool DatagramWalk::search(Step& step) {
+/// Goes on to the end of the next identifier. @return false when there is none
+bool DatagramWalk::search() {
   while (at < size) {
     if (matched == 0) {
       const auto* const next = static_cast<const std::uint8_t*>(memchr(bytes + at, kArtNetId[0], size - at));
       at = next == nullptr ? size : static_cast<std::size_t>(next - bytes);
       if (at == size) break;
     }
-    const std::uint8_t byte = bytes[at];
-    if (byte == static_cast<std::uint8_t>(kArtNetId[0]) && at != passed_delay && size - at >= kDelaySize &&
-        begins_delay(bytes + at)) {
-      passed_delay = at;
-      mark = at;
-      step = Step::Delay;
-      return false;
-    }
-    ++at;
     // Like the parser: a byte that ends a match is not tried as the beginning of another.
-    matched = byte == static_cast<std::uint8_t>(kArtNetId[matched]) ? matched + 1 : 0;
+    matched = bytes[at++] == static_cast<std::uint8_t>(kArtNetId[matched]) ? matched + 1 : 0;
     if (matched == kArtNetIdSize) {
       matched = 0;
       return true;
     }
   }
-  mark = at;
-  step = Step::End;
   return false;
 }
 
@@ -95,13 +72,10 @@ std::optional<std::size_t> DatagramWalk::body_size(std::uint16_t opcode) const {
 
 /// Walks the packet after its identifier. @return End when the walk is to go on
 DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
-  mark = start;
   if (size - at < sizeof(ArtHeader::opcode)) return Step::Truncated;
   const std::uint16_t opcode = low_byte_first(bytes + at);
   at += sizeof opcode;
   const std::optional<std::size_t> body = body_size(opcode);
-  const bool may_be_cut = opcode == OpPollReply && at - portion() <= kArtHeaderSize;
-  if (may_be_cut) reply = {portion() + kArtHeaderSize, portion() + sizeof(ArtPollReply)};
   if (!body || *body > size - at) return Step::Truncated;
   const std::uint8_t* const fields = bytes + at;
   at += *body;
@@ -112,19 +86,15 @@ DatagramWalk::Step DatagramWalk::dispatch(std::size_t start) {
     if (slots > size - at) return Step::Truncated;
     at += slots;
     packet = {start, low_byte_first(fields + 4), slots};
-    packet_end = at;
-    mark = at;
     return Step::Dmx;
   }
-  packet_end = at;
-  return may_be_cut ? Step::Reply : Step::End;
+  return Step::End;
 }
 
 DatagramWalk::Step DatagramWalk::next() {
   for (;;) {
-    Step step = Step::End;
-    if (!search(step)) return step;
-    step = dispatch(at - kArtNetIdSize);
+    if (!search()) return Step::End;
+    const Step step = dispatch(at - kArtNetIdSize);
     if (step != Step::End) return step;
   }
 }
@@ -138,20 +108,11 @@ DatagramShape shape_of(const std::uint8_t* bytes, std::size_t size) {
         ++shape.dmx_count;
         shape.dmx_bytes += walk.dmx().end() - walk.dmx().offset;
         break;
-      case DatagramWalk::Step::Delay:
-        shape.holds_delay = true;
-        break;
-      case DatagramWalk::Step::Reply:
-        break;
       case DatagramWalk::Step::Truncated:
         shape.truncated = true;
         return shape;
-      case DatagramWalk::Step::End: {
-        const std::size_t tail = size - walk.last_packet_end();
-        shape.tail_is_header =
-            tail > 0 && tail < kArtNetIdSize && memcmp(bytes + walk.last_packet_end(), kArtNetId, tail) == 0;
+      case DatagramWalk::Step::End:
         return shape;
-      }
     }
   }
 }

@@ -11,12 +11,6 @@
 /// offset of each packet, and without packets in stale bytes.
 namespace cue {
 
-/// Whether identifier and OpCode of a delay record are at @p bytes (10 readable).
-bool begins_delay(const std::uint8_t* bytes);
-
-/// Pause of the delay record at @p bytes (18 readable) in nanoseconds; may be negative in a foreign file.
-std::int64_t delay_pause(const std::uint8_t* bytes);
-
 /// An ArtDmx within a datagram.
 struct DmxPacket {
   std::size_t offset = 0;  // of its first byte, in the datagram
@@ -30,8 +24,6 @@ class DatagramWalk {
 public:
   enum class Step {
     Dmx,        // dmx() is a whole ArtDmx
-    Reply,      // an ArtPollReply, perhaps cut short: the datagram could end anywhere in cut_reply()
-    Delay,      // a delay record is at position(): the datagram could end there; next() passes over it
     Truncated,  // a packet is cut off: the recorder refuses such a datagram
     End,        // all bytes are walked
   };
@@ -44,47 +36,24 @@ public:
   /// The ArtDmx of the last step.
   const DmxPacket& dmx() const { return packet; }
 
-  /// Delay: offset of the record. Truncated: offset of the packet. Otherwise offset of the walk.
-  std::size_t position() const { return mark; }
-
-  /// End of the last whole packet, 0 before the first.
-  std::size_t last_packet_end() const { return packet_end; }
-
-  /// Offsets at which a datagram can end within the ArtPollReply of the last step, begin and end included.
-  ///
-  /// The parser assumes that a reply begins its portion, and takes as many bytes as the portion has, 239 at
-  /// most. In a portion of fewer bytes a reply that begins later is cut off. So a reply has 239 bytes, or its
-  /// OpCode ends in the first 10 bytes of a portion and the datagram ends after 10 to 239 bytes of it.
-  struct Range {
-    std::size_t begin = 0;
-    std::size_t end = 0;
-  };
-  const Range& cut_reply() const { return reply; }
-
 private:
-  bool search(Step& step);
+  bool search();
   Step dispatch(std::size_t start);
   std::optional<std::size_t> body_size(std::uint16_t opcode) const;
   std::size_t portion() const;
 
   const std::uint8_t* bytes;
   std::size_t size;
-  std::size_t at = 0;                   // next byte to look at
-  std::size_t mark = 0;                 // see position()
-  std::size_t packet_end = 0;           // see last_packet_end()
-  std::size_t matched = 0;              // identifier bytes matched so far
-  std::size_t passed_delay = SIZE_MAX;  // offset of the last reported delay record
-  Range reply;
+  std::size_t at = 0;       // next byte to look at
+  std::size_t matched = 0;  // identifier bytes matched so far
   DmxPacket packet;
 };
 
 /// Contents of a whole datagram, as the recorder sees it.
 struct DatagramShape {
-  bool truncated = false;       // a packet is cut off
-  bool holds_delay = false;     // there is a delay record inside
-  std::size_t dmx_count = 0;    // whole ArtDmx packets
-  std::size_t dmx_bytes = 0;    // of those packets, headers included
-  bool tail_is_header = false;  // after the last packet there is only the beginning of an identifier
+  bool truncated = false;     // a packet is cut off
+  std::size_t dmx_count = 0;  // whole ArtDmx packets
+  std::size_t dmx_bytes = 0;  // of those packets, headers included
 
   /// Whether the recorder can have written it.
   bool recordable() const { return !truncated && dmx_count > 0; }

@@ -26,6 +26,7 @@ public:
 private:
   RecordingReader records;
   OnDamage on_damage;
+  bool ended = false;  // nothing good follows the last damage
 };
 
 }  // namespace cue

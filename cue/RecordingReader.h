@@ -30,12 +30,9 @@ struct Damage {
 
 /// Reads a recording from front to back, datagram by datagram, in constant memory.
 ///
-/// The file stores no lengths, so the reader finds them. It walks the packets of a datagram as the recorder's
-/// parser does. A delay record ends the datagram when
-///  - it lies between two packets, its pause is not negative, and the datagram holds a whole ArtDmx, and
-///  - an ArtDmx follows it before the next delay record.
-/// Every other delay record is part of its datagram. docs/recording-format.md says why this recovers the
-/// recorded datagrams, and which files can be read in two ways.
+/// The file stores no lengths, so the reader finds them (bounds_of()). Bytes that a sender does not send are
+/// damage: next() ends there, and resume() finds the next good datagram. docs/recording-format.md has the
+/// rule, and says which damage cannot be seen.
 class RecordingReader {
 public:
   using Source = ByteSource;
@@ -57,32 +54,19 @@ public:
   /// The damage that ended next(); nothing at the end of the file.
   const std::optional<Damage>& damage() const { return found_damage; }
 
-  /// Goes on after the damage: searches for the next delay record that a datagram follows. That datagram
-  /// becomes the next record; its pause is the sum of the delay records that could be read on the way.
+  /// Goes on after the damage: searches for the next datagram that follows a delay record, damaged or not, or
+  /// ends as datagrams end. That datagram becomes the next record. Its pause is the sum of the delay records
+  /// on the way; of a damaged one counts what is possible, without its sign.
   /// @return false when there is no such record
   bool resume();
 
-  /// Offset in the file of a delay record within the last record and outside its ArtDmx packets: it was sent
-  /// so, or the file is damaged here. Nothing when there is none.
-  std::optional<std::uint64_t> delay_within() const { return inner_delay; }
+  /// Bytes that belong to no good record, up to where resume() has come. A damaged delay record before a good
+  /// datagram is not among them.
+  std::uint64_t lost_bytes() const { return lost; }
 
   const std::string& name() const { return file_name; }
 
 private:
-  /// First thing after a delay record.
-  enum class Behind { Dmx, Delay, Nothing };
-
-  /// Where the datagram at `begin` ends.
-  enum class EndKind {
-    None,     // nowhere in reach
-    Delay,    // at a delay record that a datagram follows
-    Damaged,  // at a delay record that nothing whole follows
-  };
-  struct End {
-    EndKind kind = EndKind::None;
-    std::size_t at = 0;  // from `begin`
-  };
-
   const std::uint8_t* data() const { return buffer.data() + begin; }
   std::size_t available() const { return end - begin; }
   std::uint64_t position() const { return base + begin; }
@@ -90,16 +74,16 @@ private:
   void fill();
   void skip(std::size_t size);
   void pass_delay();
-  bool pause_counts(std::size_t at) const;
-  Behind behind(std::size_t at) const;
-  EndKind kind_of_end(std::size_t at) const;
-  End find_end() const;
-  End find_end_in(std::size_t from, std::size_t to) const;
+  bool pause_counts(std::int64_t pause) const;
+  std::int64_t possible_pause(std::int64_t pause) const;
   bool take_simple(Record& record);
   bool take(Record& record);
-  bool take_rest(Record& record);
   void deliver(Record& record, std::size_t size);
-  void note_inner_delay(const Record& record);
+  void judge_delay(const Record& record);
+  void damaged_after(const Record& record, std::uint64_t offset, std::string what);
+  bool find_good();
+  bool find_identifier();
+  std::size_t take_up(bool after_delay);
   bool broken(std::string what);
 
   Source source;
@@ -117,7 +101,7 @@ private:
   std::int64_t last_time = 0;         // of the last record
   std::optional<Damage> next_damage;  // after the last record
   std::optional<Damage> found_damage;
-  std::optional<std::uint64_t> inner_delay;
+  std::uint64_t lost = 0;  // see lost_bytes()
 };
 
 }  // namespace cue

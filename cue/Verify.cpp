@@ -1,7 +1,11 @@
 #include "cue/Verify.h"
 
+#include <algorithm>
+#include <map>
 #include <memory>
 
+#include "artnet/ArtNet.h"
+#include "artnet/RecordingFormat.h"
 #include "cue/DatagramWalk.h"
 #include "cue/RecordingInfo.h"
 #include "cue/RecordingReader.h"
@@ -13,15 +17,46 @@
 namespace cue {
 namespace {
 
-/// The good part of a datagram that holds a delay record because of damage: the bytes before the delay record
-/// or, if those are no datagram, the bytes after it.
-Bytes good_part(const Record& record, std::size_t delay_at) {
-  if (shape_of(record.data, delay_at).recordable()) return {record.data, delay_at};
-  const std::size_t after = delay_at + kDelaySize;
-  if (shape_of(record.data + after, record.size - after).recordable())
-    return {record.data + after, record.size - after};
-  return {record.data, record.size};
-}
+/// What is missing across damage by the sequence numbers (Art-Net 4, ArtDmx: 1..255 and then 1 again; 0: the
+/// sender does not count).
+class MissingAcrossDamage {
+public:
+  /// @param lost  bytes of the file that were lost up to the record
+  void take(const Record& record, std::uint64_t lost) {
+    for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
+      Universe& universe = universes[packet.port_address];
+      const int number = record.data[packet.offset + offsetof(ArtDmx, sequence)];
+      if (universe.last != 0 && number != 0) {
+        const auto jump = static_cast<std::uint64_t>((number - universe.last - 1 + kNumbers) % kNumbers);
+        // What took no bytes was never in the file: another sender's numbers, or a loss on the network.
+        if (jump * kDmxHeaderSize <= lost - universe.lost) universe.missing += jump;
+      }
+      universe.last = number;
+      universe.lost = lost;
+    });
+  }
+
+  /// "3 datagrams of universe 1, 1 datagram of universe 700"; empty when nothing is missing.
+  std::string text() const {
+    std::string line;
+    for (const auto& [port_address, universe] : universes) {
+      if (universe.missing == 0) continue;
+      if (!line.empty()) line += ", ";
+      line += counted(universe.missing, "datagram") + " of universe " + std::to_string(port_address + 1);
+    }
+    return line;
+  }
+
+private:
+  static constexpr int kNumbers = 255;
+
+  struct Universe {
+    int last = 0;            // sequence number; 0: none, or not counted
+    std::uint64_t lost = 0;  // up to the last datagram
+    std::uint64_t missing = 0;
+  };
+  std::map<std::uint16_t, Universe> universes;
+};
 
 class Verifier {
 public:
@@ -31,26 +66,19 @@ public:
       writer = std::make_unique<RecordingWriter>(*options.repaired, std::vector<Input>{input});
   }
 
-  /// @return whether the file is whole
-  bool run() {
+  Verified run() {
     read();
-    bool whole = !damaged;
     while (reader.damage()) {
       tell(*reader.damage());
-      whole = false;
+      ++damages;
       if (!reader.resume()) break;
       resumed = true;
       read();
     }
-    whole = whole && !damaged;
+    const bool whole = damages == 0 && (odd == 0 || !options.strict);
     if (whole) tell_whole();
-    if (resumed) report.damage(reader.name() + ": " + counted(datagrams, "datagram") + " in all are good");
-    if (writer) {
-      writer->commit();
-      report.good(options.repaired->name() + ": " + counted(writer->datagrams(), "datagram") + ", " +
-                  format_time(written_until));
-    }
-    return whole;
+    if (resumed || (writer && damages > 0 && datagrams > 0)) tell_lost();
+    return {whole, writer && repair()};
   }
 
 private:
@@ -58,30 +86,30 @@ private:
     Record record;
     while (reader.next(record)) {
       ++datagrams;
+      good_bytes += record.size;
       last_time = record.time;
       if (options.on_record) options.on_record(record);
-      Bytes good{record.data, record.size};
-      if (const auto delay = reader.delay_within()) {
-        damaged = true;
-        good = good_part(record, static_cast<std::size_t>(*delay - record.offset));
-        report.damage(at_byte(*delay) +
-                      "a delay record without a datagram of its own; the file is damaged here, or the bytes "
-                      "were sent like this");
-      } else {
-        look_at(record);
-      }
-      write(good, record.time);
+      missing.take(record, reader.lost_bytes());
+      if (is_odd(record))
+        take_odd(record);
+      else
+        write({record.data, record.size}, record.time);
     }
   }
 
-  void look_at(const Record& record) {
+  static bool is_odd(const Record& record) {
     const DatagramShape shape = shape_of(record.data, record.size);
-    if (shape.dmx_count == 1 && shape.dmx_bytes == record.size) return;
+    return shape.dmx_count != 1 || shape.dmx_bytes != record.size;
+  }
+
+  void take_odd(const Record& record) {
     if (odd++ == 0) first_odd = record.offset;
-    if (options.strict) {
-      damaged = true;
-      report.damage(at_byte(record.offset) + "the datagram is more than one ArtDmx packet");
-    }
+    if (!options.strict) return write({record.data, record.size}, record.time);
+    report.damage(reader.name() + ": byte " + std::to_string(record.offset) +
+                  ": the datagram is more than one ArtDmx packet");
+    for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
+      write({record.data + packet.offset, packet.end() - packet.offset}, record.time);
+    });
   }
 
   void write(const Bytes& datagram, std::int64_t time) {
@@ -92,7 +120,7 @@ private:
 
   void tell(const Damage& damage) const {
     std::string line = damage_text(reader.name(), damage);
-    if (!resumed)
+    if (damages == 0)
       line += "; good are the first " + counted(damage.good_end, "byte") + ", " +
               counted(datagrams, "datagram") + ", " + format_time(last_time);
     report.damage(line);
@@ -105,26 +133,52 @@ private:
                   " with more than one ArtDmx packet, the first at byte " + std::to_string(first_odd));
   }
 
-  std::string at_byte(std::uint64_t offset) const {
-    return reader.name() + ": byte " + std::to_string(offset) + ": ";
+  void tell_lost() const {
+    report.damage(reader.name() + ": " + counted(damages, "damaged place") + ", " +
+                  counted(datagrams, "datagram") + " in all are good");
+    const std::uint64_t lost = reader.lost_bytes();
+    if (lost == 0) {
+      report.damage(reader.name() + ": nothing is lost but pauses");
+      return;
+    }
+    const std::uint64_t record = good_bytes / datagrams + kDelaySize;
+    const std::uint64_t about = (lost + record / 2) / record;
+    report.damage(reader.name() + ": lost: " + counted(lost, "byte") + ", " +
+                  (about == 0 ? "less than a datagram" : "the size of about " + counted(about, "datagram")));
+    const std::string by_number = missing.text();
+    if (!by_number.empty()) report.damage(reader.name() + ": lost by sequence number: " + by_number);
+  }
+
+  /// Puts the repaired file in its place. @return false when there is nothing good to write
+  bool repair() {
+    if (damages > 0 && datagrams == 0) {
+      report.damage(reader.name() + ": nothing good in it; " + options.repaired->name() + " is not written");
+      return false;
+    }
+    writer->commit();
+    report.good(options.repaired->name() + ": " + (damages > 0 ? "repaired, " : "") +
+                counted(writer->datagrams(), "datagram") + ", " + format_time(written_until));
+    return true;
   }
 
   const VerifyOptions& options;
   RecordingReader reader;
   const VerifyReport& report;
   std::unique_ptr<RecordingWriter> writer;
+  MissingAcrossDamage missing;
   std::uint64_t datagrams = 0;
+  std::uint64_t good_bytes = 0;
+  std::uint64_t damages = 0;
+  bool resumed = false;   // good records follow the damage
   std::uint64_t odd = 0;  // datagrams that are not a single ArtDmx
   std::uint64_t first_odd = 0;
   std::int64_t last_time = 0;
   std::int64_t written_until = 0;
-  bool damaged = false;
-  bool resumed = false;
 };
 
 }  // namespace
 
-bool verify(const Input& file, const VerifyOptions& options, const VerifyReport& report) {
+Verified verify(const Input& file, const VerifyOptions& options, const VerifyReport& report) {
   return Verifier(options, file, report).run();
 }
 

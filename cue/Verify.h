@@ -11,8 +11,10 @@
 namespace cue {
 
 struct VerifyOptions {
-  bool strict = false;             // a datagram that is more than one ArtDmx packet counts as damaged
-  std::optional<Output> repaired;  // file for the good records
+  // A datagram that is more than one ArtDmx packet counts as damaged; of such a one the ArtDmx packets are
+  // good, each as a datagram of its own.
+  bool strict = false;
+  std::optional<Output> repaired;                // file for the good records
   std::function<void(const Record&)> on_record;  // called with each datagram that is read; may be empty
 };
 
@@ -22,8 +24,13 @@ struct VerifyReport {
   std::function<void(const std::string&)> damage;
 };
 
-/// Judges a recording, and repairs it if wanted. @return whether it is whole
+struct Verified {
+  bool whole = false;     // no damage
+  bool repaired = false;  // the good records have been written
+};
+
+/// Judges a recording, and repairs it if wanted. A file in which nothing is good is not repaired.
 /// @throws CueError when the file cannot be read, or the repaired one cannot be written
-bool verify(const Input& file, const VerifyOptions& options, const VerifyReport& report);
+Verified verify(const Input& file, const VerifyOptions& options, const VerifyReport& report);
 
 }  // namespace cue

@@ -44,7 +44,8 @@ public:
     int code = 0;
     for (const cue::Input& file : files) {
       try {
-        if (!cue::verify(file, options, report)) code = 1;
+        const cue::Verified verified = cue::verify(file, options, report);
+        if (repair ? !verified.repaired : !verified.whole) code = 1;
       } catch (const cue::CueError& error) {
         report.damage(error.what());
         code = 1;

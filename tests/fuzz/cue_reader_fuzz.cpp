@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "artnet/ArtNetParser.h"
+#include "cue/DatagramBounds.h"
 #include "cue/DatagramWalk.h"
 #include "cue/RecordingReader.h"
 #include "tests/fuzz/script.h"
@@ -33,9 +34,11 @@ struct Reading {
   std::vector<Read> records;
   std::vector<std::uint64_t> damages;
   std::uint64_t good_end = 0;  // of the first damage
+  std::uint64_t lost = 0;      // bytes
 
   bool operator==(const Reading& other) const {
-    return records == other.records && damages == other.damages && good_end == other.good_end;
+    return records == other.records && damages == other.damages && good_end == other.good_end &&
+           lost == other.lost;
   }
 };
 
@@ -61,6 +64,7 @@ Reading read(const std::string& file, std::size_t portion) {
     if (reading.damages.empty()) reading.good_end = reader.damage()->good_end;
     reading.damages.push_back(reader.damage()->offset);
   } while (reader.resume());
+  reading.lost = reader.lost_bytes();
   return reading;
 }
 
@@ -117,6 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     end = record.offset + record.bytes.size();
     time = record.time;
   }
+  REQUIRE(reading.lost <= size);
   // A file that is called whole is whole: writing down what was read gives it again.
   if (reading.damages.empty()) REQUIRE(end == size);
   REQUIRE(std::is_sorted(reading.damages.begin(), reading.damages.end()));

@@ -76,7 +76,7 @@ TEST_F(PcapExport, ComesBackByteForByte) {
   recordings::Chance chance(4);
   std::vector<recordings::Datagram> datagrams;
   for (int i = 0; i < 300; ++i)
-    datagrams.emplace_back(chance.dmx() + (i % 3 == 0 ? "tail" : ""), chance.pause());
+    datagrams.emplace_back(chance.dmx() + (i % 3 == 0 ? packets::poll() : ""), chance.pause());
   const std::string file = file_of(datagrams);
   EXPECT_EQ(through(cue::export_pcap, file), file);
 }

@@ -91,10 +91,11 @@ protected:
 };
 
 TEST_F(PlayerTest, SendsEveryDatagramAtItsTime) {
-  record({{dmx("a"), 0}, {dmx("b") + "x", 20 * kMs}, {dmx("c"), 0}, {dmx("d"), 1}});
-  EXPECT_EQ(play(),
-            (std::vector<Sent>{
-                {0, dmx("a")}, {20 * kMs, dmx("b") + "x"}, {20 * kMs, dmx("c")}, {20 * kMs + 1, dmx("d")}}));
+  record({{dmx("a"), 0}, {dmx("b") + packets::poll(), 20 * kMs}, {dmx("c"), 0}, {dmx("d"), 1}});
+  EXPECT_EQ(play(), (std::vector<Sent>{{0, dmx("a")},
+                                       {20 * kMs, dmx("b") + packets::poll()},
+                                       {20 * kMs, dmx("c")},
+                                       {20 * kMs + 1, dmx("d")}}));
   EXPECT_EQ(state.lateness.count(), 4U);
   EXPECT_EQ(state.position, 20 * kMs + 1);
 }

@@ -10,7 +10,7 @@ using recordings::file_of;
 namespace {
 
 TEST(RecordingInfo, CountsEveryArtDmxOfADatagram) {
-  cue::RecordingReader reader = recordings::reader_of(dmx("a", 1) + dmx("b", 2) + "x" + dmx("c", 1));
+  cue::RecordingReader reader = recordings::reader_of(dmx("a", 1) + dmx("b", 2) + dmx("c", 1));
   const cue::RecordingInfo found = cue::read_info(reader);
   EXPECT_EQ(found.datagrams, 1U);
   ASSERT_EQ(found.universes.size(), 2U);

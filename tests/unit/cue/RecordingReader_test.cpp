@@ -68,45 +68,28 @@ TEST(RecordingReader, ReadsAFileLargerThanItsBuffer) {
   expect_recovered(datagrams);
 }
 
-TEST(RecordingReader, KeepsBytesBehindAnArtDmxInItsDatagram) {
-  expect_recovered({{kDmx + std::string(508, '\0'), 0}, {kDmx + "x", 5}, {kDmx + packets::poll(), 6}});
-}
-
-TEST(RecordingReader, KeepsBytesBeforeAnArtDmxInItsDatagram) {
-  expect_recovered({{"junk" + kDmx, 0}, {"junk" + kDmx, 5}, {packets::poll() + kDmx, 5}});
+TEST(RecordingReader, KeepsWhatASenderAddsToAnArtDmx) {
+  expect_recovered({{dmx("odd") + '\0', 0}, {dmx("five5") + std::string(3, '\0'), 1}, {kDmx, 2}});
+  expect_recovered({{kDmx + std::string(508, '\0'), 0}, {kDmx + std::string(508, 'x'), 5}});
+  expect_recovered({{dmx("odd") + '\0' + kDmx, 0}, {kDmx, 5}});
 }
 
 TEST(RecordingReader, KeepsSeveralPacketsOfOneDatagramTogether) {
-  expect_recovered({{kDmx + kDmx, 0}, {kDmx + "x" + kDmx, 5}, {kDmx, 5}});
+  expect_recovered({{kDmx + kDmx, 0}, {kDmx + kDmx + kDmx, 5}, {kDmx, 5}});
+  expect_recovered({{kDmx + packets::poll(), 0}, {packets::poll() + std::string(8, 'x') + kDmx, 5}});
+  expect_recovered({{kDmx + packets::unknown(0x5200) + packets::high_first(14) + "..", 0}, {kDmx, 5}});
 }
 
 TEST(RecordingReader, KeepsTheLongestDatagram) {
-  const std::string longest = kDmx + std::string(8191 - kDmx.size(), 'x');
+  std::string longest;
+  while (longest.size() + 530 + 18 <= 8191) longest += dmx(std::string(512, 'x'));
+  longest += dmx(std::string(8191 - longest.size() - 18, 'x'));
+  ASSERT_EQ(longest.size(), 8191U);
   expect_recovered({{longest, 0}, {longest, 5}, {longest, 6}});
 }
 
 TEST(RecordingReader, TakesNoDelayRecordOutOfSlots) {
   expect_recovered({{dmx(delay(5)), 0}, {dmx("x" + delay(5) + kDmx), 1}, {dmx(kDmx + delay(5) + kDmx), 2}});
-}
-
-TEST(RecordingReader, LeavesADelayRecordBehindTheArtDmxToItsDatagram) {
-  expect_recovered(
-      {{kDmx + delay(5), 0}, {kDmx + delay(5) + delay(6), 1}, {kDmx + "x" + delay(5) + "x", 2}, {kDmx, 3}});
-}
-
-TEST(RecordingReader, FindsADelayRecordBehindAHalfMatchedIdentifier) {
-  expect_recovered({{kDmx + "Art-Ne", 0}, {kDmx + "A" + delay(5) + "A", 1}, {kDmx, 2}});
-}
-
-TEST(RecordingReader, DoesNotTakeANegativePauseForTheEndOfADatagram) {
-  expect_recovered({{kDmx + delay(-1) + kDmx, 0}, {kDmx, 5}});
-  expect_recovered({{kDmx + delay(std::numeric_limits<std::int64_t>::min()), 0}, {kDmx, 5}});
-}
-
-TEST(RecordingReader, DoesNotTakeAPauseBeyondAllTimeForTheEndOfADatagram) {
-  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-  expect_recovered({{kDmx, 0}, {kDmx, kMost}, {kDmx, 0}});
-  expect_recovered({{kDmx, 0}, {kDmx + delay(kMost) + kDmx, 1}, {kDmx, 2}});
 }
 
 TEST(RecordingReader, EndsADatagramInAPollReplyThatItCuts) {
@@ -115,61 +98,226 @@ TEST(RecordingReader, EndsADatagramInAPollReplyThatItCuts) {
       {{aligned + packets::poll_reply(100), 0}, {aligned + packets::poll_reply(), 1}, {kDmx, 2}});
 }
 
-TEST(RecordingReader, FindsEveryEndOfADatagramWithAPollReplyThatTheRecorderTakes) {
-  int cut = 0;
-  // The OpCode of the reply ends in the last bytes of the first portion of 512 bytes, or in the first of the
-  // second.
-  for (std::size_t slots = 480; slots <= 496; ++slots) {
-    for (std::size_t size = 10; size <= 239; ++size) {
-      for (const char* tail : {"", "tail", "Art-Net"}) {
-        const std::string datagram = dmx(std::string(slots, 'x')) + packets::poll_reply(size) + tail;
-        if (!cue::shape_of(recordings::bytes_of(datagram), datagram.size()).recordable()) continue;
-        cut += size < 239 ? 1 : 0;
-        ASSERT_NO_FATAL_FAILURE(expect_recovered({{datagram, 0}, {datagram, 1}, {kDmx, 2}}));
-      }
-    }
+TEST(RecordingReader, RefusesWhatTheRecorderDoesNotTake) {
+  // The parser reads the poll reply over the beginning of the ArtDmx.
+  const std::string datagram = kDmx + packets::poll_reply(100) + kDmx;
+  const Reading reading = read(datagram + delay(5) + kDmx);
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}}));
+  expect_damage(reading, 22, 22, "bytes that belong to no packet");
+}
+
+TEST(RecordingReader, TakesTheLongestPauses) {
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+  expect_recovered({{kDmx, 0}, {kDmx, kMost}, {kDmx, 0}});
+}
+
+struct DamageCase {
+  const char* what;
+  std::string file;
+  std::vector<Datagram> good;
+  std::string text;  // of the first damage
+};
+
+TEST(RecordingReader, FindsWhatNoSenderSends) {
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+  const std::vector<Datagram> two{{kDmx, 0}, {kDmx, 5}};
+  const std::string unknown = "bytes that belong to no packet";
+  const std::string impossible = "a delay record with a pause that is not possible";
+  const std::vector<DamageCase> cases{
+      {"bytes before an ArtDmx", "junk" + kDmx + delay(5) + kDmx, two, unknown},
+      {"bytes after an ArtDmx", kDmx + "x" + delay(5) + kDmx, two, unknown},
+      {"bytes between two", kDmx + "x" + kDmx + delay(5) + kDmx, {{kDmx, 0}, {kDmx, 0}, {kDmx, 5}}, unknown},
+      {"bytes after the last", kDmx + delay(5) + kDmx + "xx", two, unknown},
+      {"four zeros after one", kDmx + std::string(4, '\0') + delay(5) + kDmx, two,
+       "zeros where a record should be"},
+      {"zeros after the last", kDmx + delay(5) + kDmx + std::string(8192, '\0'), two,
+       "zeros where a record should be"},
+      {"a delay record at the beginning", delay(7) + kDmx + delay(5) + kDmx, two, unknown},
+      {"two delay records", kDmx + delay(2) + delay(3) + kDmx, two, unknown},
+      {"a delay record and no ArtDmx", kDmx + delay(2) + "broken" + delay(3) + kDmx, two, unknown},
+      {"an ArtDmx of 513 slots", kDmx + delay(2) + packets::dmx_announcing(513, "slots") + delay(3) + kDmx,
+       two, unknown},
+      {"kadrel's own OpCodes", kDmx + packets::oem_vfps() + delay(5) + kDmx, two, "a damaged delay record"},
+      {"an end in the beginning of an identifier", kDmx + "Art-Ne" + delay(5) + kDmx, two, unknown},
+      {"a negative pause", kDmx + delay(5 | kLeast) + kDmx, two, impossible},
+      {"the least pause", kDmx + delay(kLeast) + kDmx, {{kDmx, 0}, {kDmx, 0}}, impossible},
+      {"a pause of -1", kDmx + delay(-1) + kDmx, {{kDmx, 0}, {kDmx, 0}}, impossible},
+      {"a pause beyond all time",
+       kDmx + delay(5) + kDmx + delay(kMost) + kDmx,
+       {{kDmx, 0}, {kDmx, 5}, {kDmx, 0}},
+       impossible},
+  };
+  for (const DamageCase& damage : cases) {
+    SCOPED_TRACE(damage.what);
+    cue::RecordingReader reader = recordings::reader_of(damage.file);
+    Reading reading;
+    recordings::read_over(reader, reading);
+    EXPECT_EQ(reading.datagrams, damage.good);
+    ASSERT_EQ(reading.damages.size(), 1U);
+    EXPECT_EQ(reading.damages.front().what, damage.text);
   }
-  EXPECT_GT(cut, 2000);
-}
-
-TEST(RecordingReader, TellsOfADelayRecordInsideADatagram) {
-  const Reading reading = read(kDmx + delay(5) + kDmx + "x" + delay(6) + delay(7) + kDmx);
-  EXPECT_EQ(reading.inner_delays, std::vector<std::uint64_t>{22 + 18 + 23});
-}
-
-TEST(RecordingReader, ReadsADelayRecordAtTheBeginningAsBytesOfTheFirstDatagram) {
-  const Reading reading = read(delay(5) + kDmx + delay(6) + kDmx);
-  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{delay(5) + kDmx, 0}, {kDmx, 6}}));
-  EXPECT_EQ(reading.inner_delays, std::vector<std::uint64_t>{0});
 }
 
 TEST(RecordingReader, SplitsADatagramThatIsARecordingItself) {
   EXPECT_EQ(read(kDmx + delay(5) + kDmx).datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 5}}));
 }
 
-TEST(RecordingReader, RecoversWhateverTheRecorderWrites) {
-  recordings::Chance chance(2);
-  int recovered = 0;
-  for (int i = 0; i < 3000; ++i) {
-    std::vector<Datagram> datagrams;
-    for (unsigned n = 1 + chance.below(6); n > 0; --n) {
-      const std::string datagram = chance.datagram();
-      const auto* const bytes = recordings::bytes_of(datagram);
-      if (!cue::shape_of(bytes, datagram.size()).recordable() || datagram.size() > kLongestDatagram) continue;
-      // A datagram that holds a delay record and then an ArtDmx can be read in two ways: it is left out.
-      bool two_ways = false;
-      for (std::size_t at = 0; at + 18 <= datagram.size(); ++at) {
-        if (!cue::begins_delay(bytes + at) || cue::shape_of(bytes, at).truncated) continue;
-        const cue::DatagramShape rest = cue::shape_of(bytes + at + 18, datagram.size() - at - 18);
-        two_ways = two_ways || rest.truncated || rest.dmx_count > 0;
-      }
-      if (!two_ways) datagrams.emplace_back(datagram, chance.pause());
-    }
-    datagrams.emplace_back(kDmx, chance.pause());  // and so is the end of the file
-    ASSERT_NO_FATAL_FAILURE(expect_recovered(datagrams));
-    recovered += static_cast<int>(datagrams.size());
+// The model: whatever senders send is read as it was sent; whatever damage is done to the file is told, or
+// leaves every datagram where it was.
+
+std::vector<Datagram> show(recordings::Chance& chance, unsigned datagrams) {
+  std::vector<Datagram> made;
+  for (unsigned n = datagrams; n > 0; --n) made.emplace_back(chance.sent(), chance.pause());
+  return made;
+}
+
+/// Offsets of the delay records of the file of these datagrams.
+std::vector<std::size_t> delays_of(const std::vector<Datagram>& datagrams) {
+  std::vector<std::size_t> offsets;
+  std::size_t at = 0;
+  for (const Datagram& datagram : datagrams) {
+    if (at > 0) offsets.push_back(at - 18);
+    at += datagram.first.size() + 18;
   }
-  EXPECT_GT(recovered, 6000);
+  return offsets;
+}
+
+Reading read_whole(const std::string& file) {
+  cue::RecordingReader reader = recordings::reader_of(file);
+  Reading reading;
+  recordings::read_over(reader, reading);
+  return reading;
+}
+
+/// The bytes of the datagrams.
+std::vector<std::string> bytes_of_all(const std::vector<Datagram>& datagrams) {
+  std::vector<std::string> bytes;
+  for (const Datagram& datagram : datagrams) bytes.push_back(datagram.first);
+  return bytes;
+}
+
+TEST(RecordingReader, RecoversWhateverSendersSend) {
+  recordings::Chance chance(2);
+  for (int i = 0; i < 3000; ++i) ASSERT_NO_FATAL_FAILURE(expect_recovered(show(chance, 1 + chance.below(6))));
+}
+
+TEST(RecordingReader, SeesEveryFlippedBitInTheHeaderOfADelayRecordAndLosesNoDatagram) {
+  recordings::Chance chance(6);
+  for (int i = 0; i < 40; ++i) {
+    const std::vector<Datagram> sent = show(chance, 5);
+    const std::string file = file_of(sent);
+    for (const std::size_t at : delays_of(sent)) {
+      for (std::size_t bit = 0; bit < 80; ++bit) {
+        std::string damaged = file;
+        damaged[at + bit / 8] = static_cast<char>(damaged[at + bit / 8] ^ 1 << bit % 8);
+        const Reading reading = read_whole(damaged);
+        ASSERT_EQ(reading.damages.size(), 1U) << bit << " of " << testing::PrintToString(file);
+        ASSERT_EQ(bytes_of_all(reading.datagrams), bytes_of_all(sent)) << bit;
+        ASSERT_EQ(reading.datagrams.back().second, sent.back().second);
+      }
+    }
+  }
+}
+
+TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesTheSign) {
+  recordings::Chance chance(7);
+  for (int i = 0; i < 40; ++i) {
+    const std::vector<Datagram> sent = show(chance, 5);
+    const std::string file = file_of(sent);
+    for (const std::size_t at : delays_of(sent)) {
+      for (std::size_t bit = 80; bit < 144; ++bit) {
+        std::string damaged = file;
+        damaged[at + bit / 8] = static_cast<char>(damaged[at + bit / 8] ^ 1 << bit % 8);
+        const Reading reading = read_whole(damaged);
+        ASSERT_EQ(bytes_of_all(reading.datagrams), bytes_of_all(sent)) << bit;
+        ASSERT_TRUE(bit < 143 || reading.damages.size() == 1U);
+      }
+    }
+  }
+}
+
+TEST(RecordingReader, SeesAZeroedPageWhereverItHidesADatagram) {
+  recordings::Chance chance(8);
+  for (int i = 0; i < 150; ++i) {
+    const std::vector<Datagram> sent = show(chance, 60);
+    const std::string file = file_of(sent);
+    const std::vector<std::size_t> delays = delays_of(sent);
+    for (std::size_t page = 0; page + 4096 < file.size(); page += 512) {
+      std::string damaged = file;
+      std::fill_n(damaged.begin() + static_cast<std::ptrdiff_t>(page), 4096, '\0');
+      const Reading reading = read_whole(damaged);
+      ASSERT_FALSE(reading.damages.empty()) << page << " of " << testing::PrintToString(file);
+      // Every datagram that the page does not touch is there.
+      std::size_t untouched = 0;
+      for (std::size_t n = 0, at = 0; n < sent.size(); at += sent[n].first.size() + 18, ++n)
+        untouched += at >= page + 4096 || at + sent[n].first.size() <= page ? 1 : 0;
+      ASSERT_GE(reading.datagrams.size(), untouched) << page;
+    }
+  }
+}
+
+TEST(RecordingReader, SeesZerosAfterTheLastDatagramBeyondWhatASenderAdds) {
+  recordings::Chance chance(9);
+  for (int i = 0; i < 300; ++i) {
+    std::vector<Datagram> sent = show(chance, 2);
+    sent.emplace_back(chance.dmx(), 5);
+    const std::size_t last = sent.back().first.size();
+    for (const std::size_t zeros : {1U, 3U, 4U, 17U, 18U, 512U, 4096U, 8192U, 20000U}) {
+      const Reading reading = read_whole(file_of(sent) + std::string(zeros, '\0'));
+      ASSERT_EQ(reading.damages.empty(), zeros <= 3 || last + zeros == 530) << last << "+" << zeros;
+      ASSERT_EQ(reading.datagrams.size(), sent.size());
+      ASSERT_EQ(reading.datagrams.back().first.substr(0, last), sent.back().first);
+    }
+  }
+}
+
+TEST(RecordingReader, SeesEveryCutButThatBehindAPacket) {
+  recordings::Chance chance(10);
+  for (int i = 0; i < 60; ++i) {
+    std::vector<Datagram> sent;
+    for (int n = 0; n < 4; ++n) sent.emplace_back(chance.dmx(), 5);
+    const std::string file = file_of(sent);
+    std::size_t end = 0;    // of the last whole datagram
+    std::size_t whole = 0;  // datagrams
+    for (std::size_t size = 1; size <= file.size(); ++size) {
+      const std::size_t next_end = (whole == 0 ? 0 : end + 18) + (whole < 4 ? sent[whole].first.size() : 1);
+      if (size == next_end) {
+        end = size;
+        ++whole;
+      }
+      const Reading reading = read_whole(file.substr(0, size));
+      ASSERT_EQ(reading.damages.empty(), size == end) << size;
+      ASSERT_EQ(reading.datagrams.size(), whole) << size;
+    }
+  }
+}
+
+/// Whether the file is read as the one that was written: the same datagrams at the same places.
+bool same_places(const Reading& reading, const std::vector<Datagram>& sent) {
+  if (reading.datagrams.size() != sent.size()) return false;
+  std::size_t at = 0;
+  for (std::size_t n = 0; n < sent.size(); at += sent[n].first.size() + 18, ++n)
+    if (reading.offsets[n] != at || reading.datagrams[n].first.size() != sent[n].first.size()) return false;
+  return true;
+}
+
+TEST(RecordingReader, TellsOfRandomDamageOrReadsEveryDatagramInItsPlace) {
+  recordings::Chance chance(11);
+  int seen = 0;
+  for (int i = 0; i < 20000; ++i) {
+    std::vector<Datagram> sent;
+    for (int n = 0; n < 6; ++n)
+      sent.emplace_back(dmx(std::string(512, static_cast<char>(chance.below(256)))), 5);
+    std::string damaged = file_of(sent);
+    const unsigned burst = 1 + chance.below(200);
+    const unsigned at = chance.below(static_cast<unsigned>(damaged.size()) - burst);
+    for (unsigned n = 0; n < burst; ++n) damaged[at + n] = static_cast<char>(chance.below(256));
+    const Reading reading = read_whole(damaged);
+    ASSERT_TRUE(!reading.damages.empty() || same_places(reading, sent)) << at << "+" << burst;
+    seen += reading.damages.empty() ? 0 : 1;
+  }
+  EXPECT_GT(seen, 1000);
 }
 
 TEST(RecordingReader, SaysWhereACutOffRecordingBreaks) {
@@ -183,8 +331,7 @@ TEST(RecordingReader, SaysWhereACutOffRecordingBreaks) {
     if (size == good_end) {
       EXPECT_FALSE(reading.damage);
     } else if (whole == 0) {
-      expect_damage(reading, 0, 0,
-                    size < 8 ? "no ArtDmx up to the end of the file" : "cut off within a datagram");
+      expect_damage(reading, 0, 0, "cut off within a datagram");
     } else if (size < good_end + 18) {
       expect_damage(reading, good_end, good_end, "cut off within a delay record");
     } else {
@@ -195,24 +342,65 @@ TEST(RecordingReader, SaysWhereACutOffRecordingBreaks) {
 }
 
 TEST(RecordingReader, SaysWhereAForeignFileBreaks) {
-  expect_damage(read("#!/bin/sh\n"), 0, 0, "no ArtDmx up to the end of the file");
-  expect_damage(read(std::string(100000, 'x')), 0, 0, "no end of a datagram within 8191 bytes");
-  expect_damage(read(packets::poll()), 0, 0, "no ArtDmx up to the end of the file");
+  expect_damage(read("#!/bin/sh\n"), 0, 0, "bytes that belong to no packet");
+  expect_damage(read(std::string(100000, '\0')), 0, 0, "zeros where a record should be");
+  expect_damage(read(packets::poll()), 0, 0, "cut off within a datagram");
 }
 
 TEST(RecordingReader, SaysThatADatagramIsTooLong) {
-  const std::string too_long = kDmx + std::string(8192 - kDmx.size(), 'x');
-  expect_damage(read(kDmx + delay(5) + too_long + delay(5) + kDmx), 40, 22,
-                "no end of a datagram within 8191 bytes");
-  expect_damage(read(too_long), 0, 0, "no end of a datagram within 8191 bytes");
+  std::string packets;
+  for (int i = 0; i < 16; ++i) packets += dmx(std::string(512, 'x'));
+  const Reading reading = read(packets + delay(5) + kDmx);
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{packets.substr(0, 15 * 530), 0}}));
+  expect_damage(reading, 15 * 530, 15 * 530, "no end of a datagram within 8191 bytes");
 }
 
-TEST(RecordingReader, TakesAnyEndWhenADatagramWouldBecomeTooLong) {
-  std::string file = kDmx;
-  for (int i = 0; i < 500; ++i) file += delay(i);
-  const Reading reading = read(file + kDmx);
-  ASSERT_FALSE(reading.datagrams.empty());
-  EXPECT_EQ(reading.datagrams.front(), (Datagram{kDmx, 0}));
+TEST(RecordingReader, ReadsOnAfterADatagramThatIsTooLong) {
+  std::string packets;
+  for (int i = 0; i < 3000; ++i) packets += dmx("");
+  const Reading reading = read_whole(packets + delay(5) + kDmx);
+  EXPECT_EQ(reading.datagrams.front().first.size(), 8190U);
+  EXPECT_EQ(reading.datagrams.back(), (Datagram{kDmx, 5}));
+}
+
+TEST(RecordingReader, TakesNoArtDmxOutOfTheSlotsOfADamagedOne) {
+  std::string broken = dmx("x" + dmx("inner", 7) + "x");
+  broken[0] = 'a';
+  const Reading reading = read_whole(kDmx + delay(5) + broken + delay(6) + kDmx);
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 11}}));
+}
+
+TEST(RecordingReader, CountsTheBytesThatAreLost) {
+  std::string broken = kDmx;
+  broken[0] = 'a';
+  const std::vector<std::pair<std::string, std::uint64_t>> cases{
+      {kDmx + delay(5) + broken + delay(6) + kDmx, 22},
+      {kDmx + delay(-1) + kDmx, 0},
+      {kDmx + std::string(18, 'x') + kDmx, 18},
+      {kDmx + "brt-Net" + delay(5).substr(7) + kDmx, 0},
+      {kDmx + "xx" + "brt-Net" + delay(5).substr(7) + kDmx, 2},
+      {kDmx + std::string(9000, '\0'), 9000},
+      {std::string(9000, '\0') + delay(5) + kDmx, 9000}};
+  for (const auto& [file, lost] : cases) {
+    cue::RecordingReader reader = recordings::reader_of(file);
+    Reading reading;
+    recordings::read_over(reader, reading);
+    EXPECT_EQ(reader.lost_bytes(), lost) << testing::PrintToString(file);
+  }
+}
+
+TEST(RecordingReader, FindsADamagedDelayRecordInPortionsOfAnySize) {
+  std::string file;
+  for (int i = 0; i < 400; ++i) file += dmx(std::string(512, 'x')) + "Art-Nut" + delay(5).substr(7);
+  file += kDmx;
+  for (const std::size_t portion : {std::size_t{1}, std::size_t{1000}, std::size_t{1} << 20U}) {
+    cue::RecordingReader reader(recordings::source_of(file, portion), "show.cue", 0);
+    Reading reading;
+    recordings::read_over(reader, reading);
+    EXPECT_EQ(reading.datagrams.size(), 401U);
+    EXPECT_EQ(reading.times.back(), 400 * 5);
+    EXPECT_EQ(reader.lost_bytes(), 0U);
+  }
 }
 
 TEST(RecordingReader, GoesOnBehindADamage) {
@@ -221,13 +409,13 @@ TEST(RecordingReader, GoesOnBehindADamage) {
       recordings::reader_of(kDmx + delay(5) + kDmx + delay(6) + rubbish + delay(7) + kDmx + delay(8) + kDmx);
   Reading reading;
   recordings::read_on(reader, reading);
-  expect_damage(reading, 80, 62, "no whole datagram of at most 8191 bytes");
+  expect_damage(reading, 80, 62, "bytes that belong to no packet");
   ASSERT_TRUE(reader.resume());
   recordings::read_on(reader, reading);
   EXPECT_FALSE(reading.damage);
-  // The pause across the damage is that of the delay record after it: the reader cannot trust the one before.
-  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 5}, {kDmx, 7}, {kDmx, 8}}));
-  EXPECT_EQ(reading.times, (std::vector<std::int64_t>{0, 5, 12, 20}));
+  // The pause across the damage is that of the delay records before and after it.
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 5}, {kDmx, 13}, {kDmx, 8}}));
+  EXPECT_EQ(reading.times, (std::vector<std::int64_t>{0, 5, 18, 26}));
 }
 
 TEST(RecordingReader, FindsTheFirstDatagramBehindABrokenBeginning) {
@@ -235,7 +423,7 @@ TEST(RecordingReader, FindsTheFirstDatagramBehindABrokenBeginning) {
       recordings::reader_of(std::string(9000, 'x') + delay(7) + kDmx + delay(8) + kDmx);
   Reading reading;
   recordings::read_on(reader, reading);
-  expect_damage(reading, 0, 0, "no end of a datagram within 8191 bytes");
+  expect_damage(reading, 0, 0, "bytes that belong to no packet");
   ASSERT_TRUE(reader.resume());
   recordings::read_on(reader, reading);
   EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 8}}));

@@ -59,8 +59,8 @@ struct Reading {
   std::vector<Datagram> datagrams;
   std::vector<std::uint64_t> offsets;
   std::vector<std::int64_t> times;
-  std::vector<std::uint64_t> inner_delays;
-  std::optional<cue::Damage> damage;
+  std::optional<cue::Damage> damage;  // the last one
+  std::vector<cue::Damage> damages;
 };
 
 inline void read_on(cue::RecordingReader& reader, Reading& reading) {
@@ -70,9 +70,15 @@ inline void read_on(cue::RecordingReader& reader, Reading& reading) {
                                    record.pause);
     reading.offsets.push_back(record.offset);
     reading.times.push_back(record.time);
-    if (reader.delay_within()) reading.inner_delays.push_back(*reader.delay_within());
   }
   reading.damage = reader.damage();
+  if (reading.damage) reading.damages.push_back(*reading.damage);
+}
+
+/// Reads the whole file, over every damage.
+inline void read_over(cue::RecordingReader& reader, Reading& reading) {
+  do read_on(reader, reading);
+  while (reader.resume());
 }
 
 inline Reading read(const std::string& file) {
@@ -146,14 +152,50 @@ public:
     return bytes;
   }
 
-  /// A datagram that the recorder writes, nearly always.
-  std::string datagram() {
-    if (below(2) == 0) return dmx();
-    std::string bytes;
-    for (unsigned n = below(3); n > 0; --n) bytes += piece();
-    bytes += dmx();
-    for (unsigned n = below(4); n > 0; --n) bytes += below(3) == 0 ? delay(pause()) : piece();
-    return bytes;
+  /// The rest of a full buffer that a sender sends with an ArtDmx of fewer slots: old levels.
+  std::string full_size(std::string packet) {
+    const char level = static_cast<char>(below(256));
+    if (packet.size() < 530) packet.resize(530, below(2) == 0 ? '\0' : level);
+    return packet;
+  }
+
+  /// Another packet as senders send it, with bytes that the parser does not know.
+  std::string other() {
+    static const std::vector<unsigned> sync_time_command{0x5200, 0x9700, 0x2400};
+    switch (below(4)) {
+      case 0:
+        return packets::poll() + std::string(below(2) * 8, '\0');
+      case 1:
+        return packets::poll_reply();
+      case 2:
+        return packets::trigger(1, 2) + std::string(below(513), 'x');
+      default:
+        return packets::unknown(sync_time_command[below(3)]) + packets::high_first(14) + "xx";
+    }
+  }
+
+  /// A datagram as a sender sends it.
+  std::string sent() {
+    switch (below(8)) {
+      case 0:
+        return full_size(dmx());
+      case 1: {
+        const std::string packet = dmx();
+        return packet + std::string((4 - packet.size() % 4) % 4, '\0');
+      }
+      case 2:
+        return dmx() + dmx();
+      case 3: {
+        const std::string packet = dmx();
+        return packet + std::string(packet.size() % 2, '\0') + dmx();
+      }
+      case 4:
+        return dmx() + other();
+      case 5:
+        return other() + dmx();
+      default:
+        return dmx();
+    }
   }
 
 private:
