@@ -1,7 +1,9 @@
 """olad drives the recorder: every frame that it puts on the wire is in the file."""
 
+import subprocess
+
 import pytest
-from harness import ARTNET_PORT, Recording
+from harness import ARTNET_PORT, EXECUTABLE, Recording
 from harness.artnet import OP_DMX, dmx_data, opcode_of, port_address_of
 from texts import has_ended, split_grab_text
 
@@ -41,6 +43,7 @@ def assert_recorded(path, before_stop, capture):
     recorded, on_the_wire = Recording.read(path).datagrams, frames_on_the_wire(capture)
     assert len(recorded) >= len(before_stop)
     assert recorded == on_the_wire[: len(recorded)]
+    subprocess.run([EXECUTABLE.parent / "kadrel-cue", "verify", "--strict", path], check=True)
 
 
 def test_every_frame_of_a_stream_is_recorded(service, olad, capture):

@@ -1,7 +1,9 @@
 """kadrel among lighting software that others have written."""
 
+import subprocess
+
 import pytest
-from harness import Recording, spin_until
+from harness import EXECUTABLE, Recording, spin_until
 from harness.artnet import OP_DMX, OP_POLL_REPLY, art_dmx, art_poll, dmx_data, opcode_of, port_address_of, read_poll_reply
 from harness.nodes import NO_NODES, Detection, node_reply, nodes_json
 from harness.olad import LONG_NAME as OLAD_LONG_NAME
@@ -106,6 +108,7 @@ def test_qlcplus_finds_the_appliance_and_is_found_and_its_scene_is_recorded(anno
     recorded = Recording.read(path).datagrams
     sent = [datagram.data for datagram in capture.datagrams() if opcode_of(datagram.data) == OP_DMX]
     assert recorded == sent[: len(recorded)]
+    subprocess.run([EXECUTABLE.parent / "kadrel-cue", "verify", "--strict", path], check=True)
     assert {port_address_of(dmx) for dmx in recorded} == {0, 1}
     assert {dmx_data(dmx) for dmx in recorded if port_address_of(dmx) == 0} == {bytes(512)}
     assert [dmx_data(dmx) for dmx in recorded if port_address_of(dmx) == 1][-1] == bytes(values) + bytes(506)
