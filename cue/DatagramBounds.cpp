@@ -55,10 +55,20 @@ std::size_t alike(const std::uint8_t* a, const void* b, std::size_t size) {
   return count;
 }
 
-/// Whether nearly an identifier stands anywhere in the bytes.
+/// Whether nearly an identifier stands anywhere in the bytes: two bytes of it may differ, so that one of its
+/// first three is there.
 bool holds_damaged_identifier(const std::uint8_t* bytes, std::size_t size) {
-  for (std::size_t at = 0; at + kArtNetIdSize <= size; ++at)
-    if (alike(bytes + at, kArtNetId, kArtNetIdSize) + 2 >= kArtNetIdSize) return true;
+  for (std::size_t letter = 0; letter < 3; ++letter) {
+    for (std::size_t at = letter; at < size; ++at) {
+      const void* const found = memchr(bytes + at, kArtNetId[letter], size - at);
+      if (found == nullptr) break;
+      at = static_cast<std::size_t>(static_cast<const std::uint8_t*>(found) - bytes);
+      const std::size_t begin = at - letter;
+      if (begin + kArtNetIdSize <= size &&
+          alike(bytes + begin, kArtNetId, kArtNetIdSize) + 2 >= kArtNetIdSize)
+        return true;
+    }
+  }
   return false;
 }
 

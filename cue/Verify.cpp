@@ -1,11 +1,11 @@
 #include "cue/Verify.h"
 
-#include <algorithm>
-#include <map>
 #include <memory>
+#include <vector>
 
 #include "artnet/ArtNet.h"
 #include "artnet/RecordingFormat.h"
+#include "cue/DatagramBounds.h"
 #include "cue/DatagramWalk.h"
 #include "cue/RecordingInfo.h"
 #include "cue/RecordingReader.h"
@@ -21,28 +21,30 @@ namespace {
 /// sender does not count).
 class MissingAcrossDamage {
 public:
-  /// @param lost  bytes of the file that were lost up to the record
-  void take(const Record& record, std::uint64_t lost) {
-    for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
-      Universe& universe = universes[packet.port_address];
-      const int number = record.data[packet.offset + offsetof(ArtDmx, sequence)];
-      if (universe.last != 0 && number != 0) {
-        const auto jump = static_cast<std::uint64_t>((number - universe.last - 1 + kNumbers) % kNumbers);
-        // What took no bytes was never in the file: another sender's numbers, or a loss on the network.
-        if (jump * kDmxHeaderSize <= lost - universe.lost) universe.missing += jump;
-      }
-      universe.last = number;
-      universe.lost = lost;
-    });
+  MissingAcrossDamage() : universes(UniverseSet::kPortAddresses) {}
+
+  /// @param packet  an ArtDmx
+  /// @param lost    bytes of the file that were lost up to it
+  void take(const std::uint8_t* packet, std::uint64_t lost) {
+    Universe& universe = universes[port_address_of(packet)];
+    const int number = packet[offsetof(ArtDmx, sequence)];
+    if (universe.lost != lost && universe.last != 0 && number != 0) {
+      const auto jump = static_cast<std::uint64_t>((number - universe.last - 1 + kNumbers) % kNumbers);
+      // What took no bytes was never in the file: another sender's numbers, or a loss on the network.
+      if (jump * kDmxHeaderSize <= lost - universe.lost) universe.missing += jump;
+    }
+    universe.last = number;
+    universe.lost = lost;
   }
 
   /// "3 datagrams of universe 1, 1 datagram of universe 700"; empty when nothing is missing.
   std::string text() const {
     std::string line;
-    for (const auto& [port_address, universe] : universes) {
-      if (universe.missing == 0) continue;
+    for (std::size_t port_address = 0; port_address < universes.size(); ++port_address) {
+      const std::uint64_t missing = universes[port_address].missing;
+      if (missing == 0) continue;
       if (!line.empty()) line += ", ";
-      line += counted(universe.missing, "datagram") + " of universe " + std::to_string(port_address + 1);
+      line += counted(missing, "datagram") + " of universe " + std::to_string(port_address + 1);
     }
     return line;
   }
@@ -55,7 +57,13 @@ private:
     std::uint64_t lost = 0;  // up to the last datagram
     std::uint64_t missing = 0;
   };
-  std::map<std::uint16_t, Universe> universes;
+
+  static std::size_t port_address_of(const std::uint8_t* packet) {
+    const std::uint8_t* const field = packet + offsetof(ArtDmx, universe);
+    return static_cast<std::size_t>(field[0] | field[1] << 8);
+  }
+
+  std::vector<Universe> universes;  // by port-address
 };
 
 class Verifier {
@@ -89,21 +97,20 @@ private:
       good_bytes += record.size;
       last_time = record.time;
       if (options.on_record) options.on_record(record);
-      missing.take(record, reader.lost_bytes());
-      if (is_odd(record))
+      if (dmx_size(record.data, record.size) != record.size) {
         take_odd(record);
-      else
-        write({record.data, record.size}, record.time);
+        continue;
+      }
+      missing.take(record.data, reader.lost_bytes());
+      write({record.data, record.size}, record.time);
     }
-  }
-
-  static bool is_odd(const Record& record) {
-    const DatagramShape shape = shape_of(record.data, record.size);
-    return shape.dmx_count != 1 || shape.dmx_bytes != record.size;
   }
 
   void take_odd(const Record& record) {
     if (odd++ == 0) first_odd = record.offset;
+    for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
+      missing.take(record.data + packet.offset, reader.lost_bytes());
+    });
     if (!options.strict) return write({record.data, record.size}, record.time);
     report.damage(reader.name() + ": byte " + std::to_string(record.offset) +
                   ": the datagram is more than one ArtDmx packet");

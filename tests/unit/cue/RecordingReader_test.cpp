@@ -111,6 +111,21 @@ TEST(RecordingReader, TakesTheLongestPauses) {
   expect_recovered({{kDmx, 0}, {kDmx, kMost}, {kDmx, 0}});
 }
 
+TEST(RecordingReader, TakesNoDamagedRecordForTheRestOfABuffer) {
+  for (std::size_t first = 0; first < 8; ++first) {
+    for (std::size_t second = 0; second < 8; ++second) {
+      std::string id = packets::identifier();
+      id[first] = 'x';
+      id[second] = 'x';
+      for (const std::size_t at : {std::size_t{0}, std::size_t{300}, std::size_t{500}}) {
+        std::string rest(508, 'A');
+        rest.replace(at, 8, id);
+        EXPECT_TRUE(read(kDmx + rest + delay(5) + kDmx).damage) << first << " " << second << " " << at;
+      }
+    }
+  }
+}
+
 struct DamageCase {
   const char* what;
   std::string file;
