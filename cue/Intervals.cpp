@@ -45,6 +45,7 @@ std::int64_t Intervals::percentile(double fraction) const {
     for (std::size_t bucket = 0; bucket < pages[page]->size(); ++bucket) {
       const auto here = static_cast<double>((*pages[page])[bucket]);
       if (here > 0 && passed + here >= wanted) {
+        if (page == kPages - 1 && bucket == pages[page]->size() - 1) return highest;
         // As if the intervals were spread evenly over their bucket.
         const double part = (wanted - passed) / here * static_cast<double>(width_of(page));
         const std::int64_t length = begin_of({page, bucket}) + static_cast<std::int64_t>(part);

@@ -14,6 +14,7 @@ namespace {
 // Art-Net 4, ArtDmx: a sender repeats unchanged levels after 4 s at the latest.
 constexpr std::int64_t kUnchanged = 4 * kSecond;
 constexpr std::int64_t kWholeCount = 255;
+constexpr std::int64_t kFastest = kSecond / 1000;
 constexpr std::int64_t kLongest = 24 * 3600 * kSecond;
 
 constexpr std::size_t kSequenceOffset = offsetof(ArtDmx, sequence);
@@ -106,8 +107,8 @@ UniverseInfo InfoCounter::result(const Universe& one, std::uint64_t shared_by) c
     of.sequence = one.judge.result();
   const std::int64_t frames = kWholeCount / (is_shared ? static_cast<std::int64_t>(shared_by) : 1);
   const std::int64_t whole_count =
-      (std::max<std::int64_t>(1, frames) + 1) * std::min(of.median_interval, kLongest);
-  if (of.sequence.counting != Counting::None && whole_count > 0 && of.longest_gap >= whole_count)
+      (std::max<std::int64_t>(1, frames) + 1) * std::clamp(of.median_interval, kFastest, kLongest);
+  if (of.sequence.counting != Counting::None && of.longest_gap >= whole_count)
     of.sequence.unproved_pauses = one.intervals.at_least(whole_count);
   return of;
 }
@@ -124,33 +125,28 @@ RecordingInfo InfoCounter::result() const {
   return result;
 }
 
-RecordingInfo InfoCounter::result(const RecordingReader& reader) const {
-  RecordingInfo result = this->result();
-  result.file = reader.name();
-  result.damage = reader.damage();
-  return result;
-}
-
 RecordingInfo read_info(const Input& input, const OnDamage& on_damage) {
-  std::optional<Damage> first;
-  const OnDamage note = [&](const RecordingReader& reader, const Damage& damage) {
-    if (!first) first = damage;
-    on_damage(reader, damage);
-  };
-  GoodRecords records(input, on_damage ? note : OnDamage());
+  GoodRecords records(input, on_damage);
   InfoCounter counter;
   Record record;
   while (records.next(record)) counter.add(record);
-  RecordingInfo result = counter.result(records.reader());
-  result.damage = first;
+  RecordingInfo result = counter.result();
+  result.file = input.name();
   return result;
 }
 
 RecordingInfo read_info(RecordingReader& reader) {
+  std::optional<Damage> first;
   InfoCounter counter;
   Record record;
-  while (reader.next(record)) counter.add(record);
-  return counter.result(reader);
+  do {
+    while (reader.next(record)) counter.add(record);
+    if (!first) first = reader.damage();
+  } while (reader.damage() && reader.resume());
+  RecordingInfo result = counter.result();
+  result.file = reader.name();
+  result.damage = first;
+  return result;
 }
 
 std::string damage_text(const std::string& file, const Damage& damage) {

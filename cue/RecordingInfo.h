@@ -33,12 +33,12 @@ struct UniverseInfo {
 
 struct RecordingInfo {
   std::string file;
-  std::uint64_t bytes = 0;  // read; of a damaged file the good ones
+  std::uint64_t bytes = 0;  // up to the end of the last good datagram
   std::uint64_t datagrams = 0;
   std::int64_t duration = 0;            // ns, from the first datagram to the last
   std::vector<UniverseInfo> universes;  // sorted by port-address
   SharedSequence shared;
-  std::optional<Damage> damage;
+  std::optional<Damage> damage;  // the first
 };
 
 /// Collects the figures of a recording, datagram by datagram. Memory goes by universes, not by datagrams:
@@ -47,9 +47,6 @@ class InfoCounter {
 public:
   InfoCounter();
   void add(const Record& record);
-
-  /// @param reader  at its end
-  RecordingInfo result(const RecordingReader& reader) const;
 
   /// Without file and damage.
   RecordingInfo result() const;
@@ -75,11 +72,10 @@ private:
   SharedJudge shared;
 };
 
-/// Reads the good records of a recording; see GoodRecords. The first damage that was passed over is in the
-/// result. @throws CueError
+/// Reads the good records of a recording; see GoodRecords. @throws CueError
 RecordingInfo read_info(const Input& input, const OnDamage& on_damage);
 
-/// Reads a recording to its end or damage. @throws CueError
+/// Reads all that is good of a recording; the first damage is in the result. @throws CueError
 RecordingInfo read_info(RecordingReader& reader);
 
 /// "show.cue: byte 548: cut off within a delay record".

@@ -126,6 +126,7 @@ private:
   }
 
   void tell(const Damage& damage) const {
+    if (options.on_damage) options.on_damage(damage);
     std::string line = damage_text(reader.name(), damage);
     if (damages == 0)
       line += "; good are the first " + counted(damage.good_end, "byte") + ", " +

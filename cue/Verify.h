@@ -16,6 +16,7 @@ struct VerifyOptions {
   bool strict = false;
   std::optional<Output> repaired;                // file for the good records
   std::function<void(const Record&)> on_record;  // called with each datagram that is read; may be empty
+  std::function<void(const Damage&)> on_damage;  // called at each damage; may be empty
 };
 
 /// Takes the findings, each one line without a newline.

@@ -1,18 +1,22 @@
 #include <QByteArray>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <array>
 #include <cstdio>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cue/CueError.h"
+#include "cue/ForeignKind.h"
 #include "cue/RecordingInfo.h"
 #include "cue/Text.h"
 #include "cue/Time.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
 #include "tools/Progress.h"
+#include "tools/SequenceReport.h"
 
 namespace kadrel_cue {
 namespace {
@@ -22,26 +26,71 @@ std::string slots_text(const cue::UniverseInfo& universe) {
   return std::to_string(universe.fewest_slots) + "-" + std::to_string(universe.most_slots);
 }
 
-/// For people: totals, and a table of the universes.
+using Text = std::array<char, 24>;
+
+/// A time in at most 7 columns, as commands take it: "12.345", "1:30.5", "2:03:04".
+std::string short_time(std::int64_t nanoseconds) {
+  constexpr std::int64_t kMs = cue::kSecond / 1000;
+  const std::int64_t ms = nanoseconds / kMs + (nanoseconds % kMs >= kMs / 2 ? 1 : 0);
+  const auto hours = static_cast<long long>(ms / 3'600'000);
+  const auto minutes = static_cast<int>(ms / 60'000 % 60);
+  const auto seconds = static_cast<int>(ms / 1000 % 60);
+  Text text{};
+  if (hours > 0)
+    snprintf(text.data(), text.size(), "%lld:%02d:%02d", hours, minutes, seconds);
+  else if (minutes > 0)
+    snprintf(text.data(), text.size(), "%d:%02d.%d", minutes, seconds, static_cast<int>(ms / 100 % 10));
+  else
+    snprintf(text.data(), text.size(), "%d.%03d", seconds, static_cast<int>(ms % 1000));
+  return text.data();
+}
+
+/// An interval in milliseconds in at most 4 columns, from 10 s on in seconds or hours: "22.7", "4000", "12s".
+std::string short_interval(std::int64_t nanoseconds) {
+  const double ms = static_cast<double>(nanoseconds) / 1e6;
+  Text text{};
+  if (ms < 99.95)
+    snprintf(text.data(), text.size(), "%.1f", ms);
+  else if (ms < 9999.5)
+    snprintf(text.data(), text.size(), "%.0f", ms);
+  else if (ms < 999.5e3)
+    snprintf(text.data(), text.size(), "%.0fs", ms / 1e3);
+  else
+    snprintf(text.data(), text.size(), "%.0fh", ms / 3600e3);
+  return text.data();
+}
+
+/// Missing datagrams; "?" when the universe has no numbers, "*" when others share them.
+std::string missing_text(const cue::UniverseSequence& sequence) {
+  if (sequence.counting == cue::Counting::None) return "?";
+  if (sequence.counting == cue::Counting::Shared) return "*";
+  return std::to_string(sequence.figures.missing);
+}
+
+/// For people: totals, a table of the universes in 80 columns, and what the sequence numbers say.
 void write_table(std::ostream& out, const cue::RecordingInfo& info) {
   out << info.file << "\n"
       << "  duration   " << cue::format_time(info.duration) << "\n"
       << "  datagrams  " << info.datagrams << "\n"
       << "  bytes      " << info.bytes << "\n"
       << "  universes  " << info.universes.size() << "\n";
-  if (info.universes.empty()) return;
-  out << "\n"
-      << "  universe  net/sub/uni   datagrams  rate (Hz)    slots         first          last   longest "
-         "gap\n";
+  if (!info.universes.empty())
+    out << "\n"
+           " uni-   net/sub   data-  rate  p50  p99                         longest\n"
+           "verse      /uni   grams    Hz   ms   ms   slots   first    last     gap missing\n";
   for (const cue::UniverseInfo& universe : info.universes) {
-    char line[160];
-    snprintf(line, sizeof line, "  %8d  %11s  %10llu  %9.2f  %7s  %12s  %12s  %12s\n",
+    std::array<char, 160> line{};
+    snprintf(line.data(), line.size(), "%5d %9s %7llu %5.1f %4s %4s %7s %7s %7s %7s %7s\n",
              universe.port_address + 1, cue::port_address_text(universe.port_address).c_str(),
              static_cast<unsigned long long>(universe.datagrams), universe.rate(),
-             slots_text(universe).c_str(), cue::format_time(universe.first).c_str(),
-             cue::format_time(universe.last).c_str(), cue::format_time(universe.longest_gap).c_str());
-    out << line;
+             short_interval(universe.median_interval).c_str(), short_interval(universe.p99_interval).c_str(),
+             slots_text(universe).c_str(), short_time(universe.first).c_str(),
+             short_time(universe.last).c_str(), short_time(universe.longest_gap).c_str(),
+             missing_text(universe.sequence).c_str());
+    out << line.data();
   }
+  out << "\n";
+  for (const std::string& line : sequence_report(info)) out << line << "\n";
 }
 
 // Only the strings are written by Qt: its JSON numbers are doubles, too short for times of 64 bits.
@@ -54,6 +103,15 @@ std::string json_string(const std::string& text) {
   return list.mid(1, list.size() - 2).toStdString();
 }
 
+void write_json(std::ostream& out, const cue::SequenceFigures& figures) {
+  out << "\"missing\": " << figures.missing << ", \"at_least\": " << (figures.at_least ? "true" : "false")
+      << ", \"holes\": " << figures.holes << ", \"first_hole_ns\": " << figures.first_hole_at
+      << ", \"longest_hole\": " << figures.longest_hole
+      << ", \"longest_hole_ns\": " << figures.longest_hole_at << ", \"repeated\": " << figures.repeated
+      << ", \"repeated_same\": " << figures.repeated_same << ", \"out_of_order\": " << figures.out_of_order
+      << ", \"jumps\": " << figures.jumps << ", \"first_jump_ns\": " << figures.first_jump_at;
+}
+
 void write_json(std::ostream& out, const cue::UniverseInfo& universe) {
   char rate[32];
   snprintf(rate, sizeof rate, "%.3f", universe.rate());
@@ -61,7 +119,13 @@ void write_json(std::ostream& out, const cue::UniverseInfo& universe) {
       << ", \"datagrams\": " << universe.datagrams << ", \"rate_hz\": " << rate
       << ", \"first_ns\": " << universe.first << ", \"last_ns\": " << universe.last
       << ", \"longest_gap_ns\": " << universe.longest_gap << ", \"fewest_slots\": " << universe.fewest_slots
-      << ", \"most_slots\": " << universe.most_slots << "}";
+      << ", \"most_slots\": " << universe.most_slots << ", \"interval_p50_ns\": " << universe.median_interval
+      << ", \"interval_p99_ns\": " << universe.p99_interval << ", \"pauses\": " << universe.pauses
+      << ", \"counting\": \"" << cue::counting_name(universe.sequence.counting)
+      << "\", \"not_numbered\": " << universe.sequence.not_numbered
+      << ", \"unproved_pauses\": " << universe.sequence.unproved_pauses << ", ";
+  write_json(out, universe.sequence.figures);
+  out << "}";
 }
 
 void write_json(std::ostream& out, const cue::RecordingInfo& info) {
@@ -71,6 +135,17 @@ void write_json(std::ostream& out, const cue::RecordingInfo& info) {
     out << "{\"offset\": " << info.damage->offset << ", \"what\": " << json_string(info.damage->what) << "}";
   else
     out << "null";
+  const cue::Completeness completeness = cue::completeness_of(info);
+  out << ", \"verdict\": " << json_string(cue::completeness_text(info))
+      << ", \"missing\": " << completeness.missing
+      << ", \"proved\": " << (completeness.proved && !info.damage ? "true" : "false") << ", \"shared\": ";
+  if (info.shared.universes > 0) {
+    out << "{\"universes\": " << info.shared.universes << ", ";
+    write_json(out, info.shared.figures);
+    out << "}";
+  } else {
+    out << "null";
+  }
   out << ", \"universes\": [";
   const char* separator = "\n    ";
   for (const cue::UniverseInfo& universe : info.universes) {
@@ -99,7 +174,10 @@ public:
     if (json) out << "[";
     for (const cue::Input& file : files) {
       try {
-        cue::RecordingReader reader(file);
+        cue::ByteSource source = file.open();
+        const std::string foreign = cue::foreign_kind(cue::peek(source, cue::kForeignFront));
+        if (!foreign.empty()) throw cue::CueError(file.name() + ": " + foreign);
+        cue::RecordingReader reader(std::move(source), file.name());
         const cue::RecordingInfo info = cue::read_info(reader);
         out << separator;
         separator = json ? ",\n " : "\n";

@@ -1,27 +1,43 @@
 #include "cue/Verify.h"
 
+#include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "cue/CueError.h"
+#include "cue/ForeignKind.h"
+#include "cue/RecordingInfo.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
 #include "tools/Progress.h"
+#include "tools/SequenceReport.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
 namespace {
 
+/// @throws CueError when the file is of another program. A pipe cannot be looked into twice.
+void refuse_foreign(const cue::Input& file) {
+  std::error_code unknown;
+  if (!std::filesystem::is_regular_file(file.path(), unknown)) return;
+  cue::ByteSource source = file.open();
+  const std::string kind = cue::foreign_kind(cue::peek(source, cue::kForeignFront));
+  if (!kind.empty()) throw cue::CueError(file.name() + ": " + kind);
+}
+
 class Verify : public Command {
 public:
   CLI::App* add_to(CLI::App& app) override {
-    CLI::App* const command = add_command(app, "verify", "Checks whether recordings are whole.",
+    CLI::App* const command = add_command(app, "verify", "Checks whether recordings are whole and complete.",
                                           "  kadrel-cue verify show.cue\n"
+                                          "  kadrel-cue verify --complete *.cue && echo nothing missing\n"
                                           "  kadrel-cue verify --repair -o good.cue broken.cue");
     add_inputs(*command, files, "Recordings");
     command->add_flag("--strict", options.strict,
                       "Also report datagrams that are more than one ArtDmx packet");
+    command->add_flag("--complete", complete,
+                      "Datagrams that are missing by their numbers count as a failure");
     CLI::Option* const repair_flag =
         command->add_flag("--repair", repair, "Write what is good of one FILE to OUT");
     CLI::Option* const repaired = add_output(*command, repaired_file);
@@ -44,8 +60,18 @@ public:
     int code = 0;
     for (const cue::Input& file : files) {
       try {
+        refuse_foreign(file);
+        cue::InfoCounter counter;
+        std::optional<cue::Damage> first;
+        options.on_record = [&counter](const cue::Record& record) { counter.add(record); };
+        options.on_damage = [&first](const cue::Damage& damage) {
+          if (!first) first = damage;
+        };
         const cue::Verified verified = cue::verify(file, options, report);
         if (repair ? !verified.repaired : !verified.whole) code = 1;
+        cue::RecordingInfo info = counter.result();
+        info.damage = first;
+        if (!tell_completeness(out, file, info)) code = 1;
       } catch (const cue::CueError& error) {
         report.damage(error.what());
         code = 1;
@@ -55,7 +81,14 @@ public:
   }
 
 private:
+  /// @return whether that is good enough
+  bool tell_completeness(std::ostream& out, const cue::Input& file, const cue::RecordingInfo& info) const {
+    for (const std::string& line : sequence_report(info)) out << file.name() << ": " << line << "\n";
+    return !complete || cue::completeness_of(info).missing == 0;
+  }
+
   std::vector<cue::Input> files;
+  bool complete = false;
   bool repair = false;
   cue::Output repaired_file;
   cue::VerifyOptions options;

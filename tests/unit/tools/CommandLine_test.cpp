@@ -91,43 +91,163 @@ TEST(Commands, SayWhatTheyWrote) {
 TEST(Info, ShowsATableOfTheUniverses) {
   const unit::Directory directory;
   const std::string show = directory.write(
-      "show.cue", file_of({{dmx("ab", 0), 0}, {dmx("abcd", 0x1234), 10 * kMs}, {dmx("a", 0), 90 * kMs}}));
+      "show.cue",
+      file_of({{dmx("ab", 0, 1), 0}, {dmx("abcd", 0x1234), 10 * kMs}, {dmx("a", 0, 3), 90'000 * kMs}}));
   const Outcome outcome = run({"info", show});
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(outcome.code, 0);
-  EXPECT_EQ(outcome.out, show +
-                             "\n"
-                             "  duration   0.100 s\n"
-                             "  datagrams  3\n"
-                             "  bytes      97\n"
-                             "  universes  2\n"
-                             "\n"
-                             "  universe  net/sub/uni   datagrams  rate (Hz)    slots         first          "
-                             "last   longest gap\n"
-                             "         1        0/0/0           2      10.00      1-2       0.000 s       "
-                             "0.100 s       0.100 s\n"
-                             "      4661       18/3/4           1       0.00        4       0.010 s       "
-                             "0.010 s       0.000 s\n");
+  EXPECT_EQ(outcome.out,
+            show +
+                "\n"
+                "  duration   1m30.010s\n"
+                "  datagrams  3\n"
+                "  bytes      97\n"
+                "  universes  2\n"
+                "\n"
+                " uni-   net/sub   data-  rate  p50  p99                         longest\n"
+                "verse      /uni   grams    Hz   ms   ms   slots   first    last     gap missing\n"
+                "    1     0/0/0       2   0.0  90s  90s     1-2   0.000  1:30.0  1:30.0       1\n"
+                " 4661    18/3/4       1   0.0  0.0  0.0       4   0.010   0.010   0.000       ?\n"
+                "\n"
+                "universe 1: 1 datagram missing in 1 hole, at 1m30.010s; 1 pause over 4 s, the longest "
+                "1m30.010s\n"
+                "universe 4661: the sender does not count\n"
+                "1 datagram missing in 1 universe\n");
+}
+
+TEST(Info, KeepsTheTableWithin80Columns) {
+  const unit::Directory directory;
+  std::vector<recordings::Datagram> datagrams;
+  for (unsigned universe = 0; universe < 512; ++universe)
+    datagrams.emplace_back(dmx("ab", 0x7E00 + universe, 1), kMs);
+  datagrams.emplace_back(dmx(std::string(512, 'a'), 0x7E00, 3), 9 * 3'600'000 * kMs);
+  datagrams.emplace_back(dmx("b", 0x7E00, 4), 600'000 * kMs);
+  const std::string out = run({"info", directory.write("show.cue", file_of(datagrams))}).out;
+  std::istringstream lines(out.substr(out.find(" uni-")));
+  std::string line;
+  std::size_t count = 0;
+  for (; std::getline(lines, line) && !line.empty(); ++count) EXPECT_LE(line.size(), 79U) << line;
+  EXPECT_EQ(count, 514U);
+  EXPECT_NE(out.find("\n32257   126/0/0       3   0.0 601s   9h   1-512   0.000 9:10:00 9:00:00       1\n"),
+            std::string::npos)
+      << out.substr(0, 600);
+}
+
+TEST(Info, SaysTheSameOfManyUniversesOnce) {
+  const unit::Directory directory;
+  std::vector<recordings::Datagram> datagrams;
+  for (const unsigned universe : {0U, 1U, 2U, 6U, 8U, 9U}) datagrams.emplace_back(dmx("a", universe), kMs);
+  const std::string out = run({"info", directory.write("show.cue", file_of(datagrams))}).out;
+  EXPECT_NE(
+      out.find("\nuniverses 1-3,7,9-10: the sender does not count\ncomplete as far as the senders count\n"),
+      std::string::npos)
+      << out;
+}
+
+TEST(Info, LeavesOutWhatIsToBeSaidOfTooManyUniverses) {
+  const unit::Directory directory;
+  std::vector<recordings::Datagram> datagrams;
+  for (const unsigned number : {1U, 3U})
+    for (unsigned universe = 0; universe < 40; ++universe)
+      datagrams.emplace_back(dmx("a", universe, number), kMs);
+  const std::string out = run({"info", directory.write("show.cue", file_of(datagrams))}).out;
+  EXPECT_NE(out.find("\nuniverse 32: 1 datagram missing in 1 hole, at 0.071 s\n"
+                     "and 8 universes more, see kadrel-cue info --json\n"
+                     "40 datagrams missing in 40 universes\n"),
+            std::string::npos)
+      << out;
 }
 
 TEST(Info, WritesJsonForPrograms) {
   const unit::Directory directory;
-  const std::string show =
-      directory.write("a\"b\n.cue", file_of({{dmx("ab", 0), 0}, {dmx("ab", 0), 100 * kMs}}));
+  const std::string show = directory.write(
+      "a\"b\n.cue", file_of({{dmx("ab", 0, 1), 0}, {dmx("ab", 0, 1), 100 * kMs}, {dmx("ab", 0, 4), 0}}));
   const std::string empty = directory.write("empty.cue", "");
   const Outcome outcome = run({"info", "--json", show, empty});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(
       outcome.out,
       "[{\"file\": \"" + directory.path() +
-          "/a\\\"b\\n.cue\", \"bytes\": 58, \"datagrams\": 2, \"duration_ns\": 100000000, \"damage\": "
-          "null, \"universes\": [\n"
-          "    {\"universe\": 1, \"port_address\": 0, \"datagrams\": 2, \"rate_hz\": 10.000, "
+          "/a\\\"b\\n.cue\", \"bytes\": 96, \"datagrams\": 3, \"duration_ns\": 100000000, \"damage\": null, "
+          "\"verdict\": \"2 datagrams missing in 1 universe\", \"missing\": 2, \"proved\": true, "
+          "\"shared\": null, \"universes\": [\n"
+          "    {\"universe\": 1, \"port_address\": 0, \"datagrams\": 3, \"rate_hz\": 20.000, "
           "\"first_ns\": 0, \"last_ns\": 100000000, \"longest_gap_ns\": 100000000, "
-          "\"fewest_slots\": 2, \"most_slots\": 2}]},\n"
+          "\"fewest_slots\": 2, \"most_slots\": 2, \"interval_p50_ns\": 4096, "
+          "\"interval_p99_ns\": 100000000, \"pauses\": 0, \"counting\": \"own\", \"not_numbered\": 0, "
+          "\"unproved_pauses\": 0, \"missing\": 2, \"at_least\": false, \"holes\": 1, "
+          "\"first_hole_ns\": 100000000, \"longest_hole\": 2, \"longest_hole_ns\": 100000000, "
+          "\"repeated\": 1, \"repeated_same\": 1, \"out_of_order\": 0, \"jumps\": 0, "
+          "\"first_jump_ns\": 0}]},\n"
           " {\"file\": \"" +
           empty +
-          "\", \"bytes\": 0, \"datagrams\": 0, \"duration_ns\": 0, \"damage\": null, \"universes\": []}]\n");
+          "\", \"bytes\": 0, \"datagrams\": 0, \"duration_ns\": 0, \"damage\": null, \"verdict\": \"empty\", "
+          "\"missing\": 0, \"proved\": true, \"shared\": null, \"universes\": []}]\n");
+}
+
+TEST(Info, TellsACounterThatUniversesShare) {
+  const unit::Directory directory;
+  std::vector<recordings::Datagram> datagrams;
+  for (unsigned number = 0; number < 400; ++number)
+    if (number != 200)
+      datagrams.emplace_back(dmx("a", number % 4, number % 255 + 1), (number % 4 == 0 ? 22 : 0) * kMs);
+  const std::string show = directory.write("show.cue", file_of(datagrams));
+  const std::string table = run({"info", show}).out;
+  EXPECT_NE(table.find("\nuniverses 1-4: numbered across universes\n"
+                       "count across universes: 1 datagram missing in 1 hole, at "),
+            std::string::npos)
+      << table;
+  const std::string json = run({"info", "--json", show}).out;
+  EXPECT_NE(json.find("\"shared\": {\"universes\": 4, \"missing\": 1, "), std::string::npos) << json;
+}
+
+TEST(Info, SaysWhatAFileOfAnotherProgramIs) {
+  const unit::Directory directory;
+  const std::string frame = delay(5) + kDmx + delay(5) + kDmx;
+  const std::vector<std::pair<std::string, std::string>> files{
+      {"\xD4\xC3\xB2\xA1", "a capture, see kadrel-cue import"},
+      {"\xA1\xB2\xC3\xD4", "a capture, see kadrel-cue import"},
+      {"\x4D\x3C\xB2\xA1", "a capture, see kadrel-cue import"},
+      {"\xA1\xB2\x3C\x4D", "a capture, see kadrel-cue import"},
+      {"\x0A\x0D\x0D\x0A", "a capture, see kadrel-cue import"},
+      {"\x1F\x8B\x08", "compressed with gzip, see kadrel-cue import"},
+      {"PSEQ", "an FSEQ sequence, see kadrel-cue import"},
+      {"FSEQ", "an FSEQ sequence, see kadrel-cue import"},
+      {"OLA Show\n", "a show of ola_recorder, see kadrel-cue import"}};
+  for (const auto& [mark, kind] : files) {
+    for (const std::string& rest : {std::string(), frame}) {
+      const std::string file = directory.write("file", mark + rest);
+      for (const std::vector<std::string>& words :
+           {std::vector<std::string>{"info", file}, {"info", "--json", file}, {"verify", file}}) {
+        const Outcome outcome = run(words);
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_EQ(outcome.err, "kadrel-cue: " + file + ": " + kind + "\n");
+      }
+    }
+  }
+}
+
+TEST(Info, AgreesWithVerifyOnDamage) {
+  const unit::Directory directory;
+  std::vector<recordings::Datagram> datagrams;
+  for (unsigned number = 1; number <= 50; ++number)
+    datagrams.emplace_back(dmx(std::string(200, 'a'), 0, number), 22 * kMs);
+  const std::string whole = file_of(datagrams);
+  for (std::size_t at = 1; at < whole.size(); at += 97) {
+    std::string broken = whole;
+    broken.replace(at, std::min<std::size_t>(400, whole.size() - at),
+                   std::min<std::size_t>(400, whole.size() - at), '\0');
+    const std::string show = directory.write("show.cue", broken);
+    const Outcome table = run({"info", show});
+    const Outcome json = run({"info", "--json", show});
+    const Outcome verify = run({"verify", show});
+    EXPECT_EQ(table.code, json.code);
+    // The verdict is the last line of both.
+    const std::string last = table.out.substr(table.out.rfind('\n', table.out.size() - 2) + 1);
+    EXPECT_NE(verify.out.find(show + ": " + last), std::string::npos) << at << verify.out;
+    EXPECT_NE(json.out.find("\"verdict\": \"" + last.substr(0, last.size() - 1) + "\""), std::string::npos);
+    EXPECT_EQ(table.code, last.rfind("damaged at byte ", 0) == 0 ? 1 : 0);
+  }
 }
 
 TEST(Info, WritesTheLongestTimesToTheLastDigit) {
@@ -180,6 +300,25 @@ TEST(Info, GoesOnWithTheNextFile) {
   EXPECT_EQ(outcome.out.rfind(show, 0), 0U);
 }
 
+const std::string kUncounted = ": universe 1: the sender does not count\n";
+const std::string kAsFar = ": complete as far as the senders count\n";
+
+TEST(Verify, FailsForHolesWhenAFileIsToBeComplete) {
+  const unit::Directory directory;
+  const std::string good = directory.write("good.cue", file_of({{dmx("a", 0, 1), 0}, {dmx("a", 0, 2), 5}}));
+  const std::string hole = directory.write("hole.cue", file_of({{dmx("a", 6, 255), 0}, {dmx("a", 6, 2), 5}}));
+  const std::string zero = directory.write("zero.cue", file_of({{kDmx, 0}, {kDmx, 5}}));
+  EXPECT_EQ(run({"verify", good, hole, zero}).code, 0);
+  EXPECT_EQ(run({"verify", "--complete", good, zero}).code, 0);
+  const Outcome outcome = run({"verify", "--complete", good, hole});
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.out, good + ": whole, 2 datagrams, 0.000 s\n" + good + ": complete\n" + hole +
+                             ": whole, 2 datagrams, 0.000 s\n" + hole +
+                             ": universe 7: 1 datagram missing in 1 hole, at 0.000 s\n" + hole +
+                             ": 1 datagram missing in 1 universe\n");
+}
+
 TEST(Verify, SaysThatAFileIsWhole) {
   const unit::Directory directory;
   const std::string show = directory.write("show.cue", file_of({{kDmx, 0}, {kDmx, 1500 * kMs}}));
@@ -187,8 +326,8 @@ TEST(Verify, SaysThatAFileIsWhole) {
   const Outcome outcome = run({"verify", show, empty});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(outcome.err, "");
-  EXPECT_EQ(outcome.out,
-            show + ": whole, 2 datagrams, 1.500 s\n" + empty + ": whole, 0 datagrams, 0.000 s\n");
+  EXPECT_EQ(outcome.out, show + ": whole, 2 datagrams, 1.500 s\n" + show + kUncounted + show + kAsFar +
+                             empty + ": whole, 0 datagrams, 0.000 s\n" + empty + ": empty\n");
 }
 
 TEST(Verify, MentionsDatagramsThatAreMoreThanOneArtDmx) {
@@ -198,10 +337,11 @@ TEST(Verify, MentionsDatagramsThatAreMoreThanOneArtDmx) {
   const Outcome outcome = run({"verify", show});
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(outcome.out, show + ": whole, 3 datagrams, 0.000 s\n" + show +
-                             ": 2 datagrams with more than one ArtDmx packet, the first at byte 40\n");
+                             ": 2 datagrams with more than one ArtDmx packet, the first at byte 40\n" + show +
+                             kUncounted + show + kAsFar);
   const Outcome strict = run({"verify", "--strict", show});
   EXPECT_EQ(strict.code, 1);
-  EXPECT_EQ(strict.out, "");
+  EXPECT_EQ(strict.out, show + kUncounted + show + kAsFar);
   EXPECT_EQ(strict.err, "kadrel-cue: " + show + ": byte 40: the datagram is more than one ArtDmx packet\n" +
                             "kadrel-cue: " + show +
                             ": byte 81: the datagram is more than one ArtDmx packet\n");
@@ -212,7 +352,7 @@ TEST(Verify, NamesTheFirstBrokenByteOfACutOffFile) {
   const std::string show = directory.write("show.cue", (kDmx + delay(5) + kDmx).substr(0, 50));
   const Outcome outcome = run({"verify", show});
   EXPECT_EQ(outcome.code, 1);
-  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.out, show + kUncounted + show + ": damaged at byte 40\n");
   EXPECT_EQ(outcome.err,
             "kadrel-cue: " + show +
                 ": byte 40: cut off within a datagram; good are the first 22 bytes, 1 datagram, 0.000 s\n");
