@@ -40,10 +40,10 @@ class Show:
 
     def __init__(self, name, sizes, datagrams, chance):
         self.name = name
-        self.datagrams = [
-            art_dmx(n % 4, n // 4 % 255 + 1, struct.pack(">I", n) + bytes(chance.randrange(256) for _ in range(chance.choice(sizes) - 4)))
-            for n in range(datagrams)
-        ]
+        self.datagrams = []
+        for n in range(datagrams):
+            levels = struct.pack(">I", n) + chance.randbytes(chance.choice(sizes) - 4)
+            self.datagrams.append(art_dmx(n % 4, n // 4 % 255 + 1, levels))
         self.content, self.places = b"", []
         for datagram in self.datagrams:
             if self.content:
@@ -167,9 +167,8 @@ def main():
     arguments.add_argument("programs", nargs="+")
     options = arguments.parse_args()
     chance = random.Random(1)
-    shows = [
-        Show(name, sizes, options.show, chance) for name, sizes in (("512", [512]), ("24", [24]), ("mixed", [8, 24, 100, 333, 512]))
-    ]
+    sizes = {"512": [512], "24": [24], "mixed": [8, 24, 100, 333, 512]}
+    shows = [Show(name, of, options.show, chance) for name, of in sizes.items()]
     kinds = {
         "zeroed page": pages,
         "bit of a delay header": header_bits,
