@@ -20,7 +20,8 @@ constexpr std::size_t kFramesOffset = 14;
 constexpr std::size_t kStepOffset = 18;
 
 constexpr std::size_t kFixedSizeV1 = 28;
-constexpr std::size_t kGammaOffset = 24;  // version 1: gamma, then colour
+constexpr std::uint8_t kGamma = 1;
+constexpr std::uint8_t kColour = 2;
 constexpr std::size_t kFixedSizeV2 = 32;
 constexpr std::size_t kCompressionOffset = 20;  // and high bits of the number of blocks
 constexpr std::size_t kBlocksOffset = 21;
@@ -43,8 +44,8 @@ std::uint32_t get32(const std::uint8_t* at) {
   return static_cast<std::uint32_t>(get(at, 4));
 }
 
-void put(std::uint8_t* at, std::uint64_t value, std::size_t size) {
-  for (std::size_t i = 0; i < size; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
+void append(std::vector<std::uint8_t>& bytes, std::uint64_t value, std::size_t size) {
+  for (std::size_t i = 0; i < size; ++i) bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
 CueError refused(const std::string& file, const std::string& why) {
@@ -133,29 +134,32 @@ FseqHeader decode_fseq_header(const std::vector<std::uint8_t>& bytes, const std:
 
 std::vector<std::uint8_t> encode_fseq_header(const FseqHeader& header) {
   const bool is_first = header.version == 1;
-  const std::size_t fixed = is_first ? kFixedSizeV1 : kFixedSizeV2;
-  const std::size_t end = fixed + header.ranges.size() * kRangeSize;
-  std::vector<std::uint8_t> bytes((end + 3) / 4 * 4, 0);
-  memcpy(bytes.data(), kMagic, kMagicSize);
-  put(bytes.data() + kSizeOffset, bytes.size(), 2);
-  bytes[kMajorOffset] = static_cast<std::uint8_t>(header.version);
-  put(bytes.data() + kVariablesOffset, end, 2);
-  put(bytes.data() + kChannelsOffset, header.channels, 4);
-  put(bytes.data() + kFramesOffset, header.frames, 4);
-  bytes[kStepOffset] = header.step;
+  const std::size_t end = is_first ? kFixedSizeV1 : kFixedSizeV2 + header.ranges.size() * kRangeSize;
+  const std::size_t size = (end + 3) / 4 * 4;
+  std::vector<std::uint8_t> bytes(kMagic, kMagic + kMagicSize);
+  append(bytes, size, 2);
+  append(bytes, 0, 1);  // minor version
+  append(bytes, static_cast<std::uint64_t>(header.version), 1);
+  append(bytes, end, 2);
+  append(bytes, header.channels, 4);
+  append(bytes, header.frames, 4);
+  append(bytes, header.step, 1);
+  append(bytes, 0, 1);
   if (is_first) {
-    bytes[kGammaOffset] = 1;
-    bytes[kGammaOffset + 1] = 2;
-    return bytes;
+    append(bytes, 0, 4);  // universes and their size, which players do not use
+    append(bytes, kGamma, 1);
+    append(bytes, kColour, 1);
+  } else {
+    append(bytes, 0, 2);  // no compression, no blocks
+    append(bytes, header.ranges.size(), 1);
+    append(bytes, 0, 1);
+    append(bytes, header.identifier, 8);
+    for (const ChannelRange& range : header.ranges) {
+      append(bytes, range.first, 3);
+      append(bytes, range.count, 3);
+    }
   }
-  bytes[kRangesOffset] = static_cast<std::uint8_t>(header.ranges.size());
-  put(bytes.data() + kIdentifierOffset, header.identifier, 8);
-  std::uint8_t* at = bytes.data() + fixed;
-  for (const ChannelRange& range : header.ranges) {
-    put(at, range.first, 3);
-    put(at + 3, range.count, 3);
-    at += kRangeSize;
-  }
+  bytes.resize(size);
   return bytes;
 }
 

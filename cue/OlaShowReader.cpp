@@ -220,8 +220,13 @@ private:
       time = std::max(time, found.value_or(0));
       return true;
     }
-    // Levels stand after a space, a pause stands alone.
-    if (two_words(line)) return false;
+    // Levels stand after a space, a pause stands alone. A frame without levels is a number and a space.
+    const auto words = two_words(line);
+    if (words && !(time_comes && words->second.empty())) {
+      time_comes = true;
+      return false;
+    }
+    time_comes = false;
     const auto pause = number(without_spaces(line), (kLatest - time) / kMillisecond);
     if (!pause) break_off("is neither a frame nor a pause", lines.number());
     time += pause.value_or(0) * kMillisecond;
@@ -253,7 +258,7 @@ private:
   Lines lines;
   int version = 1;
   std::int64_t unit = kMillisecond;  // ns, version 2
-  bool time_comes = false;           // version 2: the line after this one is a time
+  bool time_comes = false;           // the last line was a frame
   std::int64_t time = 0;             // ns, of the next frame
   std::vector<std::uint8_t> levels;
   std::vector<std::uint8_t> packet;
