@@ -17,6 +17,7 @@ KADREL_BUILD_PACKAGES=(
 KADREL_TOOLS_PACKAGES=(
   libcli11-dev
   libpcap-dev
+  libzstd-dev
   zlib1g-dev
 )
 
@@ -86,6 +87,7 @@ KADREL_FUZZ_PACKAGES=(
   clang-14
   libclang-rt-14-dev
   libpcap-dev
+  libzstd-dev
   util-linux
   zlib1g-dev
 )

@@ -9,6 +9,7 @@ import gzip
 import json
 import struct
 import sys
+import zlib
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "service"))
@@ -134,6 +135,55 @@ RELAYS = {
 }
 
 
+def fseq(plain, version=2, channels=4, step=25, compression=0, blocks=(), ranges=(), variables=b"", data=None):
+    """An FSEQ file of frames, `data` being what they are compressed to."""
+    tables = b"".join(struct.pack("<II", *block) for block in blocks)
+    tables += b"".join(struct.pack("<I", first)[:3] + struct.pack("<I", count)[:3] for first, count in ranges)
+    fixed = 28 if version == 1 else 32
+    size = (fixed + len(tables) + len(variables) + 3) // 4 * 4
+    head = b"PSEQ" + struct.pack("<HBBHIIBB", size, 0, version, fixed + len(tables), channels, len(plain) // channels, step, 0)
+    if version == 1:
+        head += bytes(4) + b"\1\2\0\0"
+    else:
+        head += struct.pack("BBBB8s", compression, len(blocks), len(ranges), 0, b"identify")
+    return (head + tables + variables).ljust(size, b"\0") + (plain if data is None else data)
+
+
+def zstd_stored(plain):
+    """A frame of zstd (RFC 8878) without its size: a window of 1 KiB, then one block as it is."""
+    return b"\x28\xb5\x2f\xfd\0\0" + struct.pack("<I", len(plain) << 3 | 1)[:3] + plain
+
+
+PLAIN = bytes(range(40))
+ZSTD_REPEATED = b"\x28\xb5\x2f\xfd\0\0" + struct.pack("<I", 40 << 3 | 3)[:3] + b"x"
+HALVES = [zlib.compress(PLAIN[:16]), zlib.compress(PLAIN[16:])]
+FSEQ = {
+    "version_1": fseq(PLAIN, version=1),
+    "old_magic": b"F" + fseq(PLAIN, version=1)[1:],
+    "version_2": fseq(PLAIN),
+    "universes": fseq(bytes(range(256)) * 8, channels=1024),
+    "ranges": fseq(PLAIN, ranges=[(510, 3), (0, 1)]),
+    "variables": fseq(PLAIN, variables=b"\x08\0sp" + b"me!\0" + bytes(4) + b"\x0a\0mfa.mp3"),
+    "zlib": fseq(PLAIN, compression=2, data=zlib.compress(PLAIN)),
+    "zlib_blocks": fseq(PLAIN, compression=2, blocks=[(0, len(HALVES[0])), (0, 0), (4, len(HALVES[1]))], data=b"".join(HALVES)),
+    "zlib_stored_first": fseq(PLAIN, compression=2, blocks=[(0, 16), (4, len(HALVES[1]))], data=PLAIN[:16] + HALVES[1]),
+    "zstd": fseq(PLAIN, compression=1, data=zstd_stored(PLAIN)),
+    "zstd_blocks": fseq(PLAIN, compression=1, blocks=[(0, 25), (4, 33)], data=zstd_stored(PLAIN[:16]) + zstd_stored(PLAIN[16:])),
+    "zstd_repeated": fseq(PLAIN, compression=1, data=ZSTD_REPEATED),
+    "cut_off": fseq(PLAIN)[:-3],
+}
+
+OLA_SHOWS = {
+    "version_1": b"OLA Show\n1 0,1,255\n25\n2 7\n0\n1 1\n",
+    "version_2": b"OLA Show V2\n1 0,1,255\n0 25\n2 7\n1 0\n1 1\n",
+    "microseconds": b"OLA Show V2\n1 0\n0 500000\n1 2\n2 000\n1 3\n",
+    "line_ends": b"OLA Show\r\n1 0,,255\r\n 25 \r\n\r\n2 \r\n3\r\n",
+    "other_universes": b"OLA Show\n0 1\n1\n65536 2\n1\n65537 3\n",
+    "full": b"OLA Show\n1 " + b",".join([b"255"] * 512) + b"\n1\n1 " + b",".join([b"0"] * 513),
+    "broken": b"OLA Show\n1 1\n1\n1 256\n",
+}
+
+
 def udp_frame(payload, port=6454, place=0, id=0):
     datagram = struct.pack(">HHHH", 40000, port, 8 + len(payload), 0) + payload if place & 0x1FFF == 0 else payload
     packet = struct.pack(">BBHHHBBH8B", 0x45, 0, 20 + len(datagram), id, place, 64, 17, 0, 10, 0, 0, 1, 10, 0, 0, 2)
@@ -225,6 +275,8 @@ def main():
         "receive": {name: b"\x01" + steps for name, steps in SERVICE.items()},
         "brand": {name: text.encode() for name, text in BRANDS.items()},
         "capture": {name: b"\0" + content for name, content in CAPTURES.items()},
+        "fseq": FSEQ,
+        "ola_show": OLA_SHOWS,
         "relay": {name: struct.pack("<H", maker) + datagram for name, (maker, datagram) in RELAYS.items()},
     }
     for name, datagrams in captures.items():
