@@ -118,7 +118,8 @@ FseqHeader decode_fseq_header(const std::vector<std::uint8_t>& bytes, const std:
   if (header.version != 1 && header.version != 2)
     throw refused(file, "version " + std::to_string(header.version) + " is not known");
   const std::size_t fixed = header.version == 1 ? kFixedSizeV1 : kFixedSizeV2;
-  if (bytes.size() < fixed) throw refused(file, "the header is cut off");
+  if (bytes.size() < std::max(fixed, fseq_header_size(bytes.data())))
+    throw refused(file, "the header is cut off");
   header.channels = get32(bytes.data() + kChannelsOffset);
   header.frames = get32(bytes.data() + kFramesOffset);
   header.step = bytes[kStepOffset];

@@ -14,12 +14,12 @@
 #include "tools/Command.h"
 #include "tools/DamageWarning.h"
 #include "tools/Options.h"
+#include "tools/Progress.h"
 #include "tools/Signals.h"
 
 namespace kadrel_cue {
 namespace {
 
-constexpr std::int64_t kMillisecond = cue::kSecond / 1000;
 constexpr std::int64_t kLongestStep = 255;  // ms; the file has a byte for it
 
 /// What was written, and what the format could not hold.
@@ -59,10 +59,10 @@ Outcome write_fseq(const cue::Input& file, const cue::Output& output, const cue:
 
 /// A time of whole milliseconds as their number; nothing for other text.
 std::optional<int> parse_step(const std::string& text) {
+  constexpr std::int64_t kUnit = cue::kSecond / 1000;
   const auto time = parse_time(text);
-  if (!time || *time <= 0 || *time % kMillisecond != 0 || *time / kMillisecond > kLongestStep)
-    return std::nullopt;
-  return static_cast<int>(*time / kMillisecond);
+  if (!time || *time <= 0 || *time % kUnit != 0 || *time / kUnit > kLongestStep) return std::nullopt;
+  return static_cast<int>(*time / kUnit);
 }
 
 /// The place to which @p path leads, whether a file exists there or not.
@@ -103,6 +103,7 @@ public:
 
   int run(std::ostream& out, std::ostream& err) override {
     clear_away_on_signals();
+    const Progress progress(out, err, file);
     DamageWarning warning(err, strict);
     // Each output reads the input from its front.
     file.keep();
@@ -161,10 +162,9 @@ private:
     return named;
   }
 
-  /// One line of what was written, one of what was not. Beside the file on standard output they are errors'
-  /// words.
+  /// One line of what was written, one of what was not.
   static void say(const cue::Output& output, const Outcome& outcome, std::ostream& out, std::ostream& err) {
-    std::ostream& words = output.is_standard_output() ? err : out;
+    std::ostream& words = summary_of(output, out, err);
     words << output.name() << ": " << outcome.contents << "\n";
     const char* before = "  not in it: ";
     for (const std::string& loss : outcome.losses) {

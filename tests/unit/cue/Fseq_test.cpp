@@ -282,6 +282,7 @@ TEST(FseqReader, RefusesWhatIsNoSequenceThatItKnows) {
   EXPECT_EQ(refusal("PSE"), "not an FSEQ file");
   EXPECT_EQ(refusal("PSEQ"), "FSEQ: the header is cut off");
   EXPECT_EQ(refusal(good.file().substr(0, 31)), "FSEQ: the header is cut off");
+  EXPECT_EQ(refusal(text("PSEQ\x38\0", 6) + good.file().substr(6)), "FSEQ: the header is cut off");
   const auto changed = [&](const auto& change) {
     Sequence sequence = good;
     change(sequence);
