@@ -74,8 +74,8 @@ std::vector<Piece> pieces_of(const FseqHeader& header) {
 
 class FseqReader : public ForeignReader {
 public:
-  FseqReader(const ByteSource& source, const std::string& file)
-      : header(read_header(source, file)), frames(source, header), pieces(pieces_of(header)) {
+  FseqReader(ByteSource source, const std::string& file)
+      : header(read_header(source, file)), frames(std::move(source), header), pieces(pieces_of(header)) {
     if (pieces.empty()) throw CueError(file + ": FSEQ: a frame has no channels");
     next_piece = pieces.size();
   }
@@ -125,8 +125,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<ForeignReader> open_fseq(const Input& input) {
-  return std::make_unique<FseqReader>(input.open(), input.name());
+std::unique_ptr<ForeignReader> open_fseq(ByteSource source, const std::string& name) {
+  return std::make_unique<FseqReader>(std::move(source), name);
 }
 
 }  // namespace cue

@@ -141,41 +141,33 @@ std::optional<int> version_of(std::string_view line) {
   return std::nullopt;
 }
 
-/// The time in a line of version 2. @param unit  ns, of the second number
-std::optional<std::int64_t> time_of(std::string_view line, std::int64_t unit) {
-  const auto words = two_words(line);
-  if (!words) return std::nullopt;
-  const auto seconds = number(words->first, kLatest / kSecond - 1);
-  const auto rest = number(words->second, kSecond / unit);
-  if (!seconds || !rest) return std::nullopt;
-  return *seconds * kSecond + *rest * unit;
-}
-
-/// Unit of the second number in the times of a show of version 2. It is written in milliseconds, but there
-/// are readers that take microseconds, and so files that hold them: numbers from 1000 on can be nothing else.
-std::int64_t unit_of_times(const Input& input) {
-  Lines lines(input.open());
-  bool is_time = false;
-  lines.next();
-  while (const auto line = lines.next()) {
-    if (without_spaces(*line).empty()) continue;
-    if (is_time) {
-      const auto words = two_words(*line);
-      if (words && number(words->second, kLatest).value_or(0) >= kSecond / kMillisecond) return kMicrosecond;
-    }
-    is_time = !is_time;
+/// The times in a show of version 2: seconds, and a second number in milliseconds. There are readers that
+/// take it as microseconds, and so files that hold these. A number from 1000 on can be nothing else, nor can
+/// the numbers after it.
+class Times {
+public:
+  /// @return ns; nothing when the line is not a time
+  std::optional<std::int64_t> parse(std::string_view line) {
+    const auto words = two_words(line);
+    if (!words) return std::nullopt;
+    const auto seconds = number(words->first, kLatest / kSecond - 1);
+    const auto rest = number(words->second, kSecond / kMicrosecond);
+    if (!seconds || !rest) return std::nullopt;
+    if (*rest >= kSecond / kMillisecond) unit = kMicrosecond;
+    return *seconds * kSecond + *rest * unit;
   }
-  return kMillisecond;
-}
+
+private:
+  std::int64_t unit = kMillisecond;  // ns
+};
 
 class OlaShowReader : public ForeignReader {
 public:
-  explicit OlaShowReader(const Input& input) : lines(input.open()) {
+  OlaShowReader(ByteSource source, const std::string& name) : lines(std::move(source)) {
     const auto title = lines.next();
     const auto found = title ? version_of(*title) : std::nullopt;
-    if (!found) throw CueError(input.name() + ": not an OLA show");
+    if (!found) throw CueError(name + ": not an OLA show");
     version = *found;
-    if (version == 2) unit = unit_of_times(input);
   }
 
   bool next(ForeignDatagram& datagram) override {
@@ -215,7 +207,7 @@ private:
     if (version == 2) {
       time_comes = !time_comes;
       if (time_comes) return false;
-      const auto found = time_of(line, unit);
+      const auto found = times.parse(line);
       if (!found) break_off("is not a time", lines.number());
       time = std::max(time, found.value_or(0));
       return true;
@@ -257,9 +249,9 @@ private:
 
   Lines lines;
   int version = 1;
-  std::int64_t unit = kMillisecond;  // ns, version 2
-  bool time_comes = false;           // the last line was a frame
-  std::int64_t time = 0;             // ns, of the next frame
+  Times times;              // version 2
+  bool time_comes = false;  // the last line was a frame
+  std::int64_t time = 0;    // ns, of the next frame
   std::vector<std::uint8_t> levels;
   std::vector<std::uint8_t> packet;
   SequenceNumbers sequences;
@@ -274,10 +266,8 @@ bool is_ola_show(const std::uint8_t* head, std::size_t size) {
   return size >= kTitle.size() && memcmp(head, kTitle.data(), kTitle.size()) == 0;
 }
 
-std::unique_ptr<ForeignReader> open_ola_show(const Input& input) {
-  Input file = input;
-  file.keep();
-  return std::make_unique<OlaShowReader>(file);
+std::unique_ptr<ForeignReader> open_ola_show(ByteSource source, const std::string& name) {
+  return std::make_unique<OlaShowReader>(std::move(source), name);
 }
 
 }  // namespace cue

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <sys/mman.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,25 +13,6 @@
 #include "cue/ForeignReader.h"
 #include "cue/Input.h"
 #include "tests/fuzz/script.h"
-
-/// A file in memory with the bytes of an input, under a name that can be opened as often as wanted.
-class FileInMemory {
-public:
-  FileInMemory(const std::uint8_t* data, std::size_t size) : fd(memfd_create("input", MFD_CLOEXEC)) {
-    REQUIRE(fd != -1);
-    REQUIRE(write(fd, data, size) == static_cast<ssize_t>(size));
-  }
-  ~FileInMemory() { close(fd); }
-  FileInMemory(const FileInMemory&) = delete;
-  FileInMemory& operator=(const FileInMemory&) = delete;
-  FileInMemory(FileInMemory&&) = delete;
-  FileInMemory& operator=(FileInMemory&&) = delete;
-
-  cue::Input input() const { return {"/proc/self/fd/" + std::to_string(fd)}; }
-
-private:
-  int fd;
-};
 
 struct ForeignResult {
   struct Datagram {
@@ -48,10 +28,18 @@ struct ForeignResult {
 /// Reads a foreign file; nothing when it is refused. Whatever it holds, each datagram is one ArtDmx that can
 /// be recorded, and no time goes back. @param most  datagrams: a few bytes can stand for hours
 template <typename Open>
-std::unique_ptr<ForeignResult> read_foreign(const cue::Input& input, Open open, std::size_t most) {
+std::unique_ptr<ForeignResult> read_foreign(const std::string& file, std::size_t portion, Open open,
+                                            std::size_t most) {
   std::unique_ptr<cue::ForeignReader> reader;
   try {
-    reader = open(input);
+    reader = open(
+        [&file, portion, at = std::size_t{0}](std::uint8_t* bytes, std::size_t size) mutable {
+          const std::size_t count = std::min({size, portion, file.size() - at});
+          memcpy(bytes, file.data() + at, count);
+          at += count;
+          return count;
+        },
+        "input");
   } catch (const cue::CueError&) {
     return nullptr;
   }

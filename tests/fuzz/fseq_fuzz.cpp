@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "cue/FseqHeader.h"
@@ -16,9 +17,12 @@ constexpr std::size_t kMostDatagrams = 3000;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const FileInMemory file(data, size);
-  const auto result = read_foreign(file.input(), cue::open_fseq, kMostDatagrams);
+  const std::string file(reinterpret_cast<const char*>(data), size);
+  const auto result = read_foreign(file, size + 1, cue::open_fseq, kMostDatagrams);
+  const auto bytewise = read_foreign(file, 1, cue::open_fseq, kMostDatagrams);
+  REQUIRE((result == nullptr) == (bytewise == nullptr));
   if (!result) return 0;
+  REQUIRE(result->datagrams == bytewise->datagrams && result->whole == bytewise->whole);
   REQUIRE(cue::is_fseq(data, size));
   const std::size_t header_size = std::max<std::size_t>(8, cue::fseq_header_size(data));
   REQUIRE(header_size <= size);

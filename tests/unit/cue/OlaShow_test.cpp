@@ -19,6 +19,13 @@ namespace {
 
 constexpr std::int64_t kMs = 1'000'000;
 
+/// An output that may exist.
+cue::Output replaced(const std::string& path) {
+  cue::Output output(path);
+  output.replace = true;
+  return output;
+}
+
 /// An ArtDmx with a sequence number.
 std::string dmx(const std::string& slots, unsigned port_address, unsigned sequence) {
   std::string bytes = packets::dmx(slots, port_address);
@@ -28,8 +35,7 @@ std::string dmx(const std::string& slots, unsigned port_address, unsigned sequen
 }
 
 Foreign read(const std::string& show) {
-  const unit::Directory directory;
-  return unit::read_all(*cue::open_ola_show(directory.write("show", show)));
+  return unit::read_all(*cue::open_ola_show(recordings::source_of(show), "show"));
 }
 
 struct Written {
@@ -41,7 +47,7 @@ struct Written {
 Written write(const std::vector<Datagram>& datagrams) {
   const unit::Directory directory;
   const cue::ExportedOlaShow written =
-      cue::export_ola_show(directory.write("show.cue", file_of(datagrams)), directory / "out");
+      cue::export_ola_show(directory.write("show.cue", file_of(datagrams)), replaced(directory / "out"));
   return {directory.content("out"), written.frames, written.losses};
 }
 
@@ -77,7 +83,7 @@ TEST(OlaShow, IsNotWrittenWithoutAFrameOrBeyondAPauseThatItCanTell) {
   const unit::Directory directory;
   const auto error = [&](const std::string& recording) {
     const std::string show = directory.write("show.cue", recording);
-    return error_of([&] { cue::export_ola_show(show, directory / "out"); });
+    return error_of([&] { cue::export_ola_show(show, replaced(directory / "out")); });
   };
   EXPECT_EQ(error(""), directory / "show.cue: holds no levels");
   EXPECT_EQ(error(dmx("", 0, 0)), directory / "show.cue: holds no levels");
@@ -91,10 +97,10 @@ TEST(OlaShow, GoesOnBehindDamageWhenAskedTo) {
   const unit::Directory directory;
   const std::string damaged = directory.write(
       "show.cue", file_of({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), 2 * kMs}, {"Art-Net", kMs}}));
-  EXPECT_NE(error_of([&] { cue::export_ola_show(damaged, directory / "out"); }), "no error");
+  EXPECT_NE(error_of([&] { cue::export_ola_show(damaged, replaced(directory / "out")); }), "no error");
   int damages = 0;
   const auto count = [&](const cue::RecordingReader&, const cue::Damage&) { ++damages; };
-  EXPECT_EQ(cue::export_ola_show(damaged, directory / "out", count).frames, 2U);
+  EXPECT_EQ(cue::export_ola_show(damaged, replaced(directory / "out"), count).frames, 2U);
   EXPECT_EQ(damages, 1);
 }
 
@@ -127,11 +133,8 @@ TEST(OlaShowReader, KnowsAShowByItsFirstLine) {
   EXPECT_TRUE(is_show("OLA Show V2\r\n"));
   EXPECT_FALSE(is_show("OLA Sho"));
   EXPECT_FALSE(is_show("PSEQ...."));
-  const unit::Directory directory;
-  for (const char* const other : {"", "OLA Show V3\n", "OLA Shows\n"}) {
-    const std::string path = directory.write("other", other);
-    EXPECT_EQ(error_of([&] { cue::open_ola_show(path); }), path + ": not an OLA show");
-  }
+  for (const char* const other : {"", "OLA Show V3\n", "OLA Shows\n"})
+    EXPECT_EQ(error_of([&] { read(other); }), "show: not an OLA show");
   EXPECT_TRUE(read("OLA Show").datagrams.empty());
 }
 
@@ -152,7 +155,7 @@ TEST(OlaShowReader, ReadsTheTimesOfVersion2) {
   EXPECT_EQ(read("OLA Show V2\n1 1\n0 500\n1 2\n2 0\n1 3\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show V2\r\n1 1\r\n0 500\r\n1 2\r\n2 0\r\n1 3\r\n2 10\r\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show V2\n1 1\n0 500000\n1 2\n2 000\n1 3\n").datagrams, expected)
-      << "one number from 1000 on: all are microseconds";
+      << "a number from 1000 on: these are microseconds";
   EXPECT_EQ(
       read("OLA Show V2\n1 1\n0 500\n1 2\n0 400\n1 3\n").datagrams,
       (std::vector<Datagram>{{dmx("\x01", 0, 1), 0}, {dmx("\x02", 0, 2), 500 * kMs}, {dmx("\x03", 0, 3), 0}}))
