@@ -37,6 +37,7 @@ FILES = {
     "share/dbus-1/services/com.tolvekserver.Kadrel.service",
     "share/doc/kadrel/dbus.md",
     "share/doc/kadrel/examples/kadrel.nft",
+    "share/doc/kadrel/conversions.md",
     "share/doc/kadrel/operations.md",
     "share/doc/kadrel/recording-format.md",
     "share/doc/kadrel/reliability.md",
