@@ -209,6 +209,15 @@ std::size_t FseqFrames::read(std::uint8_t* out, std::size_t size) {
   return done;
 }
 
+/// Behind the last frame of a block its checksum follows. More frames than the table says are left out.
+void FseqFrames::check_end_of_block() {
+  const std::uint32_t end =
+      next_block < header.blocks.size() ? header.blocks[next_block].first_frame : header.frames;
+  if (number + std::uint64_t{1} != end) return;
+  std::uint8_t left_out = 0;
+  read(&left_out, 1);
+}
+
 bool FseqFrames::next(std::vector<std::uint8_t>& frame) {
   const std::string place =
       "frame " + std::to_string(number + std::uint64_t{1}) + " of " + std::to_string(header.frames);
@@ -224,6 +233,7 @@ bool FseqFrames::next(std::vector<std::uint8_t>& frame) {
       }
       at += size;
     }
+    check_end_of_block();
   } catch (const FseqDamage& damage) {
     broken = place + ": " + damage.what();
     return false;

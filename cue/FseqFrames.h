@@ -61,6 +61,7 @@ private:
   void begin_blocks();
   void begin_block(std::uint32_t first_frame, std::uint32_t end_frame, std::uint64_t size);
   std::size_t read(std::uint8_t* out, std::size_t size);
+  void check_end_of_block();
 
   FseqHeader header;
   FseqBlockInput input;

@@ -6,7 +6,9 @@
 #include <utility>
 
 #include "cue/CueError.h"
+#include "cue/FseqReader.h"
 #include "cue/Gzip.h"
+#include "cue/OlaShowReader.h"
 #include "cue/Pcap.h"
 #include "cue/Pcapng.h"
 #include "cue/RecordingWriter.h"
@@ -39,9 +41,21 @@ std::unique_ptr<ForeignReader> read_pcapng(ByteSource source, const Input& input
                                          options.capture);
 }
 
+std::unique_ptr<ForeignReader> read_fseq(ByteSource source, const Input& input,
+                                         const ImportOptions& /*options*/) {
+  return open_fseq(std::move(source), input.name());
+}
+
+std::unique_ptr<ForeignReader> read_ola_show(ByteSource source, const Input& input,
+                                             const ImportOptions& /*options*/) {
+  return open_ola_show(std::move(source), input.name());
+}
+
 constexpr std::array kFormats = {
     Format{"pcap", begins_pcap, read_pcap},
     Format{"pcapng", begins_pcapng, read_pcapng},
+    Format{"FSEQ", is_fseq, read_fseq},
+    Format{"OLA show", is_ola_show, read_ola_show},
 };
 
 /// The first bytes of a source, and the source with these bytes still in front.

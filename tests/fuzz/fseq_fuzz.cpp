@@ -22,7 +22,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto bytewise = read_foreign(file, 1, cue::open_fseq, kMostDatagrams);
   REQUIRE((result == nullptr) == (bytewise == nullptr));
   if (!result) return 0;
-  REQUIRE(result->datagrams == bytewise->datagrams && result->whole == bytewise->whole);
+  REQUIRE(result->whole == bytewise->whole);
+  // Where compressed data breaks, its library may tell before or after it has delivered the last frame.
+  const std::size_t common = std::min(result->datagrams.size(), bytewise->datagrams.size());
+  if (result->whole) REQUIRE(result->datagrams.size() == bytewise->datagrams.size());
+  REQUIRE(std::equal(result->datagrams.begin(),
+                     result->datagrams.begin() + static_cast<std::ptrdiff_t>(common),
+                     bytewise->datagrams.begin()));
   REQUIRE(cue::is_fseq(data, size));
   const std::size_t header_size = std::max<std::size_t>(8, cue::fseq_header_size(data));
   REQUIRE(header_size <= size);

@@ -1,6 +1,9 @@
 """kadrel-cue converts recordings to the formats of other programs, and olad plays what it wrote."""
 
+import gzip
+import json
 import re
+import signal
 import subprocess
 from pathlib import Path
 
@@ -12,7 +15,8 @@ CUE = EXECUTABLE.parent / "kadrel-cue"
 DEADLINE = 60
 MS = 1_000_000
 
-FORMATS = ("pcap", "fseq", "fseq1", "ola", "csv")
+FORMATS = ("pcap", "pcap-sacn", "fseq", "fseq1", "ola", "csv")
+IMPORTED = FORMATS[:-1]
 
 
 def recording(datagrams):
@@ -127,6 +131,54 @@ def test_the_step_of_a_sequence_may_be_chosen(cue, tmp_path):
         head = (tmp_path / f"{step}.fseq").read_bytes()[:28]
         assert head[18] == step
         assert int.from_bytes(head[14:18], "little") == -(-39 * 25 // step) + 1
+
+
+@pytest.mark.parametrize("packed", [False, True], ids=["plain", "gzip"])
+@pytest.mark.parametrize("kind", IMPORTED)
+def test_an_export_comes_back_byte_for_byte_where_the_format_holds_all(cue, tmp_path, kind, packed):
+    out = tmp_path / "out"
+    run("export", cue, "--format", kind, "-o", out)
+    if packed:
+        out.write_bytes(gzip.compress(out.read_bytes()))
+    run("import", out, "-o", tmp_path / "back.cue")
+    assert (tmp_path / "back.cue").read_bytes() == cue.read_bytes()
+
+
+@pytest.mark.parametrize("kind", IMPORTED)
+def test_of_a_file_that_breaks_off_the_beginning_is_imported(cue, tmp_path, kind):
+    out = tmp_path / "out"
+    run("export", cue, "--format", kind, "-o", out)
+    out.write_bytes(out.read_bytes()[: -3 if kind != "ola" else -5] + (b"x" if kind == "ola" else b""))
+    _, errors = run("import", out, "-o", tmp_path / "back.cue", expected=1)
+    assert errors.startswith(f"kadrel-cue: {out}: ")
+    imported = (tmp_path / "back.cue").read_bytes()
+    assert len(imported) > 70 * 548 and cue.read_bytes().startswith(imported)
+
+
+def test_what_ola_recorder_writes_is_imported(world):
+    olad = world.olad()
+    show_file = world.path("recorded")
+    recorder = world.namespaces.popen(
+        ["ola_recorder", "--record", show_file, "--universes", "1,7"],
+        network=olad.host.name, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+    )
+    try:
+        # It is ready when a frame gets into its file.
+        for number in range(1, 200):
+            olad.set_dmx(1, [number, 5])
+            if Path(show_file).exists() and Path(show_file).stat().st_size > len("OLA Show\n"):
+                break
+        olad.set_dmx(7, [9, 8, 7, 6])
+    finally:
+        recorder.send_signal(signal.SIGINT)
+        recorder.wait(DEADLINE)
+    run("import", show_file, "-o", world.path("back.cue"))
+    out, _ = run("info", "--json", world.path("back.cue"))
+    counts = subprocess.run(["ola_recorder", "--verify", show_file], capture_output=True, text=True, timeout=DEADLINE, check=True)
+    (info,) = json.loads(out)
+    assert [(str(each["universe"]), str(each["datagrams"])) for each in info["universes"]] == re.findall(
+        r"Universe (\d+): (\d+) frames", counts.stdout + counts.stderr
+    )
 
 
 def test_ola_counts_the_frames_that_were_recorded(cue, tmp_path):

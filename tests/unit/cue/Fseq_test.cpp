@@ -267,6 +267,11 @@ TEST(FseqReader, SaysWhereASequenceBreaksOff) {
     sequence.pack(frames_of_five(), {10, 30}, how, false);
     std::string packed = sequence.file();
     EXPECT_NE(broken(packed.substr(0, packed.size() - 60), 10).find("frame 11 of 40"), std::string::npos);
+    if (how == 2) {
+      std::string changed = packed;
+      changed.back() = static_cast<char>(changed.back() + 1);
+      EXPECT_EQ(broken(changed, 39), "frame 40 of 40: zlib: incorrect data check");
+    }
     const std::size_t second = packed.size() - sequence.blocks[2].second;
     packed.replace(second, 4, 4, '\xEE');
     EXPECT_NE(broken(packed, 10).find("frame 11 of 40: " + name + ": "), std::string::npos);

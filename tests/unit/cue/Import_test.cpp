@@ -284,9 +284,10 @@ TEST_F(Import, SaysWhatACaptureWithoutLevelsHolds) {
 }
 
 TEST_F(Import, RefusesContentThatItDoesNotRecognise) {
-  EXPECT_EQ(refusal("no capture at all, but long enough"), "not a file that can be imported (pcap, pcapng)");
+  EXPECT_EQ(refusal("no capture at all, but long enough"),
+            "not a file that can be imported (pcap, pcapng, FSEQ, OLA show)");
   EXPECT_EQ(refusal(""), "empty");
-  EXPECT_EQ(refusal(gzip("nor this")), "not a file that can be imported (pcap, pcapng)");
+  EXPECT_EQ(refusal(gzip("nor this")), "not a file that can be imported (pcap, pcapng, FSEQ, OLA show)");
 }
 
 TEST_F(Import, LeavesTheOutputAloneWhenThereIsNothingToImport) {
