@@ -49,13 +49,13 @@ void append(std::vector<std::uint8_t>& bytes, std::uint64_t value, std::size_t s
 }
 
 CueError refused(const std::string& file, const std::string& why) {
-  return CueError(file + ": FSEQ: " + why);
+  return CueError{file + ": FSEQ: " + why};
 }
 
 /// Name of the music file in the variable headers, with only characters that can be shown.
 std::string media_name(const std::vector<std::uint8_t>& bytes, std::size_t at) {
   while (at + kVariableHeaderSize <= bytes.size()) {
-    const std::size_t size = static_cast<std::size_t>(get(bytes.data() + at, 2));
+    const auto size = static_cast<std::size_t>(get(bytes.data() + at, 2));
     // One of length 0 is padding.
     const std::size_t end = at + std::max(size, kVariableHeaderSize);
     if (end > bytes.size()) break;
