@@ -89,7 +89,7 @@ public:
   ZlibDecoder& operator=(ZlibDecoder&&) = delete;
 
   std::size_t decode(FseqBlockInput& input, std::uint8_t* out, std::size_t size) override {
-    // A stream holds no more than the bytes wanted at once, which are kPiece at most.
+    // No more than kPiece, see FseqFrames::next().
     stream.next_out = out;
     stream.avail_out = static_cast<uInt>(size);
     while (!ended && stream.avail_out == size) {
@@ -100,7 +100,8 @@ public:
       input.take(input.available() - stream.avail_in);
       ended = result == Z_STREAM_END;
       if (result == Z_BUF_ERROR && !has_input) break;
-      if (!ended && result != Z_OK && result != Z_BUF_ERROR)
+      // What came before the damage is delivered first; the next call meets it again.
+      if (!ended && result != Z_OK && result != Z_BUF_ERROR && stream.avail_out == size)
         throw FseqDamage(std::string("zlib: ") + (stream.msg == nullptr ? "not a whole stream" : stream.msg));
     }
     return size - stream.avail_out;
