@@ -92,7 +92,8 @@ def test_an_export_replaces_a_file_only_with_force(cue, tmp_path):
 
 def test_an_export_says_what_the_format_does_not_hold(tmp_path):
     path = tmp_path / "show.cue"
-    path.write_bytes(recording([(art_dmx(0, b"ab", sequence=1), 0), (art_dmx(0, b"cd", sequence=2), 5 * MS), (art_dmx(3, b"ef"), 2_500_001)]))
+    first, second = art_dmx(0, b"ab", sequence=1), art_dmx(0, b"cd", sequence=2)
+    path.write_bytes(recording([(first, 0), (second, 5 * MS), (art_dmx(3, b"ef"), 2_500_001)]))
     out, _ = run("export", path, "--format", "fseq", "-o", tmp_path / "out.fseq")
     assert out.decode().split("\n")[1:-1] == [
         "  not in it: the times of 2 datagrams to up to 20.0 ms, the later begin of 1 universe (filled with 0), "
