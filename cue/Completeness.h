@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "cue/SequenceCounter.h"
 
@@ -54,7 +55,7 @@ private:
   /// Two counters, each datagram given to the one that it fits better.
   class Pair {
   public:
-    explicit Pair(const SequenceCounter& so_far) : first(so_far) {}
+    explicit Pair(SequenceCounter so_far) : first(std::move(so_far)) {}
     void add(const NumberedPacket& packet);
     void count_zero();
     std::uint64_t switches() const { return changes; }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <utility>
 
 namespace cue {
@@ -51,7 +50,7 @@ std::string peek(ByteSource& source, std::size_t size) {
                                                                      std::size_t wanted) mutable {
     const std::size_t count = std::min(wanted, front.size() - given);
     if (count == 0) return rest(bytes, wanted);
-    memcpy(bytes, front.data() + given, count);
+    std::copy_n(front.begin() + static_cast<std::ptrdiff_t>(given), count, bytes);
     given += count;
     return count;
   };

@@ -15,7 +15,7 @@ namespace {
 constexpr std::int64_t kUnchanged = 4 * kSecond;
 constexpr std::int64_t kWholeCount = 255;
 constexpr std::int64_t kFastest = kSecond / 1000;
-constexpr std::int64_t kLongest = 24 * 3600 * kSecond;
+constexpr std::int64_t kLongest = std::int64_t{24} * 3600 * kSecond;
 
 constexpr std::size_t kSequenceOffset = offsetof(ArtDmx, sequence);
 

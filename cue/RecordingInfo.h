@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "cue/Completeness.h"
-#include "cue/DatagramWalk.h"
 #include "cue/GoodRecords.h"
 #include "cue/Intervals.h"
 #include "cue/RecordingReader.h"
 
 namespace cue {
+
+struct DmxPacket;
 
 /// Figures of one universe in a recording. Times in ns since the first datagram of the recording.
 struct UniverseInfo {

@@ -121,8 +121,8 @@ void write_json(std::ostream& out, const cue::UniverseInfo& universe) {
       << ", \"longest_gap_ns\": " << universe.longest_gap << ", \"fewest_slots\": " << universe.fewest_slots
       << ", \"most_slots\": " << universe.most_slots << ", \"interval_p50_ns\": " << universe.median_interval
       << ", \"interval_p99_ns\": " << universe.p99_interval << ", \"pauses\": " << universe.pauses
-      << ", \"counting\": \"" << cue::counting_name(universe.sequence.counting)
-      << "\", \"not_numbered\": " << universe.sequence.not_numbered
+      << ", \"counting\": " << json_string(cue::counting_name(universe.sequence.counting))
+      << ", \"not_numbered\": " << universe.sequence.not_numbered
       << ", \"unproved_pauses\": " << universe.sequence.unproved_pauses << ", ";
   write_json(out, universe.sequence.figures);
   out << "}";
