@@ -6,6 +6,7 @@
 
 #include "cue/CueError.h"
 #include "cue/DatagramWalk.h"
+#include "cue/Edit.h"
 #include "cue/RecordingInfo.h"
 #include "cue/Time.h"
 
@@ -64,8 +65,7 @@ void Player::send(const Bytes& datagram, Time deadline, std::uint64_t offset) {
       throw CueError(options.file.name() + ": byte " + std::to_string(offset) +
                      ": not sent: " + std::generic_category().message(error));
     if (play.failed++ == 0) {
-      play.first_error = error;
-      play.first_failed_offset = offset;
+      play.first_failure = {error, offset, play.position};
     }
     return;
   }
@@ -106,7 +106,7 @@ bool Player::play_pass() {
   // A pass that reaches its stop time lasts until then, any other until its last datagram and the gap after
   // it.
   const std::int64_t length = reached_stop ? *options.selection.stop - options.selection.start
-                                           : add_times(end - options.selection.start, options.gap);
+                                           : add_times(end - options.selection.start, options.gap.value_or(default_gap()));
   pass_start = after(pass_start, at_speed(length));
   return true;
 }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "cue/DatagramSender.h"
-#include "cue/Edit.h"
+#include "cue/GoodRecords.h"
 #include "cue/Lateness.h"
 #include "cue/RecordingReader.h"
 #include "cue/Selection.h"
@@ -18,13 +18,32 @@
 namespace cue {
 
 struct PlayOptions {
-  Input file;
+  Input file;  // read again for each pass: see Input::keep()
   Selection selection;
   int speed = 0;                           // per cent: 100 plays in half the time, -100 in twice the time
-  std::optional<std::uint64_t> loops = 1;  // passes; nothing: until stopped
-  std::int64_t gap = default_gap();        // ns from the last datagram of a pass to the first of the next
-  int hold_rate = 0;      // repeats of the last looks per second after the end, until stopped; 0: none
-  bool blackout = false;  // zeros to every universe at the end
+  std::optional<double> factor;            // times as fast, above 0, instead of speed
+  std::optional<std::uint64_t> loops = 1;  // passes, at least 1; nothing: until stopped
+  std::optional<std::int64_t> gap;  // ns after each pass; nothing: one frame after the last datagram, and
+                                    // none after selection.stop
+  bool look = true;           // each pass, and what follows a jump, begins with the look there
+  std::int64_t fade_in = 0;   // ns from the start
+  std::int64_t fade_out = 0;  // ns up to the end of the last pass; none when loops are endless
+  int hold_rate = 0;          // repeats of the last looks per second after the end, until stopped; 0: none
+  bool blackout = false;      // zeros to every universe at the end, three times within 100 ms
+  bool sync = false;          // an ArtSync after each burst, before a gap of more than 2 ms
+  OnDamage on_damage;         // called once for each damage; empty: an error after the good part
+};
+
+/// What an operator wants of a playback.
+struct PlayCommand {
+  enum class Kind {
+    Pause,  // stand at this look, or go on
+    Seek,   // jump by `by`, within the selection
+    Home,   // jump to the start
+    Quit,   // end the playback, with hold and black-out as they were chosen; during a hold: end that
+  };
+  Kind kind = Kind::Pause;
+  std::int64_t by = 0;  // Seek: ns in the recording, negative: back
 };
 
 /// The clock of a playback; tests have their own.
@@ -51,15 +70,27 @@ public:
   void spin_until(kesto::Clock::time_point time) override { kesto::wait_until(time); }
 };
 
+/// A datagram that was not sent.
+struct SendFailure {
+  int error = 0;              // errno
+  std::uint64_t offset = 0;   // in the file: of the last datagram of the recording by then
+  std::int64_t position = 0;  // ns in the recording
+};
+
 /// State of a playback.
 struct PlayState {
-  std::int64_t position = 0;  // ns in the recording
-  std::uint64_t pass = 0;     // from 1
-  std::uint64_t offset = 0;   // in the file
-  Lateness lateness;
-  std::uint64_t failed = 0;  // datagrams that were not sent
-  int first_error = 0;       // errno of the first of them
-  std::uint64_t first_failed_offset = 0;
+  std::int64_t position = 0;            // ns in the recording
+  std::uint64_t pass = 0;               // from 1
+  std::optional<std::uint64_t> passes;  // nothing: until stopped
+  std::uint64_t offset = 0;             // in the file
+  std::uint64_t selected = 0;           // datagrams of the recording so far, of all passes
+  std::uint64_t sent = 0;               // of these, and inserted ones (looks, fades, hold); no ArtSync
+  Lateness lateness;                    // of the datagrams sent, without the repeats of pauses and fades
+  std::uint64_t failed = 0;             // datagrams that were not sent
+  SendFailure first_failure;
+  SendFailure last_failure;
+  std::uint64_t damaged = 0;  // places of damage passed over
+  bool paused = false;
   bool holding = false;
 };
 
@@ -76,8 +107,12 @@ public:
   /// Called now and then when the next datagram is not due soon.
   std::function<void(const PlayState&)> on_idle;
 
+  /// Asked for the commands of an operator at least every 20 ms, until it has none. May be empty. Must be set
+  /// before run().
+  std::function<std::optional<PlayCommand>()> next_command;
+
   /// Plays to the end or until stopped. @throws CueError when the file is damaged or cannot be read, after
-  /// its good part, and when the very first datagram cannot be sent
+  /// its good part, when it holds nothing of the selection, and when the very first datagram cannot be sent
   void run();
 
   const PlayState& state() const { return play; }

@@ -19,6 +19,14 @@ std::optional<std::uint16_t> parse_universe(const std::string& word) {
   return static_cast<std::uint16_t>(universe - 1);
 }
 
+template <typename Gap>
+void add_gap_to(CLI::App& command, Gap& gap, const std::string& between) {
+  add_parsed<std::int64_t>(
+      command, "--gap", parse_time, [&gap](std::int64_t time) { gap = time; }, kTimeWords,
+      "Pause between two " + between + "; without it one frame at 44 Hz")
+      ->type_name("TIME");
+}
+
 }  // namespace
 
 CLI::App* add_command(CLI::App& app, const std::string& name, const std::string& description,
@@ -62,10 +70,11 @@ CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_
 }
 
 void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between) {
-  add_parsed<std::int64_t>(
-      command, "--gap", parse_time, [&gap](std::int64_t time) { gap = time; }, kTimeWords,
-      "Pause between two " + between + "; without it one frame at 44 Hz")
-      ->type_name("TIME");
+  add_gap_to(command, gap, between);
+}
+
+void add_gap(CLI::App& command, std::optional<std::int64_t>& gap, const std::string& between) {
+  add_gap_to(command, gap, between);
 }
 
 CLI::Option* add_input(CLI::App& command, const std::string& name, cue::Input& input,

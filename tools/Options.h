@@ -51,6 +51,7 @@ CLI::Option* add_universe(CLI::App& command, std::optional<std::uint16_t>& port_
 
 /// --gap. @param between  the things that it separates
 void add_gap(CLI::App& command, std::int64_t& gap, const std::string& between);
+void add_gap(CLI::App& command, std::optional<std::int64_t>& gap, const std::string& between);
 
 /// -o and --force.
 CLI::Option* add_output(CLI::App& command, cue::Output& output);

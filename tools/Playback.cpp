@@ -123,9 +123,9 @@ int play(const Playback& playback, const std::atomic<bool>& stop, std::ostream& 
   finish_line();
   const cue::PlayState& state = player.state();
   if (state.failed == 0) return 0;
-  err << "kadrel-cue: " << playback.options.file.name() << ": byte " << state.first_failed_offset << ": "
+  err << "kadrel-cue: " << playback.options.file.name() << ": byte " << state.first_failure.offset << ": "
       << state.failed
-      << " datagrams were not sent, the first: " << std::generic_category().message(state.first_error)
+      << " datagrams were not sent, the first: " << std::generic_category().message(state.first_failure.error)
       << "\n";
   return 1;
 }

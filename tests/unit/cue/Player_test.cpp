@@ -260,8 +260,8 @@ TEST_F(PlayerTest, GoesOnWhenALaterDatagramCannotBeSent) {
   sink.on_send = [&call] { return ++call == 2 ? ENETUNREACH : 0; };
   EXPECT_EQ(play(), (std::vector<Sent>{{0, dmx("a")}, {10, dmx("c")}}));
   EXPECT_EQ(state.failed, 1U);
-  EXPECT_EQ(state.first_error, ENETUNREACH);
-  EXPECT_EQ(state.first_failed_offset, 37U);
+  EXPECT_EQ(state.first_failure.error, ENETUNREACH);
+  EXPECT_EQ(state.first_failure.offset, 37U);
 }
 
 TEST_F(PlayerTest, TellsOfItsStateOnlyWhenThereIsTime) {
