@@ -21,9 +21,14 @@ constexpr off_t kReadAhead = off_t{1} << 20;
 
 class OpenFile {
 public:
-  OpenFile(int opened, std::string file_name, OnReading callback)
-      : fd(opened), name(std::move(file_name)), on_reading(std::move(callback)) {
+  OpenFile(int opened, std::string file_name, off_t offset, OnReading callback)
+      : fd(opened), name(std::move(file_name)), on_reading(std::move(callback)), position(offset) {
     if (fd == -1) throw file_error(name, errno);
+    if (offset > 0 && lseek(fd, offset, SEEK_SET) == -1) {
+      const int error = errno;
+      close(fd);
+      throw file_error(name, error);
+    }
     struct stat status {};
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))
       whole = static_cast<std::uint64_t>(status.st_size);
@@ -53,7 +58,7 @@ private:
   int fd;
   std::string name;
   OnReading on_reading;
-  off_t position = 0;
+  off_t position;
   std::optional<std::uint64_t> whole;  // size of a regular file
 };
 
@@ -93,7 +98,7 @@ void write_all(int fd, const std::uint8_t* bytes, std::size_t size) {
 Input::Input(std::string path)
     : file_path(std::move(path)), shown(file_path == kStandardInput ? "standard input" : file_path) {}
 
-ByteSource Input::open() const {
+ByteSource Input::open(std::uint64_t offset) const {
   int fd = -1;
   if (kept)
     fd = open_again(*kept);
@@ -102,7 +107,7 @@ ByteSource Input::open() const {
   else
     fd = ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC);
   // Shared, because a std::function must be copyable.
-  auto file = std::make_shared<OpenFile>(fd, shown, on_reading);
+  auto file = std::make_shared<OpenFile>(fd, shown, static_cast<off_t>(offset), on_reading);
   return [file](std::uint8_t* bytes, std::size_t size) { return file->read(bytes, size); };
 }
 

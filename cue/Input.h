@@ -38,9 +38,9 @@ public:
   /// As messages call it: the path, or "standard input".
   const std::string& name() const { return shown; }
 
-  /// Reads from the front. What cannot be rewound (a pipe, a terminal) can be opened once, unless keep() came
-  /// before. @throws CueError
-  ByteSource open() const;
+  /// Reads from byte @p offset on. What cannot be rewound (a pipe, a terminal) can be opened once, unless keep() came
+  /// before, and only from the front. @throws CueError
+  ByteSource open(std::uint64_t offset = 0) const;
 
   /// Has @p callback called while the input is read, for as long as there are readers.
   void watch(OnReading callback) { on_reading = std::move(callback); }

@@ -1,5 +1,7 @@
 #include "cue/Looks.h"
 
+#include <cmath>
+
 #include "cue/DatagramWalk.h"
 
 namespace cue {
@@ -12,6 +14,16 @@ constexpr std::size_t kSequenceOffset = offsetof(ArtDmx, sequence);
 void Looks::take(const Bytes& datagram) {
   for_each_dmx(datagram.data, datagram.size, [&](const DmxPacket& packet) {
     packets[packet.port_address].assign(datagram.data + packet.offset, datagram.data + packet.end());
+  });
+}
+
+void scale_levels(std::uint8_t* datagram, std::size_t size, double level) {
+  constexpr std::uint32_t kWhole = 1U << 16;
+  const auto part = static_cast<std::uint32_t>(std::lround(level * kWhole));
+  for_each_dmx(datagram, size, [&](const DmxPacket& packet) {
+    std::uint8_t* const slots = datagram + packet.offset + kDmxHeaderSize;
+    for (std::size_t slot = 0; slot < packet.slots; ++slot)
+      slots[slot] = static_cast<std::uint8_t>((slots[slot] * part + kWhole / 2) >> 16);
   });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -22,6 +23,9 @@ public:
 private:
   std::map<std::uint16_t, std::vector<std::uint8_t>> packets;
 };
+
+/// Scales the levels of every ArtDmx of a datagram, rounded to the nearest. @param level  0..1
+void scale_levels(std::uint8_t* datagram, std::size_t size, double level);
 
 /// Sequence numbers of what is sent or written, counted for each universe (Art-Net 4, ArtDmx: 1..255 and then
 /// 1 again; 0: the sender does not count, and stays 0).

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,7 +10,8 @@
 #include "cue/DatagramSender.h"
 #include "cue/GoodRecords.h"
 #include "cue/Lateness.h"
-#include "cue/RecordingReader.h"
+#include "cue/Looks.h"
+#include "cue/PassReader.h"
 #include "cue/Selection.h"
 #include "kesto/delay.h"
 
@@ -25,13 +25,13 @@ struct PlayOptions {
   std::optional<std::uint64_t> loops = 1;  // passes, at least 1; nothing: until stopped
   std::optional<std::int64_t> gap;  // ns after each pass; nothing: one frame after the last datagram, and
                                     // none after selection.stop
-  bool look = true;           // each pass, and what follows a jump, begins with the look there
-  std::int64_t fade_in = 0;   // ns from the start
-  std::int64_t fade_out = 0;  // ns up to the end of the last pass; none when loops are endless
-  int hold_rate = 0;          // repeats of the last looks per second after the end, until stopped; 0: none
-  bool blackout = false;      // zeros to every universe at the end, three times within 100 ms
-  bool sync = false;          // an ArtSync after each burst, before a gap of more than 2 ms
-  OnDamage on_damage;         // called once for each damage; empty: an error after the good part
+  bool look = true;                 // each pass, and what follows a jump, begins with the look there
+  std::int64_t fade_in = 0;         // ns from the start
+  std::int64_t fade_out = 0;        // ns up to the end of the last pass; none when loops are endless
+  int hold_rate = 0;      // repeats of the last looks per second after the end, until stopped; 0: none
+  bool blackout = false;  // zeros to every universe at the end, three times within 100 ms
+  bool sync = false;      // an ArtSync after each burst, before a gap of more than 2 ms
+  OnDamage on_damage;     // called once for each damage; empty: an error after the good part
 };
 
 /// What an operator wants of a playback.
@@ -120,25 +120,74 @@ public:
 private:
   using Time = kesto::Clock::time_point;
 
-  bool play_pass();
-  bool wait(Time deadline);
-  void send(const Bytes& datagram, Time deadline, std::uint64_t offset);
-  void remember(const Bytes& datagram);
+  /// Whether a pause takes effect during a wait.
+  enum class Pausing { Yes, No };
+
+  void play_passes();
+  std::optional<Time> play_pass(std::optional<Time> arrival);
+  void begin_at(const Looks& look, std::int64_t position, std::optional<Time> arrival);
+  void send_look(const Looks& look, std::int64_t spread);
+  bool play_on();
+  bool is_last_pass() const { return options.loops && play.pass >= *options.loops; }
+  Time next_arrival() const;
+
+  bool leaving() const { return stop || quit || jump; }
+  bool wait(std::int64_t ns, Pausing pausing);
+  void stand();
+  void rest(Time next, Time now);
+  void take_commands(Time now);
+  void obey(const PlayCommand& command, Time now);
+  void pause_or_go_on(Time now);
+
+  bool fading(Time now) const;
+  double level_at(Time time) const;
+  double level_out(Time time) const;
+  void repeat_faded(Time now);
+
+  bool send(const Bytes& datagram, Time due, double level);
+  void send_timed(const Bytes& datagram, Time due);
+  void send_all(Time due, double level);
+  void sync_before(Time next);
+  void note_failure(int error);
+
   void hold();
   void black_out();
-  void advance_sequence(std::vector<std::uint8_t>& look) const;
+
   Time after(Time time, std::int64_t ns) const;
   std::int64_t at_speed(std::int64_t ns) const;
+  std::int64_t position_at(Time now) const;
 
   const PlayOptions& options;
   DatagramSink& sink;
   PlayClock& clock;
   const std::atomic<bool>& stop;
-  Selector selector;
   PlayState play;
-  Time pass_start;
-  Time last_deadline;
-  std::map<std::uint16_t, std::vector<std::uint8_t>> looks;  // last ArtDmx sent, by port-address
+  PassReader records;
+  SequenceNumbers numbers;
+
+  // The recording's time origin_position is sent at the time origin.
+  Time origin;
+  std::int64_t origin_position = 0;
+  Time pass_began;
+  Time last_due;          // of the last datagram sent
+  bool unsynced = false;  // an ArtSync is due after it
+  bool keeps_looks = false;
+  Looks looks;  // as sent last, before fading
+
+  Time next_poll;
+  Time paused_at;
+  bool quit = false;
+  std::optional<std::int64_t> jump;  // to this position
+
+  std::optional<Time> fade_start;  // nothing: not yet
+  bool fade_in_done = false;
+  std::optional<PassReader::End> last_end;  // of the last pass, while the fade-out may come
+  double level_after = 1;                   // when it cannot come any more
+  Time next_repeat;                         // of the looks during a fade
+  Time repeat_time;                         // of the running repeat
+  std::uint32_t repeat_from = 0;            // port-address
+
+  std::vector<std::uint8_t> packet;  // the datagram that is sent
 };
 
 }  // namespace cue
