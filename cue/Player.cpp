@@ -132,8 +132,10 @@ void Player::pause_or_go_on(Time now) {
 
 /// Waits until @p ns after the origin. @return false when the position is left before
 bool Player::wait(std::int64_t ns, Pausing pausing) {
-  for (;;) {
-    const Time now = clock.now();
+  // Within a burst, and when it is late, the clock has already shown that the time has come.
+  Time now = seen;
+  for (bool first = true;; first = false) {
+    if (!first || now < after(origin, ns)) now = seen = clock.now();
     take_commands(now);
     if (leaving()) return false;
     if (play.paused && pausing == Pausing::Yes) {
@@ -253,9 +255,13 @@ bool Player::send(const Bytes& datagram, Time due, double level) {
   return false;
 }
 
+void Player::note_lateness(Time due) {
+  seen = clock.now();
+  play.lateness.add(std::max<std::int64_t>(0, (seen - due).count()));
+}
+
 void Player::send_timed(const Bytes& datagram, Time due) {
-  if (send(datagram, due, level_at(due)))
-    play.lateness.add(std::max<std::int64_t>(0, (clock.now() - due).count()));
+  if (send(datagram, due, level_at(due))) note_lateness(due);
   if (keeps_looks) looks.take(datagram);
 }
 
@@ -372,8 +378,7 @@ void Player::hold() {
   for (std::int64_t ns = period; wait(ns, Pausing::No); ns = add_times(ns, period)) {
     const Time due = after(origin, ns);
     for (const auto& [port_address, look] : looks.all()) {
-      if (send(bytes_of(look), due, level_at(due)))
-        play.lateness.add(std::max<std::int64_t>(0, (clock.now() - due).count()));
+      if (send(bytes_of(look), due, level_at(due))) note_lateness(due);
     }
   }
 }

@@ -145,6 +145,7 @@ private:
   void repeat_faded(Time now);
 
   bool send(const Bytes& datagram, Time due, double level);
+  void note_lateness(Time due);
   void send_timed(const Bytes& datagram, Time due);
   void send_all(Time due, double level);
   void sync_before(Time next);
@@ -174,6 +175,7 @@ private:
   bool keeps_looks = false;
   Looks looks;  // as sent last, before fading
 
+  Time seen;  // what the clock has shown last
   Time next_poll;
   Time paused_at;
   bool quit = false;
