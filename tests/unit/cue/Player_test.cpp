@@ -335,6 +335,21 @@ TEST_F(PlayerTest, SaysThatNoDatagramLiesBetweenStartAndStop) {
             options.file.path() + ": nothing to play: it holds no datagram from 3.000 s on before 4.000 s");
 }
 
+TEST_F(PlayerTest, SaysThatNoDatagramLiesBeforeTheStop) {
+  record({{dmx("a"), 0}});
+  options.selection.stop = 0;
+  EXPECT_EQ(unit::error_of([this] { play(); }),
+            options.file.path() + ": nothing to play: it holds no datagram before 0.000 s");
+}
+
+TEST_F(PlayerTest, AStopEndsTheSearchForTheStartWithoutAnError) {
+  record({{dmx("a"), 0}, {dmx("b"), kSecond}});
+  options.selection.start = kSecond;
+  options.fade_out = kSecond;
+  stop = true;
+  EXPECT_EQ(play(), std::vector<Sent>{});
+}
+
 TEST_F(PlayerTest, SaysThatTheWantedUniversesAreNotThere) {
   record({{dmx("a"), 0}, {dmx("b"), 9 * kSecond}});
   options.selection.only = cue::UniverseSet();
@@ -488,7 +503,7 @@ TEST_F(PlayerTest, PlaysAtAFactor) {
   EXPECT_EQ(play().back().time, 100 * kMs);
 }
 
-TEST_F(PlayerTest, AFactorThatIsTooSlowIsAnError) {
+TEST_F(PlayerTest, AFactorNearZeroWaitsUntilStopped) {
   record({{dmx("a"), 0}, {dmx("b"), 150 * kMs}});
   options.factor = 1e-300;
   stop_at(kSecond);
@@ -517,7 +532,7 @@ TEST_F(PlayerTest, FadesOutUpToTheEndOfTheLastPass) {
   const std::vector<Sent> fade = sent_within(kSecond + kSecond / 2 + 1, 2 * kSecond);
   ASSERT_GE(fade.size(), 21U);
   for (const Sent& one : fade) {
-    const double level = 200 * static_cast<double>(2 * kSecond - one.time) / static_cast<double>(kSecond / 2);
+    const double level = 400 * static_cast<double>(2 * kSecond - one.time) / static_cast<double>(kSecond);
     EXPECT_NEAR(static_cast<std::uint8_t>(one.bytes.back()), level, 0.51) << one.time;
   }
   EXPECT_EQ(sink.sent.back(), (Sent{2 * kSecond, dmx(packets::byte(0))}));
@@ -597,7 +612,6 @@ using Kind = cue::PlayCommand::Kind;
 TEST_F(PlayerTest, StandsDuringAPauseAndGoesOnWhereItWas) {
   record({{dmx("a", 1, 7), 0}, {dmx("b", 2, 0), 0}, {dmx("c", 1, 8), kSecond}});
   command_at({{400 * kMs, {Kind::Pause}}, {2900 * kMs, {Kind::Pause}}});
-  std::vector<bool> paused;
   play();
   EXPECT_EQ(state.paused, false);
   ASSERT_EQ(sink.sent.size(), 7U);
