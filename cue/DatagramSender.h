@@ -1,10 +1,14 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "kesto/delay.h"
 
 namespace cue {
 
@@ -12,6 +16,25 @@ namespace cue {
 struct Destination {
   std::string address;
   int port = 0;
+};
+
+/// "10.0.0.9:6454".
+std::string destination_text(const Destination& destination);
+
+sockaddr_in socket_address(const Destination& destination);
+
+/// A socket for datagrams of which none waits longer than 50 ms for the network to take it: after that it is
+/// lost, so that a stop never waits for one. @throws CueError
+int open_socket();
+
+/// Datagrams that did not get through.
+struct Failures {
+  std::uint64_t count = 0;
+  int first_error = 0;  // errno of the first
+
+  void add(int error) {
+    if (count++ == 0) first_error = error;
+  }
 };
 
 /// Destination of a playback.
@@ -28,8 +51,20 @@ public:
   virtual int send(const std::uint8_t* data, std::size_t size) = 0;
 };
 
-/// Sends to an address, also a broadcast address.
-class UdpSender : public DatagramSink {
+/// Sends to one target.
+class TargetSender : public DatagramSink {
+public:
+  /// All datagrams so far that were not sent, and those that the network said it could not deliver. The
+  /// network may be silent about a datagram that is lost, and hosts say so for a part of the datagrams only.
+  virtual Failures failures() const = 0;
+
+  /// Waits until @p deadline for what the network says about the last datagrams, or until it has said
+  /// something.
+  virtual void settle(kesto::Clock::time_point deadline) = 0;
+};
+
+/// Sends to an address, also a broadcast or multicast address.
+class UdpSender : public TargetSender {
 public:
   /// @param from  source address and port, port 0 for any; nothing: any address and port
   /// @throws CueError when the socket cannot be made
@@ -40,14 +75,26 @@ public:
   UdpSender(UdpSender&&) = delete;
   UdpSender& operator=(UdpSender&&) = delete;
 
+  /// Without a route to the target it is looked for again each time.
   int send(const std::uint8_t* data, std::size_t size) override;
+  Failures failures() const override { return failed; }
+  void settle(kesto::Clock::time_point deadline) override;
+
+  /// Takes in what the network has said so far. @return messages
+  std::size_t take_refusals();
 
 private:
+  int connect_to_peer();
+  int send_once(const std::uint8_t* data, std::size_t size);
+
   int fd;
+  Destination peer;
+  bool connected = false;
+  Failures failed;
 };
 
 /// Hands every datagram over 127.0.0.1 to the service, which sends it on from the Art-Net port.
-class RelaySender : public DatagramSink {
+class RelaySender : public TargetSender {
 public:
   /// @param port             of the service
   /// @param to               must not be 127.0.0.1, its port at least 1024
@@ -55,10 +102,15 @@ public:
   /// @throws CueError when the service would refuse the destination, or the socket cannot be made
   RelaySender(int port, const Destination& to, std::uint16_t manufacturer_id);
 
+  /// The first datagram is an error when nobody listens on the port.
   int send(const std::uint8_t* data, std::size_t size) override;
+  Failures failures() const override;
+  void settle(kesto::Clock::time_point deadline) override { socket.settle(deadline); }
 
 private:
   UdpSender socket;
+  bool first = true;
+  std::uint64_t too_long = 0;         // datagrams that do not fit into a request
   std::vector<std::uint8_t> request;  // header of the request, then the datagram
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "cue/CueError.h"
 #include "unit/cue/receiver.h"
@@ -25,14 +26,47 @@ TEST(UdpSender, SendsFromTheAddressThatIsAskedFor) {
   EXPECT_EQ(receiver.sender, "127.0.0.2");
 }
 
-TEST(UdpSender, DoesNotCareWhetherAnybodyListens) {
-  int port = 0;
-  {
-    const Receiver gone("127.0.0.3");
-    port = gone.port;
-  }
+/// A port of 127.0.0.N at which nobody listens.
+int unused_port(const char* address) {
+  return Receiver(address).port;
+}
+
+kesto::Clock::time_point soon() {
+  return kesto::Clock::now() + std::chrono::seconds(10);
+}
+
+TEST(UdpSender, CountsWhatIsRefusedAndSendsOn) {
+  const int port = unused_port("127.0.0.3");
   cue::UdpSender sender({"127.0.0.3", port}, std::nullopt);
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(send(sender, dmx("abc")), 0);
+  for (std::uint64_t sent = 1; sent <= 3; ++sent) {
+    EXPECT_EQ(send(sender, dmx("abc")), 0);
+    sender.settle(soon());
+    EXPECT_EQ(sender.failures().count, sent);
+  }
+  EXPECT_EQ(sender.failures().first_error, ECONNREFUSED);
+  EXPECT_EQ(send(sender, dmx("lost")), 0);
+  Receiver late("127.0.0.3", port);
+  EXPECT_EQ(send(sender, dmx("here")), 0);
+  EXPECT_EQ(late.receive(), dmx("here"));
+}
+
+TEST(UdpSender, SettlesAtTheDeadlineWhenNothingIsSaid) {
+  const Receiver receiver("127.0.0.3");
+  cue::UdpSender sender({"127.0.0.3", receiver.port}, std::nullopt);
+  EXPECT_EQ(send(sender, dmx("abc")), 0);
+  const auto deadline = kesto::Clock::now() + std::chrono::milliseconds(2);
+  sender.settle(deadline);
+  EXPECT_EQ(sender.failures().count, 0U);
+}
+
+TEST(UdpSender, FailsWithoutARouteAndLooksForItAgain) {
+  // No host sends from a loopback address to others.
+  cue::UdpSender sender({"192.0.2.1", 6454}, cue::Destination{"127.0.0.1", 0});
+  const int error = send(sender, dmx("abc"));
+  EXPECT_NE(error, 0);
+  EXPECT_EQ(send(sender, dmx("abc")), error);
+  EXPECT_EQ(sender.failures().count, 2U);
+  EXPECT_EQ(sender.failures().first_error, error);
 }
 
 TEST(UdpSender, NamesAnAddressThatItCannotSendFrom) {
@@ -57,6 +91,15 @@ TEST(RelaySender, AsksTheServiceToSend) {
   EXPECT_EQ(send(sender, std::string(8167, 'x')), 0);
   EXPECT_EQ(service.receive().size(), 8191U);
   EXPECT_EQ(send(sender, std::string(8168, 'x')), EMSGSIZE);
+  EXPECT_EQ(sender.failures().count, 1U);
+  EXPECT_EQ(sender.failures().first_error, EMSGSIZE);
+}
+
+TEST(RelaySender, FailsAtOnceWhereNoServiceListens) {
+  cue::RelaySender sender(unused_port("127.0.0.1"), {"10.77.255.255", 6454}, 0x1234);
+  EXPECT_EQ(send(sender, dmx("abc")), ECONNREFUSED);
+  EXPECT_EQ(sender.failures().count, 1U);
+  EXPECT_EQ(sender.failures().first_error, ECONNREFUSED);
 }
 
 TEST(RelaySender, RefusesWhatTheServiceWouldNotSend) {

@@ -7,16 +7,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 
 namespace unit {
 
-/// A socket at 127.0.0.N that is read with a deadline.
+/// A socket at an address of this host, or of a group, that is read with a deadline.
 class Receiver {
 public:
-  explicit Receiver(const char* address) : fd(socket(AF_INET, SOCK_DGRAM, 0)) {
+  /// @param wanted_port  0: any
+  explicit Receiver(const char* address, int wanted_port = 0) : fd(socket(AF_INET, SOCK_DGRAM, 0)) {
     sockaddr_in here{};
     here.sin_family = AF_INET;
+    here.sin_port = htons(static_cast<std::uint16_t>(wanted_port));
     inet_pton(AF_INET, address, &here.sin_addr);
     EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&here), sizeof here), 0);
     socklen_t size = sizeof here;
@@ -43,6 +46,8 @@ public:
     sender = inet_ntop(AF_INET, &source.sin_addr, text, sizeof text);
     return bytes;
   }
+
+  int descriptor() const { return fd; }
 
   int port = 0;
   std::string sender;  // of the last datagram
