@@ -41,7 +41,7 @@ def test_a_report_that_cannot_be_written_is_no_success(cue, command):
 
 def test_closed_standard_descriptors_are_not_taken_by_the_network(world, cue):
     process = world.namespaces.popen(
-        ["sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-', CUE, "play", cue, "--to", "127.0.0.1", "--hold"],
+        ["sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-', CUE, "play", cue, "--to", "127.255.255.255", "--hold"],
         env={"PATH": os.environ["PATH"], **environment()},
     )
 

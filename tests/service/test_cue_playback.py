@@ -1,18 +1,14 @@
 """kadrel-cue beside the service: it plays exactly what was recorded, and other programs can read its exports."""
 
 import json
-import os
 import signal
-import subprocess
 from pathlib import Path
 
 import pytest
-from harness import APPLIANCE, ARTNET_PORT, CONSOLE, EXECUTABLE, Recording
+from cue_tool import Tool
+from harness import APPLIANCE, ARTNET_PORT, CONSOLE, Recording
 from harness.artnet import art_dmx, art_poll, oem_vfps_ns, port_address_of, slots
-from harness.sanitizers import environment, report_in
 
-CUE = EXECUTABLE.parent / "kadrel-cue"
-DEADLINE = 20
 FRAMES = [[number % 256, 255 - number % 256, *([number % 7] * 30)] for number in range(40)]
 
 # Datagrams whose end is hard to find.
@@ -26,43 +22,6 @@ ODD_DATAGRAMS = [
     art_dmx(7, b"Art-Net\0") + art_poll(),
     art_dmx(8, b"\1\2"),
 ]
-
-
-class Tool:
-    """kadrel-cue inside a world."""
-
-    def __init__(self, world):
-        self.world = world
-
-    def start(self, *arguments, host="appliance"):
-        return self.world.namespaces.popen(
-            [str(CUE), *map(str, arguments)],
-            network=host,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            env={"PATH": os.environ.get("PATH", "/usr/bin:/bin"), **environment()},
-        )
-
-    def finish(self, process):
-        """Exit code, standard output and standard error."""
-        try:
-            out, errors = process.communicate(timeout=DEADLINE)
-        finally:
-            if process.poll() is None:
-                process.kill()
-                process.wait()
-        assert report_in(errors) is None, errors
-        return process.returncode, out, errors
-
-    def __call__(self, *arguments, host="appliance"):
-        return self.finish(self.start(*arguments, host=host))
-
-    def expect(self, *arguments, host="appliance"):
-        """Runs a command that must do its work without a complaint; its output."""
-        code, out, errors = self(*arguments, host=host)
-        assert (code, errors) == (0, ""), errors
-        return out
 
 
 @pytest.fixture
@@ -142,7 +101,7 @@ def test_a_playback_through_the_service_leaves_from_the_art_net_port(make_world)
     assert [datagram.data for datagram in received] == [art_dmx(100, bytes(64)), *sent[1:]]
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_a_signal_ends_an_endless_playback_in_the_dark(service, tool, number):
     look = slots({1: 255, 512: 7})
     path = record(service, "show.cue", [art_dmx(0, look, sequence=255), art_dmx(3, b"\xff\xff")])
@@ -256,7 +215,11 @@ def test_every_command_has_help_with_examples(tool):
         ([], "A subcommand is required"),
         (["play", "show.cue"], "--to is required"),
         (["play", "show.cue", "--to", "somewhere"], '"somewhere" is not an IPv4 address'),
-        (["play", "show.cue", "--to", "10.0.0.1", "--speed", "101"], "--speed: Value 101 not in range -100 to 100"),
+        (["play", "show.cue", "--to", "10.0.0.1", "--speed", "101"], '"101" is not a factor from 0.01x to 100x, or per cent'),
+        (["play", "show.cue", "--to", "10.0.0.1", "--loop", "2.5"], '"2.5" is not a number of passes (from 1 to 2^63), or forever'),
+        (["play", "show.cue", "--sacn", "--sync"], "--sync is of Art-Net and not for --sacn"),
+        (["play", "show.cue", "--to", "10.0.0.1", "--priority", "9"], "--priority requires --sacn"),
+        (["play", "show.cue", "--sacn", "--priority", "201"], "--priority: Value 201 not in range 0 to 200"),
         (["cut", "show.cue", "--start", "2", "--stop", "1", "-o", "out.cue"], "--stop is before --start"),
         (["verify", "--repair", "show.cue"], "--repair requires"),
         (["export", "show.cue"], "--pcap or --csv is needed"),

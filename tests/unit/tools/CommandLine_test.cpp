@@ -54,7 +54,8 @@ TEST(CommandLine, RefusesWordsThatDoNotGoTogether) {
       {{"cut", "a", "-o", "x", "--start", "soon"},
        "\"soon\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
       {{"plot", "a", "-o", "x", "--universe", "0"}, "\"0\" is not a universe (they count from 1)"},
-      {{"play", "a", "--to", "10.0.0.9", "--loop", "0"}, "\"0\" is not a number of passes, or forever"}};
+      {{"play", "a", "--to", "10.0.0.9", "--loop", "0"},
+       "\"0\" is not a number of passes (from 1 to 2^63), or forever"}};
   for (const auto& [words, message] : refused) {
     const Outcome outcome = run(words);
     EXPECT_EQ(outcome.code, 2);
