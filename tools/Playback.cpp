@@ -196,7 +196,9 @@ private:
   std::string reason(const cue::Failures& failures) const {
     if (playback.relay_port && failures.first_error == ECONNREFUSED)
       return "no kadrel listens on port " + std::to_string(*playback.relay_port) + " of this host";
-    return error_text(failures.first_error);
+    const bool to_groups = playback.sacn && playback.targets.empty();
+    return error_text(failures.first_error) +
+           (to_groups && failures.first_error == ENETUNREACH ? " (--from names the interface)" : "");
   }
 
   static std::size_t line_width() {

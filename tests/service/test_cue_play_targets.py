@@ -145,6 +145,19 @@ def test_the_standard_input_is_played_in_several_passes(world, tool):
     assert [node.receive().data for _ in range(4)] == [art_dmx(0, b"\1"), art_dmx(0, b"\2")] * 2
 
 
+def test_a_damaged_file_is_played_as_far_as_it_is_good(world, tool):
+    node = world.network.peer("node", NODE).endpoint(ARTNET_PORT)
+    path = world.path("damaged.cue")
+    with open(path, "wb") as file:
+        file.write(art_dmx(0, b"\1") + oem_vfps_ns(MS) + bytes(9000) + oem_vfps_ns(MS) + art_dmx(0, b"\2"))
+    code, _, errors = tool("play", path, "--to", NODE, host="console")
+    assert [node.receive().data for _ in range(2)] == [art_dmx(0, b"\1"), art_dmx(0, b"\2")]
+    assert code == 1
+    assert errors.startswith(f"kadrel-cue: {path}: byte ") and "verify --repair" in errors and errors.count("\n") == 1
+    code, _, errors = tool("play", "--strict", path, "--to", NODE, host="console")
+    assert code == 1 and "verify --repair" not in errors
+
+
 def test_a_line_on_the_standard_input_starts_a_playback(world, tool):
     node = world.network.peer("node", NODE).endpoint(ARTNET_PORT)
     path = show(world, art_dmx(0, b"\1"))

@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 from cue_tool import Tool
 from harness import APPLIANCE, ARTNET_PORT, CONSOLE, Recording
-from harness.artnet import art_dmx, art_poll, oem_vfps_ns, port_address_of, slots
+from harness.artnet import art_dmx, art_poll, dmx_data, oem_vfps_ns, port_address_of, slots
 
 FRAMES = [[number % 256, 255 - number % 256, *([number % 7] * 30)] for number in range(40)]
 
@@ -110,8 +110,11 @@ def test_a_signal_ends_an_endless_playback_in_the_dark(service, tool, number):
     datagrams_from(node, 10)
     playing.send_signal(number)
     assert tool.finish(playing) == (0, "", "")
-    *_, first, second = node.waiting()
-    assert [first.data, second.data] == [art_dmx(0, bytes(512), sequence=1), art_dmx(3, bytes(2))]
+    *_, last = node.receive_until(lambda datagram: not any(dmx_data(datagram.data)))
+    zeros = [last.data, *(datagram.data for datagram in node.waiting())]
+    begin = zeros[0][12]  # its sequence number
+    assert zeros == [art_dmx(address, bytes(size), sequence=number and (begin + turn - 1) % 255 + 1)
+                     for turn in range(3) for address, size, number in ((0, 512, 1), (3, 2, 0))]
 
 
 def test_the_last_look_is_held_until_the_tool_is_stopped(service, tool):

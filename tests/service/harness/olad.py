@@ -6,11 +6,11 @@ import subprocess
 import threading
 
 from .artnet import OP_DMX, dmx_data, opcode_of, port_address_of
-from .waiting import DEADLINE, Collector
+from .waiting import DEADLINE, Collector, spin_until
 
 # olad loads every plugin that it knows unless its file says otherwise; only Art-Net may touch this network.
 OTHER_PLUGINS = (
-    *("dmx4linux", "dummy", "e131", "espnet", "ftdidmx", "gpio", "karate", "kinet", "milinst", "nanoleaf", "opendmx"),
+    *("dmx4linux", "dummy", "espnet", "ftdidmx", "gpio", "karate", "kinet", "milinst", "nanoleaf", "opendmx"),
     *("openpixelcontrol", "osc", "pathport", "renard", "sandnet", "shownet", "spi", "stageprofi", "uartdmx", "usbdmx"),
     "usbserial",
 )
@@ -31,10 +31,11 @@ class Olad:
     """Art-Net device with four output ports (`device`), started and ready.
 
     Output port p of sub-net 0 has the port-address of the universe that it is patched to, modulo 16. Without
-    `always_broadcast` it sends only to nodes that announced the port-address.
+    `always_broadcast` it sends only to nodes that announced the port-address. With `e131_inputs` it also receives E1.31
+    on so many ports of another device (`e131_device`); such a port has the number of the universe that it is patched to.
     """
 
-    def __init__(self, world, host, always_broadcast=True, ports=4, net=0, subnet=0):
+    def __init__(self, world, host, always_broadcast=True, ports=4, net=0, subnet=0, e131_inputs=0):
         self.host = host
         self._namespaces = world.namespaces
         directory = world.path(f"ola-{host.name}")
@@ -51,6 +52,12 @@ class Olad:
             "long_name": LONG_NAME,
             "use_limited_broadcast": "false",
             "use_loopback": "false",
+        }
+        settings["ola-e131.conf"] = {
+            "enabled": str(e131_inputs > 0).lower(),
+            "ip": host.address,
+            "input_ports": e131_inputs,
+            "output_ports": 0,
         }
         for name, values in settings.items():
             with open(f"{directory}/{name}", "w", encoding="ascii") as file:
@@ -78,7 +85,13 @@ class Olad:
             lambda line: "Started ArtNet" in line, "Art-Net to start", give_up=lambda: self._process.poll() is not None
         )
         assert started, f"olad ended: {self.lines.items}"
-        (self.device,) = re.findall(r"^Device (\d+): ArtNet", self.tool("ola_dev_info"), re.MULTILINE)
+        self.device = self._device("ArtNet")
+        self.e131_device = self._device("E1.31") if e131_inputs else None
+
+    def _device(self, name):
+        """Number of the device whose name begins so, when it is there."""
+        found = spin_until(lambda: re.findall(rf"^Device (\d+): {name}", self.tool("ola_dev_info"), re.MULTILINE), name)
+        return found[0]
 
     def _read(self):
         for line in self._process.stderr:
@@ -93,6 +106,10 @@ class Olad:
     def patch(self, port, universe):
         """Gives an output port a universe of olad's own."""
         self.tool("ola_patch", "-d", self.device, "-p", str(port), "-u", str(universe))
+
+    def patch_input(self, port, universe):
+        """Has an input port of E1.31 feed a universe of olad's own."""
+        self.tool("ola_patch", "-d", self.e131_device, "-i", "-p", str(port), "-u", str(universe))
 
     def set_dmx(self, universe, values):
         """Sends one frame and keeps it as the universe's state."""
