@@ -24,17 +24,20 @@ RIGHT, LEFT, UP, DOWN, HOME = b"\x1b[C", b"\x1bOD", b"\x1b[A", b"\x1b[B", b"\x1b
 
 
 class Terminal:
-    """kadrel-cue on a terminal of its own, in its foreground."""
+    """kadrel-cue, or another command, on a terminal of its own, in its foreground."""
 
-    def __init__(self, world, *arguments, columns=120, stdin=None):
+    def __init__(self, world, *arguments, columns=120, stdin=None, command=None):
         self.controller, self._terminal = pty.openpty()
         fcntl.ioctl(self._terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         self.before = termios.tcgetattr(self._terminal)
         self.shown = b""
+        if command is None:
+            command = [str(CUE), "play", *map(str, arguments)]
+        if stdin is not None:
+            command = ["sh", "-c", 'exec "$@" <"$CUE_INPUT"', "sh", *command]
         # setsid --ctty: the terminal is the one that the program is started on.
         self.process = world.namespaces.popen(
-            ["setsid", "--ctty", str(CUE), "play", *map(str, arguments)] if stdin is None
-            else ["sh", "-c", 'exec setsid --ctty sh -c \'exec "$0" "$@" <"$CUE_INPUT"\' "$0" play "$@"', str(CUE), *map(str, arguments)],
+            ["setsid", "--ctty", *command],
             network="console", stdin=self._terminal, stdout=self._terminal, stderr=self._terminal,
             env={"PATH": os.environ["PATH"], "CUE_INPUT": str(stdin), **environment()},
         )
@@ -187,18 +190,36 @@ def test_ctrl_c_on_the_terminal_ends_in_the_dark(operate, node, path):
     assert dmx_data(node.waiting()[-1].data)[0] == 0
 
 
-def test_a_stopped_playback_gives_the_terminal_back_and_goes_on_where_it_was(operate, node, path):
-    terminal = operate(path, "--to", NODE, "--start", "40")
+def test_ctrl_z_gives_the_terminal_back_and_fg_goes_on(world, operate, node, path):
+    shell = operate(command=["bash", "--norc", "--noprofile", "--noediting", "-i"])
+    shell.press(f"{CUE} play {path} --to {NODE} --start 40\n".encode())
     node.receive()
-    spin_until(lambda: terminal.is_raw, "the keys")
-    # Without a parent that could continue it, a program is not stopped by the terminal's own signal.
-    terminal.process.send_signal(signal.SIGSTOP)
-    spin_until(lambda: "T (stopped)" in open(f"/proc/{terminal.process.pid}/status", encoding="ascii").read(), "the stop")
-    termios.tcsetattr(terminal._terminal, termios.TCSANOW, terminal.before)
-    terminal.process.send_signal(signal.SIGCONT)
-    spin_until(lambda: terminal.is_raw, "the keys")
-    terminal.press(b"q")
-    assert terminal.wait() == 0
+    spin_until(lambda: shell.is_raw, "the keys")
+    shell.press(b"\x1a")
+    shell.see(rb"Stopped")
+    spin_until(lambda: not shell.is_raw, "the terminal of the shell")
+    node.waiting()
+    shell.press(b"fg\n")
+    # First the look at the place where it was stopped.
+    assert dmx_data(node.receive().data)[0] in (40, 41)
+    spin_until(lambda: shell.is_raw, "the keys")
+    shell.press(b"q")
+    spin_until(lambda: not shell.is_raw, "the terminal of the shell")
+    shell.press(b"exit 7\n")
+    assert shell.wait() == 7
+
+
+def test_in_the_background_no_keys_are_taken(world, operate, node, path):
+    shell = operate(command=["bash", "--norc", "--noprofile", "--noediting", "-i"])
+    shell.press(f"{CUE} play {path} --to {NODE} &\n".encode())
+    assert levels_until(node, 1)[-1] == 1
+    assert not shell.is_raw
+    shell.press(b"fg\n")
+    spin_until(lambda: shell.is_raw, "the keys")
+    shell.press(b"q")
+    spin_until(lambda: not shell.is_raw, "the terminal of the shell")
+    shell.press(b"exit 7\n")
+    assert shell.wait() == 7
 
 
 def test_keys_come_from_the_terminal_when_the_recording_is_the_standard_input(operate, node, path):

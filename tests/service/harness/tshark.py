@@ -48,10 +48,10 @@ class PacketFile:
         assert outcome.returncode == 0, outcome.stderr
         return outcome.stdout
 
-    def fields(self, display_filter, *names):
-        """One tuple of field texts for every packet that tshark's filter lets through."""
+    def fields(self, display_filter, *names, options=()):
+        """One tuple of field texts for every packet that tshark's filter lets through. `options`: further ones of tshark."""
         chosen = [option for name in names for option in ("-e", name)]
-        text = self.tshark("-Y", display_filter, "-T", "fields", "-E", "separator=\x1f", "-E", "occurrence=a", *chosen)
+        text = self.tshark(*options, "-Y", display_filter, "-T", "fields", "-E", "separator=\x1f", "-E", "occurrence=a", *chosen)
         return [tuple(line.split("\x1f")) for line in text.splitlines()]
 
     def complaints(self, display_filter):
