@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "artnet/RecordingFormat.h"
 #include "artnet/RelayFormat.h"
@@ -67,8 +68,8 @@ int open_socket() {
   return fd;
 }
 
-UdpSender::UdpSender(const Destination& to, const std::optional<Destination>& from)
-    : fd(open_socket()), peer(to) {
+UdpSender::UdpSender(Destination to, const std::optional<Destination>& from)
+    : fd(open_socket()), peer(std::move(to)) {
   const int on = 1;
   setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
   // What the network says about a datagram (ICMP) then waits in a queue, and only there.

@@ -68,7 +68,7 @@ class UdpSender : public TargetSender {
 public:
   /// @param from  source address and port, port 0 for any; nothing: any address and port
   /// @throws CueError when the socket cannot be made
-  UdpSender(const Destination& to, const std::optional<Destination>& from);
+  UdpSender(Destination to, const std::optional<Destination>& from);
   ~UdpSender() override;
   UdpSender(const UdpSender&) = delete;
   UdpSender& operator=(const UdpSender&) = delete;

@@ -193,7 +193,7 @@ Keyboard::~Keyboard() {
 }
 
 /// Sets the terminal to single keys, unless it is. @return false when it belongs to another program now
-bool Keyboard::enter() {
+bool Keyboard::enter() const {
   if (!in_foreground(fd)) return false;
   if (raw_terminal != -1) return true;
   termios modes = modes_before;

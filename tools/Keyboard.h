@@ -57,7 +57,7 @@ public:
   static void restore_terminal();
 
 private:
-  bool enter();
+  bool enter() const;
 
   int fd;
   KeyParser parser;

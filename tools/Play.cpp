@@ -82,9 +82,9 @@ public:
           cue::SacnSource{cue::cid_of_this_host(), source_name, static_cast<std::uint8_t>(priority)};
 
     const int terminal = terminal_of_keys(options.file.path() == "-");
-    // The file is read again for each pass and each jump. What cannot be read again is copied first, while a
-    // signal still ends the program.
-    if (terminal != -1 || options.loops != 1) options.file.keep();
+    // The file is read again for each pass and each jump, and before a fade-out. What cannot be read again is
+    // copied first, while a signal still ends the program.
+    if (terminal != -1 || options.loops != 1 || options.fade_out > 0) options.file.keep();
     const std::atomic<bool>& stop = stop_on_signals();
     std::optional<Keyboard> keyboard;
     if (terminal != -1) playback.keyboard = &keyboard.emplace(terminal);

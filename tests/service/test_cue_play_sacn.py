@@ -40,7 +40,8 @@ def universe_of(packet):
 
 def test_tshark_reads_the_packets_of_every_universe(world, tool):
     wire = PacketFile(world, world.console_host)
-    path = show(world, art_dmx(0, bytes(range(24))), art_dmx(32767, bytes(512)), art_dmx(0, bytes(100)) + art_dmx(258, bytes(511)))
+    sent = [art_dmx(0, bytes(range(24))), art_dmx(32767, bytes(512)), art_dmx(0, bytes(100)) + art_dmx(258, bytes(511))]
+    path = show(world, *sent)
     tool.expect("play", path, "--sacn", "--from", CONSOLE, "--priority", "120", "--source-name", "Bühne links", host="console")
     wire.take()
     packets = wire.fields(
@@ -50,7 +51,8 @@ def test_tshark_reads_the_packets_of_every_universe(world, tool):
     )
     assert not wire.fields("acn && (_ws.malformed || _ws.expert)", "frame.number", options=ACN)
     cids = {packet[7] for packet in packets}
-    assert {packet[2] for packet in packets} == {str(SACN_PORT)} and {packet[5:7] for packet in packets} == {("120", "Bühne links")}
+    assert {packet[2] for packet in packets} == {str(SACN_PORT)}
+    assert {packet[5:7] for packet in packets} == {("120", "Bühne links")}
     assert len(cids) == 1 and uuid.UUID(cids.pop()).version == 5
     assert all(int(packet[1]) > 1 for packet in packets)
     streams = {}
@@ -65,7 +67,8 @@ def test_tshark_reads_the_packets_of_every_universe(world, tool):
 
 def test_a_host_gets_its_universes_by_unicast(world, tool):
     node, other = (world.network.peer(f"node{n}", f"10.77.0.3{n}").endpoint(SACN_PORT) for n in (0, 1))
-    tool.expect("play", show(world, art_dmx(0, b"\1"), art_dmx(1, b"\2")), "--sacn", "--to", NODE, "--to", "2=10.77.0.31", host="console")
+    path = show(world, art_dmx(0, b"\1"), art_dmx(1, b"\2"))
+    tool.expect("play", path, "--sacn", "--to", NODE, "--to", "2=10.77.0.31", host="console")
     for endpoint, universe, level in ((node, 1, 1), (other, 2, 2)):
         packets = [endpoint.receive().data for _ in range(4)]
         assert {universe_of(packet) for packet in packets} == {universe}

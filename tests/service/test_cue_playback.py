@@ -219,7 +219,7 @@ def test_every_command_has_help_with_examples(tool):
         (["play", "show.cue"], "--to is required"),
         (["play", "show.cue", "--to", "somewhere"], '"somewhere" is not an IPv4 address'),
         (["play", "show.cue", "--to", "10.0.0.1", "--speed", "101"], '"101" is not a factor from 0.01x to 100x, or per cent'),
-        (["play", "show.cue", "--to", "10.0.0.1", "--loop", "2.5"], '"2.5" is not a number of passes (from 1 to 2^63), or forever'),
+        (["play", "show.cue", "--to", "10.0.0.1", "--loop", "2.5"], '"2.5" is not a number of passes (from 1 to 2^63)'),
         (["play", "show.cue", "--sacn", "--sync"], "--sync is of Art-Net and not for --sacn"),
         (["play", "show.cue", "--to", "10.0.0.1", "--priority", "9"], "--priority requires --sacn"),
         (["play", "show.cue", "--sacn", "--priority", "201"], "--priority: Value 201 not in range 0 to 200"),
