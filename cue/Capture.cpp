@@ -5,6 +5,7 @@
 
 #include "artnet/RecordingFormat.h"
 #include "cue/CueError.h"
+#include "cue/DatagramBounds.h"
 #include "cue/DatagramWalk.h"
 #include "cue/Text.h"
 
@@ -115,6 +116,14 @@ bool CaptureReader::take_artnet(const Bytes& payload, ForeignDatagram& datagram)
   ++count.artnet;
   datagram.data = payload.data;
   datagram.size = payload.size;
+  if (bounds_of(payload.data, payload.size).size == payload.size) return true;
+  ++count.packets_alone;
+  packets.clear();
+  for_each_dmx(payload.data, payload.size, [&](const DmxPacket& packet) {
+    packets.insert(packets.end(), payload.data + packet.offset, payload.data + packet.end());
+  });
+  datagram.data = packets.data();
+  datagram.size = packets.size();
   return true;
 }
 
@@ -223,6 +232,7 @@ bool CaptureReader::next(ForeignDatagram& datagram) {
 std::vector<std::string> CaptureReader::losses() const {
   Words words;
   words.add(count.refused, "datagram", " without a whole ArtDmx left out");
+  words.add(count.packets_alone, "datagram", " without the bytes that belong to no packet");
   words.add(count.too_long, "datagram", " longer than a recording can hold left out");
   words.add(decoder.incomplete(), "datagram", " left out of which fragments are missing");
   words.add(count.cut, "datagram", " cut off by the capture left out");

@@ -29,9 +29,10 @@ struct CaptureOptions {
 /// Makes datagrams of the Art-Net or E1.31 in a capture.
 ///
 /// Art-Net is taken as the recorder would write it: every datagram with a whole ArtDmx, at most
-/// kLongestDatagram bytes. Of E1.31, every data packet with start code 0 for live output becomes an ArtDmx of
-/// the same levels, universe n becomes port-address n-1, sequence numbers keep their steps (see SequencePair)
-/// for each source. A datagram in fragments has the time at which it is complete.
+/// kLongestDatagram bytes. Of one with bytes that no recording could tell from damage (DatagramBounds), the
+/// ArtDmx packets alone are taken. Of E1.31, every data packet with start code 0 for live output becomes an
+/// ArtDmx of the same levels, universe n becomes port-address n-1, sequence numbers keep their steps (see
+/// SequencePair) for each source. A datagram in fragments has the time at which it is complete.
 class CaptureReader : public ForeignReader {
 public:
   /// @param name  of the file in messages
@@ -57,6 +58,7 @@ private:
     std::uint64_t artnet = 0;  // taken
     std::uint64_t sacn = 0;    // taken
     std::uint64_t refused = 0;
+    std::uint64_t packets_alone = 0;  // datagrams of which only the ArtDmx packets are taken
     std::uint64_t too_long = 0;
     std::uint64_t cut = 0;
     std::uint64_t other_senders = 0;
@@ -95,6 +97,7 @@ private:
   std::optional<std::int64_t> first_time;  // ns since 1970
   std::int64_t last_time = 0;              // ns since the first
   ArtDmx dmx{};
+  std::vector<std::uint8_t> packets;  // ArtDmx packets of one datagram
 };
 
 }  // namespace cue

@@ -54,8 +54,10 @@ public:
     clear_away_on_signals();
     const Progress progress(out, err, files);
     if (repair) options.repaired = repaired_file;
+    // What is said goes beside the repaired recording, not into it.
+    std::ostream& words = repair ? summary_of(repaired_file, out, err) : out;
     const cue::VerifyReport report{
-        [&out](const std::string& line) { out << line << "\n"; },
+        [&words](const std::string& line) { words << line << "\n"; },
         [&err](const std::string& line) { err << "kadrel-cue: " << line << "\n"; }};
     int code = 0;
     for (const cue::Input& file : files) {
@@ -71,7 +73,7 @@ public:
         if (repair ? !verified.repaired : !verified.whole) code = 1;
         cue::RecordingInfo info = counter.result();
         info.damage = first;
-        if (!tell_completeness(out, file, info)) code = 1;
+        if (!tell_completeness(words, file, info)) code = 1;
       } catch (const cue::CueError& error) {
         report.damage(error.what());
         code = 1;

@@ -226,7 +226,7 @@ def test_every_command_has_help_with_examples(tool):
         (["cut", "show.cue", "--start", "2", "--stop", "1", "-o", "out.cue"], "--stop is before --start"),
         (["verify", "--repair", "show.cue"], "--repair requires"),
         (["export", "show.cue"], "--pcap or --csv is needed"),
-        (["export", "show.cue", "--pcap", "here", "--csv", "./here"], "--pcap and --csv name the same file"),
+        (["export", "show.cue", "--pcap", "here", "--csv", "./here"], "two outputs name the same file"),
     ],
 )
 def test_a_command_line_that_is_not_understood_ends_with_2(tool, arguments, message):

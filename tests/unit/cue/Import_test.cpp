@@ -96,6 +96,14 @@ TEST_F(Import, TakesWhatTheRecorderWouldRecord) {
   EXPECT_EQ(imported.breaks_off, "");
 }
 
+TEST_F(Import, LeavesBytesOutThatReadLikeDamage) {
+  const std::string odd = dmx("a") + "tail" + dmx("b") + std::string(600, '\0');
+  const std::string show = import(pcap_head() + frame(ethernet(ip(odd))) + frame(ethernet(ip(dmx("c"))), 1));
+  EXPECT_EQ(show, dmx("a") + dmx("b") + delay(kSecond) + dmx("c"));
+  EXPECT_EQ(imported.losses, Words{"1 datagram without the bytes that belong to no packet"});
+  EXPECT_FALSE(recordings::read(show).damage);
+}
+
 TEST_F(Import, TakesAFrameThatLiesBeforeItsPredecessorForSimultaneous) {
   EXPECT_EQ(import(pcap_head() + frame(ethernet(ip(dmx("a"))), 7) + frame(ethernet(ip(dmx("b"))), 5) +
                    frame(ethernet(ip(dmx("c"))), 8)),

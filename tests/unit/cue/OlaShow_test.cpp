@@ -71,11 +71,11 @@ TEST(OlaShow, SaysWhatItDoesNotHold) {
   std::string with_port = dmx("a", 0, 1);
   with_port[13] = 3;
   const Written written =
-      write({{with_port + dmx("b", 1, 9) + "tail", 0}, {dmx("", 0, 0) + packets::poll(), kMs}});
+      write({{with_port + dmx("b", 1, 9) + packets::poll(), 0}, {dmx("", 0, 0) + packets::poll(), kMs}});
   EXPECT_EQ(written.show, "OLA Show\n1 97\n0\n2 98\n");
   const std::vector<std::string> expected = {
       "1 ArtDmx without slots", "the sequence numbers of 2 ArtDmx", "the physical ports of 1 ArtDmx",
-      "that 1 datagram held several ArtDmx", "18 bytes outside of ArtDmx"};
+      "that 1 datagram held several ArtDmx", "28 bytes outside of ArtDmx"};
   EXPECT_EQ(written.losses, expected);
 }
 

@@ -124,7 +124,7 @@ TEST_F(PcapExport, SaysWhatE131DoesNotHold) {
   with_physical[13] = 2;
   EXPECT_EQ(
       through(cue::export_pcap_sacn, file_of({{dmx("a", 63999, 1), 0},
-                                              {dmx("b", 63998, 1) + "tail", 1},
+                                              {dmx("b", 63998, 1) + packets::poll(), 1},
                                               {dmx("", 1, 1), 2},
                                               {dmx("c", 2) + dmx("d", 2), 3},
                                               {with_physical, 4}})),

@@ -426,7 +426,7 @@ TEST_F(PlayerTest, SendsTheRecordedBytesWhereNothingIsInserted) {
   std::vector<recordings::Datagram> datagrams;
   std::string all;
   for (unsigned i = 0; i < 300; ++i) {
-    const std::string datagram = dmx(chance.slots(), 0, 1 + i % 255) + "x" + dmx("y", 1, 0);
+    const std::string datagram = dmx(chance.slots(), 0, 1 + i % 255) + packets::poll() + dmx("y", 1, 0);
     datagrams.emplace_back(datagram, i * 1000);
     all += datagram;
   }
