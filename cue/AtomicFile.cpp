@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -201,6 +202,13 @@ void AtomicFile::flush() {
     written += static_cast<std::size_t>(count);
   }
   pending.clear();
+}
+
+std::optional<std::uint64_t> AtomicFile::room() const {
+  struct statvfs system {};
+  if (directory == -1 || fstatvfs(fd, &system) == -1 || system.f_blocks == 0) return std::nullopt;
+  // With the blocks that are kept for root: what does not fit into these fits for nobody.
+  return std::uint64_t{system.f_bfree} * system.f_frsize;
 }
 
 void AtomicFile::write(const void* bytes, std::size_t size) {

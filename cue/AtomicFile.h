@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +56,10 @@ public:
   AtomicFile& operator=(const AtomicFile&) = delete;
   AtomicFile(AtomicFile&&) = delete;
   AtomicFile& operator=(AtomicFile&&) = delete;
+
+  /// Bytes that are free where the file is written; nothing for a stream, and where the file system does not
+  /// tell.
+  std::optional<std::uint64_t> room() const;
 
   /// @throws CueError
   void write(const void* bytes, std::size_t size);

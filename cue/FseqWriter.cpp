@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include "artnet/ArtNet.h"
@@ -167,12 +168,18 @@ private:
   std::int64_t longest_move = 0;  // ns
 };
 
+/// What to do about a recording that lasts too long, mostly for a pause that is damaged.
+CueError too_long(const RecordingInfo& info, const std::string& why) {
+  return CueError{info.file + ": lasts " + format_time(info.duration) + ", " + why +
+                  "; kadrel-cue info shows its pauses, and kadrel-cue cut takes a part"};
+}
+
 FseqHeader header_of(const RecordingInfo& info, const FseqOptions& options) {
   const std::int64_t step = options.step * kMillisecond;
   const std::int64_t frames = info.duration / step + (info.duration % step > 0 ? 1 : 0) + 1;
   if (frames > std::numeric_limits<std::uint32_t>::max())
-    throw CueError(info.file + ": longer than an FSEQ file with a step of " + std::to_string(options.step) +
-                   " ms can be");
+    throw too_long(info,
+                   "longer than an FSEQ file with a step of " + std::to_string(options.step) + " ms can be");
   FseqHeader header;
   header.version = options.version;
   header.step = static_cast<std::uint8_t>(options.step);
@@ -187,6 +194,16 @@ FseqHeader header_of(const RecordingInfo& info, const FseqOptions& options) {
                                                      std::chrono::system_clock::now().time_since_epoch())
                                                      .count());
   return header;
+}
+
+/// A file that cannot get onto the disk is not begun: a single pause of years would fill it. @throws CueError
+void check_room(const AtomicFile& file, const FseqHeader& header, const RecordingInfo& info) {
+  constexpr std::uint64_t kMegabyte = 1'000'000;
+  const std::uint64_t size = std::uint64_t{header.frames} * header.channels;
+  const std::optional<std::uint64_t> room = file.room();
+  if (room && size > *room)
+    throw too_long(info, "which makes an FSEQ file of " + std::to_string(size / kMegabyte) + " MB, and " +
+                             std::to_string(*room / kMegabyte) + " MB are free");
 }
 
 std::uint64_t channels_with_levels(const RecordingInfo& info, int version) {
@@ -206,6 +223,7 @@ ExportedFseq export_fseq(const Input& input, const Output& output, const FseqOpt
   if (header.ranges.size() == 1 && header.ranges.front().first == 0) header.ranges.clear();
 
   AtomicFile sequence(output, {file});
+  check_room(sequence, header, info);
   const std::vector<std::uint8_t> head = encode_fseq_header(header);
   sequence.write(head.data(), head.size());
   FseqLosses losses;

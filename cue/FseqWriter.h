@@ -25,8 +25,8 @@ struct ExportedFseq {
 /// steps after the first datagram, which is the last ArtDmx of each universe until then; the last frame is at
 /// the last datagram or after it. Slots without a level are 0. Version 2 holds the channels of the recorded
 /// universes only, as sparse ranges; version 1 all from channel 0 on.
-/// @throws CueError when there is no universe, more frames than 32 bits count, or a file cannot be read or
-/// written
+/// @throws CueError when there is no universe, more frames than 32 bits count or than the disk has room for,
+/// or a file cannot be read or written
 ExportedFseq export_fseq(const Input& input, const Output& output, const FseqOptions& options,
                          const OnDamage& on_damage = {});
 

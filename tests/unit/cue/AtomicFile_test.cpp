@@ -78,6 +78,11 @@ TEST_F(AtomicFileTest, AppearsWhenItIsComplete) {
   EXPECT_EQ(directory.names(), std::vector<std::string>{"out"});
 }
 
+TEST_F(AtomicFileTest, TellsTheRoomOfADiskAndNoneOfAStream) {
+  EXPECT_GT(AtomicFile(out, {}).room().value_or(0), 0U);
+  EXPECT_EQ(AtomicFile("/dev/null", {}).room(), std::nullopt);
+}
+
 TEST_F(AtomicFileTest, LeavesAnExistingFileAlone) {
   directory.write("out", "earlier");
   EXPECT_EQ(error_of([&] { AtomicFile(out, {}); }), out + ": exists; --force replaces it");

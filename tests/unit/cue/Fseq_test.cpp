@@ -419,7 +419,23 @@ TEST(FseqWriter, RefusesWhatNoSequenceCanHold) {
   EXPECT_EQ(error({{dmx("a", 32768, 0), 0}}),
             directory / "show.cue: holds no universe that an FSEQ file can hold");
   EXPECT_EQ(error({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), std::numeric_limits<std::int64_t>::max()}}),
-            directory / "show.cue: longer than an FSEQ file with a step of 1 ms can be");
+            directory /
+                "show.cue: lasts 2562047h47m16.855s, longer than an FSEQ file with a step of 1 ms can be; "
+                "kadrel-cue info shows its pauses, and kadrel-cue cut takes a part");
+  EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
+}
+
+TEST(FseqWriter, BeginsNoFileThatTheDiskHasNoRoomFor) {
+  const unit::Directory directory;
+  constexpr std::int64_t kThreeYears = std::int64_t{3 * 365} * 86400 * 1000 * kMs;
+  const std::string show =
+      directory.write("show.cue", file_of({{dmx("a", 32767, 0), 0}, {dmx("b", 32767, 1), kThreeYears}}));
+  const std::string error = error_of([&] { cue::export_fseq(show, replaced(directory / "out"), {1, 25}); });
+  const std::string before =
+      show + ": lasts 26280h00m00.000s, which makes an FSEQ file of 63488420282 MB, and ";
+  EXPECT_EQ(error.substr(0, before.size()), before);
+  EXPECT_NE(error.find(" MB are free; kadrel-cue info shows its pauses, and kadrel-cue cut takes a part"),
+            std::string::npos);
   EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
 }
 
