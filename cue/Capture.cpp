@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
+#include <string_view>
 
 #include "artnet/RecordingFormat.h"
 #include "cue/CueError.h"
 #include "cue/DatagramBounds.h"
 #include "cue/DatagramWalk.h"
 #include "cue/Text.h"
+#include "cue/Time.h"
 
 namespace cue {
 namespace {
@@ -68,6 +71,20 @@ std::int64_t CaptureReader::time_of(const Frame& frame) {
   if (time < last_time) ++count.backwards;
   last_time = std::max(last_time, time);
   return last_time;
+}
+
+/// Counts a datagram that came a moment before with the same bytes: it was captured at two interfaces, or
+/// sent to two receivers.
+void CaptureReader::note_copy(const UdpDatagram& udp) {
+  constexpr std::int64_t kMoment = kSecond / 1000;
+  const std::string_view bytes(reinterpret_cast<const char*>(udp.payload.data), udp.payload.size);
+  const Latest one{udp.sender, std::hash<std::string_view>()(bytes), last_time};
+  const bool is_copy = std::any_of(latest.begin(), latest.end(), [&one](const Latest& other) {
+    return other.hash == one.hash && other.sender == one.sender && other.time >= 0 &&
+           one.time - other.time <= kMoment;
+  });
+  if (is_copy) ++count.copies;
+  latest[next_latest++ % kLatest] = one;
 }
 
 /// Whether sender and port are wanted.
@@ -223,6 +240,7 @@ bool CaptureReader::next(ForeignDatagram& datagram) {
     const std::optional<UdpDatagram> udp = decoder.decode(frame);
     if (!udp || !take(*udp, datagram)) continue;
     datagram.time = time_of(frame);
+    if (frame.time) note_copy(*udp);
     return true;
   }
   check_end();
@@ -245,6 +263,8 @@ std::vector<std::string> CaptureReader::losses() const {
   words.add(count.discoveries, "E1.31 discovery packet", " left out");
   words.add(count.other_sacn, "ACN packet", " of another kind left out");
   words.add(count.broken_sacn, "broken E1.31 packet", " left out");
+  words.add(count.copies, "datagram",
+            " with the same bytes as one less than 1 ms before (captured at several interfaces?) taken too");
   words.add(count.without_time, "datagram",
             " without a usable time: taken as simultaneous with the one before");
   words.add(count.backwards, "datagram", " with a time before the one before: taken as simultaneous");

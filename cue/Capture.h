@@ -54,6 +54,14 @@ private:
     std::uint8_t priority = 0;
   };
 
+  /// A datagram by which its copies are known.
+  struct Latest {
+    std::uint32_t sender = 0;
+    std::size_t hash = 0;    // of the payload
+    std::int64_t time = -1;  // ns since the first; -1: none yet
+  };
+  static constexpr std::size_t kLatest = 64;
+
   struct Counts {
     std::uint64_t artnet = 0;  // taken
     std::uint64_t sacn = 0;    // taken
@@ -70,6 +78,7 @@ private:
     std::uint64_t other_sacn = 0;
     std::uint64_t broken_sacn = 0;
     std::uint64_t other_udp = 0;
+    std::uint64_t copies = 0;  // of a datagram just before
     std::uint64_t without_time = 0;
     std::uint64_t backwards = 0;
   };
@@ -81,6 +90,7 @@ private:
   void note_source(const SacnPacket& packet);
   std::uint8_t sequence_of(const SacnPacket& packet);
   std::int64_t time_of(const Frame& frame);
+  void note_copy(const UdpDatagram& udp);
   std::string instead() const;
   void check_end() const;
 
@@ -97,7 +107,9 @@ private:
   std::optional<std::int64_t> first_time;  // ns since 1970
   std::int64_t last_time = 0;              // ns since the first
   ArtDmx dmx{};
-  std::vector<std::uint8_t> packets;  // ArtDmx packets of one datagram
+  std::vector<std::uint8_t> packets;     // ArtDmx packets of one datagram
+  std::array<Latest, kLatest> latest{};  // a ring
+  std::size_t next_latest = 0;
 };
 
 }  // namespace cue

@@ -111,6 +111,21 @@ TEST_F(Import, TakesAFrameThatLiesBeforeItsPredecessorForSimultaneous) {
   EXPECT_EQ(imported.losses, Words{"1 datagram with a time before the one before: taken as simultaneous"});
 }
 
+TEST_F(Import, SaysThatDatagramsWereCapturedTwice) {
+  constexpr unsigned kMoment = 1'000'000;  // ns
+  const auto at = [](const char* slots, unsigned time, unsigned sender = captures::kSender) {
+    return frame(ethernet(ip(dmx(slots), 6454, sender)), 0, time);
+  };
+  import(pcap_head() + at("a", 0) + at("b", 10) + at("a", 20) + at("b", 30 + kMoment) +
+         at("a", 40, 0x0A000002));
+  EXPECT_EQ(imported.datagrams, 5U);
+  EXPECT_EQ(imported.losses.front(),
+            "1 datagram with the same bytes as one less than 1 ms before (captured at several "
+            "interfaces?) taken too");
+  import(pcap_head() + at("a", 0) + at("a", 1 + kMoment) + at("a", 2 + kMoment, 0x0A000002));
+  EXPECT_EQ(imported.losses, Words{});
+}
+
 TEST_F(Import, TakesOnlyTheWantedSenders) {
   const std::string capture = pcap_head() + frame(ethernet(ip(dmx("a"), 6454, 0x0A000001))) +
                               frame(ethernet(ip(dmx("b"), 6454, 0x0A000002)), 1) +
