@@ -41,13 +41,21 @@ std::unique_ptr<ForeignReader> read_pcapng(ByteSource source, const Input& input
                                          options.capture);
 }
 
+/// What is chosen by protocol, port and sender has all three. @throws CueError
+void refuse_capture_options(const Input& input, const CaptureOptions& wanted) {
+  if (wanted.protocol || wanted.port || !wanted.senders.empty())
+    throw CueError(input.name() + ": not a capture; a protocol, port or sender cannot be chosen");
+}
+
 std::unique_ptr<ForeignReader> read_fseq(ByteSource source, const Input& input,
-                                         const ImportOptions& /*options*/) {
+                                         const ImportOptions& options) {
+  refuse_capture_options(input, options.capture);
   return open_fseq(std::move(source), input.name());
 }
 
 std::unique_ptr<ForeignReader> read_ola_show(ByteSource source, const Input& input,
-                                             const ImportOptions& /*options*/) {
+                                             const ImportOptions& options) {
+  refuse_capture_options(input, options.capture);
   return open_ola_show(std::move(source), input.name());
 }
 

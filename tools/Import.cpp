@@ -35,8 +35,10 @@ public:
     CLI::App* const command =
         add_command(app, "import", "Makes a recording of a file of another program.",
                     "  kadrel-cue import show.pcapng -o show.cue\n"
+                    "  kadrel-cue import show.fseq -o show.cue\n"
                     "  kadrel-cue import show.pcap.gz --protocol sacn --sender 10.0.0.5 -o show.cue");
-    add_input(*command, "IN", file, "Capture (pcap, pcapng), may be compressed by gzip");
+    add_input(*command, "IN", file,
+              "Capture (pcap, pcapng), FSEQ sequence or show of ola_recorder, may be compressed by gzip");
     add_parsed<cue::Protocol>(
         *command, "--protocol", parse_protocol,
         [this](cue::Protocol protocol) { options.capture.protocol = protocol; }, "artnet or sacn",

@@ -313,6 +313,16 @@ TEST_F(Import, RefusesContentThatItDoesNotRecognise) {
   EXPECT_EQ(refusal(gzip("nor this")), "not a file that can be imported (pcap, pcapng, FSEQ, OLA show)");
 }
 
+TEST_F(Import, TakesNoChoiceOfSendersForFilesThatHaveNone) {
+  options.capture.senders = {captures::kSender};
+  EXPECT_EQ(refusal("OLA Show\n1 7\n"), "not a capture; a protocol, port or sender cannot be chosen");
+  options.capture.senders.clear();
+  options.capture.port = 6454;
+  EXPECT_EQ(refusal("PSEQ"), "not a capture; a protocol, port or sender cannot be chosen");
+  options.capture.port.reset();
+  EXPECT_EQ(import("OLA Show\n1 7\n"), dmx("\7", 0, 1));
+}
+
 TEST_F(Import, LeavesTheOutputAloneWhenThereIsNothingToImport) {
   directory.write("out.cue", "an older show");
   EXPECT_NE(error_of([&] { import(pcap_head()); }), "no error");
