@@ -1,8 +1,6 @@
 #include "cue/Import.h"
 
-#include <algorithm>
 #include <array>
-#include <cstring>
 #include <utility>
 
 #include "cue/CueError.h"
@@ -16,12 +14,10 @@
 namespace cue {
 namespace {
 
-// Enough for every format to be recognised by.
-constexpr std::size_t kHeadSize = 64;
-
 /// A format that can be imported.
 struct Format {
   const char* name;
+  const char* kind;  // what such a file is
   bool (*recognises)(const std::uint8_t* head, std::size_t size);
 
   /// The reader gets the bytes once from front to back, unpacked. One that must read twice has the input keep
@@ -60,36 +56,11 @@ std::unique_ptr<ForeignReader> read_ola_show(ByteSource source, const Input& inp
 }
 
 constexpr std::array kFormats = {
-    Format{"pcap", begins_pcap, read_pcap},
-    Format{"pcapng", begins_pcapng, read_pcapng},
-    Format{"FSEQ", is_fseq, read_fseq},
-    Format{"OLA show", is_ola_show, read_ola_show},
+    Format{"pcap", "a capture", begins_pcap, read_pcap},
+    Format{"pcapng", "a capture", begins_pcapng, read_pcapng},
+    Format{"FSEQ", "an FSEQ sequence", is_fseq, read_fseq},
+    Format{"OLA show", "a show of ola_recorder", is_ola_show, read_ola_show},
 };
-
-/// The first bytes of a source, and the source with these bytes still in front.
-struct Peeked {
-  std::vector<std::uint8_t> head;
-  ByteSource source;
-};
-
-Peeked peek(const ByteSource& from) {
-  std::vector<std::uint8_t> head(kHeadSize);
-  std::size_t size = 0;
-  while (size < head.size()) {
-    const std::size_t count = from(head.data() + size, head.size() - size);
-    if (count == 0) break;
-    size += count;
-  }
-  head.resize(size);
-  ByteSource all = [head, from, at = std::size_t{0}](std::uint8_t* bytes, std::size_t wanted) mutable {
-    if (at == head.size()) return from(bytes, wanted);
-    const std::size_t count = std::min(wanted, head.size() - at);
-    memcpy(bytes, head.data() + at, count);
-    at += count;
-    return count;
-  };
-  return {std::move(head), std::move(all)};
-}
 
 /// A reader of unpacked bytes; what is wrong with the packed ones breaks it off too.
 class UnpackedReader : public ForeignReader {
@@ -108,28 +79,48 @@ private:
   std::unique_ptr<ForeignReader> reader;
 };
 
-ForeignFile open_format(const Peeked& peeked, const Input& input, const ImportOptions& options) {
+/// The format of a file that begins so; nullptr when none is known.
+const Format* format_of(const std::vector<std::uint8_t>& front) {
+  for (const Format& format : kFormats)
+    if (format.recognises(front.data(), front.size())) return &format;
+  return nullptr;
+}
+
+ForeignFile open_format(ByteSource source, const Input& input, const ImportOptions& options) {
+  const std::vector<std::uint8_t> front = peek(source, kForeignFront);
+  if (const Format* const format = format_of(front))
+    return {format->name, format->open(std::move(source), input, options)};
+  if (front.empty()) throw CueError(input.name() + ": empty");
   std::string names;
-  for (const Format& format : kFormats) {
-    if (format.recognises(peeked.head.data(), peeked.head.size()))
-      return {format.name, format.open(peeked.source, input, options)};
-    names += std::string(names.empty() ? "" : ", ") + format.name;
-  }
-  if (peeked.head.empty()) throw CueError(input.name() + ": empty");
+  for (const Format& format : kFormats) names += std::string(names.empty() ? "" : ", ") + format.name;
   throw CueError(input.name() + ": not a file that can be imported (" + names + ")");
 }
 
 }  // namespace
 
+std::string foreign_kind(const std::vector<std::uint8_t>& front) {
+  const Format* const format = format_of(front);
+  if (format != nullptr) return std::string(format->kind) + ", see kadrel-cue import";
+  if (begins_gzip(front.data(), front.size())) return "compressed with gzip, see kadrel-cue import";
+  return {};
+}
+
+ByteSource open_recording(const Input& input) {
+  ByteSource source = input.open();
+  const std::string kind = foreign_kind(peek(source, kForeignFront));
+  if (!kind.empty()) throw CueError(input.name() + ": " + kind);
+  return source;
+}
+
 ForeignFile open_foreign(const Input& input, const ImportOptions& options) {
   return open_foreign(input.open(), input, options);
 }
 
-ForeignFile open_foreign(const ByteSource& source, const Input& input, const ImportOptions& options) {
-  const Peeked peeked = peek(source);
-  if (!begins_gzip(peeked.head.data(), peeked.head.size())) return open_format(peeked, input, options);
-  Gunzip gunzip(peeked.source);
-  ForeignFile file = open_format(peek(gunzip.source()), input, options);
+ForeignFile open_foreign(ByteSource source, const Input& input, const ImportOptions& options) {
+  const std::vector<std::uint8_t> front = peek(source, kForeignFront);
+  if (!begins_gzip(front.data(), front.size())) return open_format(std::move(source), input, options);
+  Gunzip gunzip(std::move(source));
+  ForeignFile file = open_format(gunzip.source(), input, options);
   file.reader = std::make_unique<UnpackedReader>(std::move(gunzip), std::move(file.reader));
   return file;
 }

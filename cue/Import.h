@@ -24,12 +24,22 @@ struct ForeignFile {
   std::unique_ptr<ForeignReader> reader;
 };
 
+/// Bytes by which every format is recognised.
+constexpr std::size_t kForeignFront = 64;
+
+/// What a file is that can be imported, by its first bytes: "a capture, see kadrel-cue import". Empty for
+/// everything else.
+std::string foreign_kind(const std::vector<std::uint8_t>& front);
+
+/// Opens a recording. @throws CueError when it cannot be opened, or is such a file of another program
+ByteSource open_recording(const Input& input);
+
 /// Opens a file of any format that is known; it may be compressed by gzip. Reads it once from front to back.
 /// @throws CueError when the file cannot be read or its content is not recognised
 ForeignFile open_foreign(const Input& input, const ImportOptions& options);
 
 /// The same of bytes that @p input would deliver.
-ForeignFile open_foreign(const ByteSource& source, const Input& input, const ImportOptions& options);
+ForeignFile open_foreign(ByteSource source, const Input& input, const ImportOptions& options);
 
 /// Outcome of an import.
 struct Imported {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -94,6 +95,26 @@ void write_all(int fd, const std::uint8_t* bytes, std::size_t size) {
 }
 
 }  // namespace
+
+std::vector<std::uint8_t> peek(ByteSource& source, std::size_t size) {
+  std::vector<std::uint8_t> front(size);
+  std::size_t length = 0;
+  while (length < size) {
+    const std::size_t count = source(front.data() + length, size - length);
+    if (count == 0) break;
+    length += count;
+  }
+  front.resize(length);
+  source = [front, given = std::size_t{0}, rest = std::move(source)](std::uint8_t* bytes,
+                                                                     std::size_t wanted) mutable {
+    if (given == front.size()) return rest(bytes, wanted);
+    const std::size_t count = std::min(wanted, front.size() - given);
+    std::copy_n(front.begin() + static_cast<std::ptrdiff_t>(given), count, bytes);
+    given += count;
+    return count;
+  };
+  return front;
+}
 
 Input::Input(std::string path)
     : file_path(std::move(path)), shown(file_path == kStandardInput ? "standard input" : file_path) {}

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 struct stat;
 
@@ -14,6 +15,9 @@ namespace cue {
 
 /// Delivers up to @p size bytes from front to back, 0 at the end. @throws CueError
 using ByteSource = std::function<std::size_t(std::uint8_t* bytes, std::size_t size)>;
+
+/// The first bytes of a source, at most @p size of them; the source delivers them again. @throws CueError
+std::vector<std::uint8_t> peek(ByteSource& source, std::size_t size);
 
 /// How far an input has been read.
 struct Reading {
@@ -38,8 +42,8 @@ public:
   /// As messages call it: the path, or "standard input".
   const std::string& name() const { return shown; }
 
-  /// Reads from byte @p offset on. What cannot be rewound (a pipe, a terminal) can be opened once, unless keep() came
-  /// before, and only from the front. @throws CueError
+  /// Reads from byte @p offset on. What cannot be rewound (a pipe, a terminal) can be opened once, unless
+  /// keep() came before, and only from the front. @throws CueError
   ByteSource open(std::uint64_t offset = 0) const;
 
   /// Has @p callback called while the input is read, for as long as there are readers.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "cue/CueError.h"
+#include "cue/Import.h"
 #include "cue/RecordingInfo.h"
 #include "cue/Time.h"
 
@@ -21,7 +22,7 @@ PassReader::PassReader(Input from, const Selection& wanted, OnDamage passed_over
 void PassReader::open() {
   base_offset = start ? start->offset : 0;
   base_time = start ? start->time : 0;
-  reader.emplace(input.open(base_offset), input.name());
+  reader.emplace(base_offset > 0 ? input.open(base_offset) : open_recording(input), input.name());
   pending = false;
   picked.reset();
   passed = -1;

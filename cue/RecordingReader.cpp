@@ -8,6 +8,7 @@
 #include "artnet/RecordingFormat.h"
 #include "cue/CueError.h"
 #include "cue/DatagramBounds.h"
+#include "cue/Import.h"
 #include "cue/Time.h"
 
 namespace cue {
@@ -21,7 +22,7 @@ constexpr std::int64_t kLongestWait = std::int64_t{366} * 24 * 3600 * kSecond;
 
 }  // namespace
 
-RecordingReader::RecordingReader(const Input& input) : RecordingReader(input.open(), input.name()) {}
+RecordingReader::RecordingReader(const Input& input) : RecordingReader(open_recording(input), input.name()) {}
 
 RecordingReader::RecordingReader(Source from, std::string name, std::size_t buffer_size)
     : source(std::move(from)), file_name(std::move(name)), buffer(std::max(buffer_size, 2 * kReach)) {}

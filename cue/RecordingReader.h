@@ -37,7 +37,7 @@ class RecordingReader {
 public:
   using Source = ByteSource;
 
-  /// @throws CueError when the file cannot be opened
+  /// @throws CueError when the file cannot be opened, or is of another program (foreign_kind())
   explicit RecordingReader(const Input& input);
 
   /// @param name         of the file in messages

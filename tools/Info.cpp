@@ -5,11 +5,9 @@
 #include <cstdio>
 #include <ostream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "cue/CueError.h"
-#include "cue/ForeignKind.h"
 #include "cue/RecordingInfo.h"
 #include "cue/Text.h"
 #include "cue/Time.h"
@@ -174,10 +172,7 @@ public:
     if (json) out << "[";
     for (const cue::Input& file : files) {
       try {
-        cue::ByteSource source = file.open();
-        const std::string foreign = cue::foreign_kind(cue::peek(source, cue::kForeignFront));
-        if (!foreign.empty()) throw cue::CueError(file.name() + ": " + foreign);
-        cue::RecordingReader reader(std::move(source), file.name());
+        cue::RecordingReader reader(file);
         const cue::RecordingInfo info = cue::read_info(reader);
         out << separator;
         separator = json ? ",\n " : "\n";

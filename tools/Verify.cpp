@@ -1,12 +1,10 @@
 #include "cue/Verify.h"
 
-#include <filesystem>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "cue/CueError.h"
-#include "cue/ForeignKind.h"
 #include "cue/RecordingInfo.h"
 #include "tools/Command.h"
 #include "tools/Options.h"
@@ -16,15 +14,6 @@
 
 namespace kadrel_cue {
 namespace {
-
-/// @throws CueError when the file is of another program. A pipe cannot be looked into twice.
-void refuse_foreign(const cue::Input& file) {
-  std::error_code unknown;
-  if (!std::filesystem::is_regular_file(file.path(), unknown)) return;
-  cue::ByteSource source = file.open();
-  const std::string kind = cue::foreign_kind(cue::peek(source, cue::kForeignFront));
-  if (!kind.empty()) throw cue::CueError(file.name() + ": " + kind);
-}
 
 class Verify : public Command {
 public:
@@ -62,7 +51,6 @@ public:
     int code = 0;
     for (const cue::Input& file : files) {
       try {
-        refuse_foreign(file);
         cue::InfoCounter counter;
         std::optional<cue::Damage> first;
         options.on_record = [&counter](const cue::Record& record) { counter.add(record); };

@@ -141,6 +141,7 @@ def test_info_says_what_a_capture_is(tmp_path):
     assert cue("export", path, "--pcap", tmp_path / "show.pcap")[0] == 0
     capture = tmp_path / "show.pcap"
     assert cue("info", capture) == (1, "", f"kadrel-cue: {capture}: a capture, see kadrel-cue import\n")
-    with open(capture, "rb") as file:
-        text = "kadrel-cue: standard input: a capture, see kadrel-cue import\n"
-        assert cue("info", "-", stdin=file) == (1, "", text)
+    text = "kadrel-cue: standard input: a capture, see kadrel-cue import\n"
+    for command in ("info", "verify"):
+        with subprocess.Popen(["cat", capture], stdout=subprocess.PIPE) as pipe:
+            assert cue(command, "-", stdin=pipe.stdout) == (1, "", text)

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "cue/CueError.h"
+#include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
 #include "unit/support/temporary_file.h"
 
@@ -464,20 +465,9 @@ TEST(RecordingReader, ReadsAFile) {
 }
 
 TEST(RecordingReader, NamesAFileThatItCannotRead) {
-  try {
-    const cue::RecordingReader reader("/nowhere/show.cue");
-    FAIL() << "a file that is not there was opened";
-  } catch (const cue::CueError& error) {
-    EXPECT_STREQ(error.what(), "/nowhere/show.cue: No such file or directory");
-  }
-  cue::RecordingReader directory("/tmp");
-  cue::Record record;
-  try {
-    directory.next(record);
-    FAIL() << "a directory was read";
-  } catch (const cue::CueError& error) {
-    EXPECT_STREQ(error.what(), "/tmp: Is a directory");
-  }
+  EXPECT_EQ(unit::error_of([] { cue::RecordingReader("/nowhere/show.cue"); }),
+            "/nowhere/show.cue: No such file or directory");
+  EXPECT_EQ(unit::error_of([] { cue::RecordingReader("/tmp"); }), "/tmp: Is a directory");
 }
 
 }  // namespace

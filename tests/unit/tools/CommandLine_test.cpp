@@ -209,7 +209,7 @@ TEST(Info, SaysWhatAFileOfAnotherProgramIs) {
       {"\xA1\xB2\xC3\xD4", "a capture, see kadrel-cue import"},
       {"\x4D\x3C\xB2\xA1", "a capture, see kadrel-cue import"},
       {"\xA1\xB2\x3C\x4D", "a capture, see kadrel-cue import"},
-      {"\x0A\x0D\x0D\x0A", "a capture, see kadrel-cue import"},
+      {"\x0A\x0D\x0D\x0A\x1C\x1C\x1C\x1C\x4D\x3C\x2B\x1A", "a capture, see kadrel-cue import"},
       {"\x1F\x8B\x08", "compressed with gzip, see kadrel-cue import"},
       {"PSEQ", "an FSEQ sequence, see kadrel-cue import"},
       {"FSEQ", "an FSEQ sequence, see kadrel-cue import"},
@@ -224,6 +224,26 @@ TEST(Info, SaysWhatAFileOfAnotherProgramIs) {
         EXPECT_EQ(outcome.err, "kadrel-cue: " + file + ": " + kind + "\n");
       }
     }
+  }
+}
+
+TEST(CommandLine, TakesAFileOfAnotherProgramForNoDamagedRecording) {
+  const unit::Directory directory;
+  const std::string file =
+      directory.write("show.pcap", "\xD4\xC3\xB2\xA1" + delay(5) + kDmx + delay(5) + kDmx);
+  const std::string out = directory / "out";
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"verify", "--repair", "-o", out, file},
+        {"cut", file, "-o", out},
+        {"join", file, "-o", out},
+        {"plot", file, "-o", out},
+        {"export", file, "--csv", out},
+        {"export", file, "--format", "fseq", "-o", out},
+        {"play", file, "--to", "127.0.0.1:9"}}) {
+    std::string said;
+    said = unit::error_of([&] { said = run(words).err; }) + said;
+    EXPECT_NE(said.find(file + ": a capture, see kadrel-cue import"), std::string::npos) << said;
+    EXPECT_EQ(directory.names(), std::vector<std::string>{"show.pcap"});
   }
 }
 
