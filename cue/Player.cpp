@@ -65,6 +65,12 @@ OnDamage counting(std::uint64_t& count, const OnDamage& on_damage) {
 
 }  // namespace
 
+std::int64_t at_speed(std::int64_t ns, const PlayOptions& options) {
+  if (options.factor)
+    return static_cast<std::int64_t>(std::min(static_cast<double>(ns) / *options.factor, kLongestTime));
+  return options.speed == 0 ? ns : kesto::calculate_delay(Clock::duration(ns), options.speed).count();
+}
+
 Player::Player(const PlayOptions& wanted, DatagramSink& to, PlayClock& play_clock,
                const std::atomic<bool>& stopped)
     : spin(kSpin),
@@ -81,16 +87,9 @@ Player::Time Player::after(Time time, std::int64_t ns) const {
   return Time(Clock::duration(add_times(time.time_since_epoch().count(), ns)));
 }
 
-/// How long @p ns of the recording last.
-std::int64_t Player::at_speed(std::int64_t ns) const {
-  if (options.factor)
-    return static_cast<std::int64_t>(std::min(static_cast<double>(ns) / *options.factor, kLongestTime));
-  return options.speed == 0 ? ns : kesto::calculate_delay(Clock::duration(ns), options.speed).count();
-}
-
 std::int64_t Player::position_at(Time now) const {
   const std::int64_t elapsed = std::max<std::int64_t>(0, (now - origin).count());
-  const double pace = static_cast<double>(at_speed(kSecond)) / static_cast<double>(kSecond);
+  const double pace = static_cast<double>(lasting(kSecond)) / static_cast<double>(kSecond);
   const double passed = std::min(static_cast<double>(elapsed) / pace, kLongestTime);
   return add_bounded(origin_position, static_cast<std::int64_t>(passed));
 }
@@ -190,7 +189,7 @@ bool Player::fading(Time now) const {
 double Player::level_out(Time time) const {
   if (!last_end) return level_after;
   const auto duration_of = [this](std::int64_t ns) {
-    return static_cast<double>(at_speed(std::max<std::int64_t>(0, ns)));
+    return static_cast<double>(lasting(std::max<std::int64_t>(0, ns)));
   };
   const std::int64_t gap = options.gap.value_or(last_end->at_stop ? 0 : default_gap());
   const double pass = std::max(duration_of(add_bounded(last_end->time - options.selection.start, gap)),
@@ -314,7 +313,7 @@ void Player::send_look(const Looks& look, std::int64_t spread) {
 /// Plays from the position to the end of the pass. @return false when it is left before
 bool Player::play_on() {
   while (const auto& next = records.peek()) {
-    const std::int64_t ns = at_speed(std::max<std::int64_t>(0, next->time - origin_position));
+    const std::int64_t ns = lasting(std::max<std::int64_t>(0, next->time - origin_position));
     if (!wait(ns, Pausing::Yes)) return false;
     play.position = next->time;
     play.offset = next->offset;
@@ -325,14 +324,14 @@ bool Player::play_on() {
   if (leaving()) return false;
   if (!is_last_pass() || play.sent == 0) return true;
   const std::int64_t rest_of_it = records.end().time - origin_position;
-  return wait(at_speed(std::max<std::int64_t>(0, rest_of_it)), Pausing::Yes);
+  return wait(lasting(std::max<std::int64_t>(0, rest_of_it)), Pausing::Yes);
 }
 
 Player::Time Player::next_arrival() const {
   const PassReader::End end = records.end();
   const std::int64_t gap = options.gap.value_or(end.at_stop ? 0 : default_gap());
   const std::int64_t length = std::max<std::int64_t>(0, end.time - origin_position);
-  return std::max(after(origin, at_speed(add_times(length, gap))), after(pass_began, default_gap()));
+  return std::max(after(origin, lasting(add_times(length, gap))), after(pass_began, default_gap()));
 }
 
 /// Plays one pass. @param arrival  when it starts; nothing: at once

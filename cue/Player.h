@@ -34,6 +34,9 @@ struct PlayOptions {
   OnDamage on_damage;     // called once for each damage; empty: an error after the good part
 };
 
+/// How long @p ns of the recording last in a playback; at most 292 years.
+std::int64_t at_speed(std::int64_t ns, const PlayOptions& options);
+
 /// What an operator wants of a playback.
 struct PlayCommand {
   enum class Kind {
@@ -155,7 +158,7 @@ private:
   void black_out();
 
   Time after(Time time, std::int64_t ns) const;
-  std::int64_t at_speed(std::int64_t ns) const;
+  std::int64_t lasting(std::int64_t ns) const { return at_speed(ns, options); }
   std::int64_t position_at(Time now) const;
 
   const PlayOptions& options;

@@ -1,7 +1,6 @@
 #include "tools/Playback.h"
 
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include "cue/Text.h"
 #include "cue/Time.h"
 #include "kesto/device_info.h"
+#include "tools/Terminal.h"
 
 namespace kadrel_cue {
 namespace {
@@ -34,21 +34,12 @@ constexpr kesto::Clock::duration kProgressPeriod = std::chrono::milliseconds(250
 // Files up to this size are read once in advance, so that the remaining time is exact.
 constexpr off_t kReadBefore = off_t{64} << 20;
 
-// Columns of a terminal that does not say how many it has, and the fewest that a line is made for.
-constexpr std::size_t kUsualColumns = 80;
+// The fewest columns that a line is made for.
 constexpr std::size_t kFewestColumns = 20;
 
 constexpr const char* kPriorityAdvice =
     "datagrams may be late while the machine is busy; root has it, a unit file gives it with LimitRTPRIO=1, "
     "ulimit -r 1 does where limits.conf allows rtprio, and setcap cap_sys_nice+ep gives it to the program";
-
-constexpr const char* kClearLine = "\r\033[K";
-
-/// Time at the speed of a playback.
-std::int64_t at_speed(std::int64_t ns, const cue::PlayOptions& options) {
-  if (options.factor) return static_cast<std::int64_t>(static_cast<double>(ns) / *options.factor);
-  return options.speed == 0 ? ns : kesto::calculate_delay(kesto::Clock::duration(ns), options.speed).count();
-}
 
 /// Remaining time of a pass, exact or estimated.
 class Remaining {
@@ -74,7 +65,7 @@ public:
     const auto& stop = options.selection.stop;
     if (stop) to = to ? std::min(*to, *stop) : *stop;
     if (!to) return std::nullopt;
-    return at_speed(std::max<std::int64_t>(0, *to - state.position), options);
+    return cue::at_speed(std::max<std::int64_t>(0, *to - state.position), options);
   }
 
 private:
@@ -108,13 +99,6 @@ int enter_real_time() {
 
 std::string error_text(int error) {
   return std::generic_category().message(error);
-}
-
-/// Columns of the error output, asked each time: a window changes its size.
-std::size_t columns() {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_col == 0) return kUsualColumns;
-  return size.ws_col;
 }
 
 std::uint64_t failures_of(const std::vector<cue::Delivery>& deliveries) {
@@ -203,7 +187,7 @@ private:
 
   static std::size_t line_width() {
     // In the last column some terminals begin a new line.
-    return std::max(columns(), kFewestColumns) - 1;
+    return std::max(terminal_columns(), kFewestColumns) - 1;
   }
 
   const Playback& playback;

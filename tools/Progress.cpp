@@ -1,6 +1,5 @@
 #include "tools/Progress.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,8 @@
 #include <ostream>
 #include <streambuf>
 
+#include "tools/Terminal.h"
+
 namespace kadrel_cue {
 namespace {
 
@@ -16,16 +17,6 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr auto kFirst = std::chrono::seconds(1);
 constexpr auto kPeriod = std::chrono::milliseconds(200);
-constexpr std::size_t kUsualColumns = 80;
-
-// ECMA-48, erase in line: all from the cursor on.
-constexpr const char* kErase = "\r\033[K";
-
-std::size_t terminal_columns() {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == -1 || size.ws_col == 0) return kUsualColumns;
-  return size.ws_col;
-}
 
 std::string amount_text(const cue::Reading& reading) {
   char text[32];
@@ -52,7 +43,7 @@ public:
     const auto now = SteadyClock::now();
     if (now < next) return;
     next = now + kPeriod;
-    write(kErase + reading_text(reading, terminal_columns()));
+    write(kClearLine + reading_text(reading, terminal_columns()));
     shown = true;
   }
 
@@ -97,7 +88,7 @@ private:
   };
 
   void erase() {
-    if (shown) write(kErase);
+    if (shown) write(kClearLine);
     shown = false;
   }
 
