@@ -17,29 +17,16 @@ using recordings::Datagram;
 using recordings::file_of;
 using unit::error_of;
 using unit::Foreign;
+using unit::numbered_dmx;
+using unit::replaced;
 
 namespace {
 
 constexpr std::int64_t kMs = 1'000'000;
 
-/// An output that may exist.
-cue::Output replaced(const std::string& path) {
-  cue::Output output(path);
-  output.replace = true;
-  return output;
-}
-
 std::string little(std::uint64_t value, unsigned size) {
   std::string bytes;
   for (unsigned i = 0; i < size; ++i) bytes += static_cast<char>(value >> (8 * i));
-  return bytes;
-}
-
-/// An ArtDmx as players number it.
-std::string dmx(const std::string& slots, unsigned port_address, unsigned sequence) {
-  std::string bytes = packets::dmx(slots, port_address);
-  bytes[12] = static_cast<char>(sequence);
-  bytes[13] = 0;
   return bytes;
 }
 
@@ -133,8 +120,9 @@ std::vector<Datagram> sent_of_five(unsigned step) {
   const std::string plain = frames_of_five();
   std::vector<Datagram> sent;
   for (unsigned frame = 0; frame < 40; ++frame) {
-    sent.emplace_back(dmx(plain.substr(frame * 5, 2), 0, frame % 255 + 1), frame == 0 ? 0 : step * kMs);
-    sent.emplace_back(dmx(plain.substr(frame * 5 + 2, 3), 1, frame % 255 + 1), 0);
+    sent.emplace_back(numbered_dmx(plain.substr(frame * 5, 2), 0, frame % 255 + 1),
+                      frame == 0 ? 0 : step * kMs);
+    sent.emplace_back(numbered_dmx(plain.substr(frame * 5 + 2, 3), 1, frame % 255 + 1), 0);
   }
   return sent;
 }
@@ -168,7 +156,7 @@ TEST(FseqReader, ReadsMoreBlocksThanAByteCounts) {
   sequence.pack(std::string(1000, 'x'), std::vector<unsigned>(1000, 1), 1, false);
   const Foreign found = read(sequence.file());
   EXPECT_EQ(found.datagrams.size(), 1000U);
-  EXPECT_EQ(found.datagrams[999].first, dmx("x", 0, 999 % 255 + 1));
+  EXPECT_EQ(found.datagrams[999].first, numbered_dmx("x", 0, 999 % 255 + 1));
 }
 
 TEST(FseqReader, ReadsCompressedDataWithoutATableAndPlainDataWithOne) {
@@ -202,10 +190,10 @@ TEST(FseqReader, ReadsVersion1AndItsOldName) {
     const std::string file = sequence.file();
     EXPECT_TRUE(cue::is_fseq(recordings::bytes_of(file), file.size()));
     const Foreign found = read(file);
-    EXPECT_EQ(found.datagrams, (std::vector<Datagram>{{dmx(std::string(512, 'a'), 0, 1), 0},
-                                                      {dmx("b", 1, 1), 0},
-                                                      {dmx(std::string(512, 'c'), 0, 2), 100 * kMs},
-                                                      {dmx("d", 1, 2), 0}}));
+    EXPECT_EQ(found.datagrams, (std::vector<Datagram>{{numbered_dmx(std::string(512, 'a'), 0, 1), 0},
+                                                      {numbered_dmx("b", 1, 1), 0},
+                                                      {numbered_dmx(std::string(512, 'c'), 0, 2), 100 * kMs},
+                                                      {numbered_dmx("d", 1, 2), 0}}));
     EXPECT_EQ(found.breaks_off, "");
     EXPECT_EQ(found.losses, std::vector<std::string>{"the music file \"a?b.mp3\""});
   }
@@ -237,9 +225,10 @@ TEST(FseqReader, PutsTheChannelsOfRangesIntoTheirUniverses) {
   sequence.channels = 7;  // one more than the ranges say
   sequence.frames = 1;
   sequence.data = "abcdef?";
-  std::vector<std::string> expected = {dmx(text("\0f", 2), 0, 1), dmx(std::string(511, '\0') + "a", 1, 1),
-                                       dmx("bc", 2, 1), dmx(std::string(511, '\0') + "e", 32767, 1)};
-  expected[0] = dmx(text("\0f", 2) + std::string(508, '\0') + "d", 0, 1);
+  std::vector<std::string> expected = {
+      numbered_dmx(text("\0f", 2), 0, 1), numbered_dmx(std::string(511, '\0') + "a", 1, 1),
+      numbered_dmx("bc", 2, 1), numbered_dmx(std::string(511, '\0') + "e", 32767, 1)};
+  expected[0] = numbered_dmx(text("\0f", 2) + std::string(508, '\0') + "d", 0, 1);
   const Foreign found = read(sequence.file());
   std::vector<std::string> datagrams;
   for (const Datagram& datagram : found.datagrams) datagrams.push_back(datagram.first);
@@ -344,10 +333,10 @@ std::string without_identifier(std::string file) {
 }
 
 TEST(FseqWriter, WritesTheLookAtEachStep) {
-  const Written written = write({{dmx("ab", 0, 0), 0},
-                                 {dmx("cd", 0, 0), 10 * kMs},
-                                 {dmx("ef", 0, 0), 15 * kMs},
-                                 {dmx("gh", 0, 0), 60 * kMs}});
+  const Written written = write({{numbered_dmx("ab", 0, 0), 0},
+                                 {numbered_dmx("cd", 0, 0), 10 * kMs},
+                                 {numbered_dmx("ef", 0, 0), 15 * kMs},
+                                 {numbered_dmx("gh", 0, 0), 60 * kMs}});
   EXPECT_EQ(without_identifier(written.file), "PSEQ" + little(32, 2) + text("\0\x02", 2) + little(32, 2) +
                                                   little(2, 4) + little(5, 4) + text("\x19\0", 2) +
                                                   std::string(12, '\0') + "ab" + "ef" + "ef" + "ef" + "gh");
@@ -359,10 +348,10 @@ TEST(FseqWriter, WritesTheLookAtEachStep) {
 }
 
 TEST(FseqWriter, WritesSparseRangesRoundedUpToFourBytes) {
-  const Written written = write({{dmx("ab", 1, 0), 0},
-                                 {dmx("c", 5, 0), 0},
-                                 {dmx(std::string(512, 'x'), 2, 0), 0},
-                                 {dmx("z", 3, 0), 0}});
+  const Written written = write({{numbered_dmx("ab", 1, 0), 0},
+                                 {numbered_dmx("c", 5, 0), 0},
+                                 {numbered_dmx(std::string(512, 'x'), 2, 0), 0},
+                                 {numbered_dmx("z", 3, 0), 0}});
   EXPECT_EQ(without_identifier(written.file),
             "PSEQ" + little(52, 2) + text("\0\x02", 2) + little(50, 2) + little(516, 4) + little(1, 4) +
                 text("\x19\0", 2) + text("\0\0\x03\0", 4) + std::string(8, '\0') + little(512, 3) +
@@ -372,7 +361,8 @@ TEST(FseqWriter, WritesSparseRangesRoundedUpToFourBytes) {
 }
 
 TEST(FseqWriter, WritesVersion1WithAllChannelsFromTheFirst) {
-  const Written written = write({{dmx("ab", 1, 0), 0}, {dmx("cd", 1, 0), 200 * kMs}}, {1, 200});
+  const Written written =
+      write({{numbered_dmx("ab", 1, 0), 0}, {numbered_dmx("cd", 1, 0), 200 * kMs}}, {1, 200});
   EXPECT_EQ(written.file, "PSEQ" + little(28, 2) + text("\0\x01", 2) + little(28, 2) + little(514, 4) +
                               little(2, 4) + text("\xC8\0\0\0\0\0\x01\x02\0\0", 10) + std::string(512, '\0') +
                               "ab" + std::string(512, '\0') + "cd");
@@ -382,7 +372,8 @@ TEST(FseqWriter, WritesVersion1WithAllChannelsFromTheFirst) {
 
 TEST(FseqWriter, MergesTheNearestRangesWhenThereAreTooMany) {
   std::vector<Datagram> datagrams;
-  for (unsigned i = 0; i < 256; ++i) datagrams.emplace_back(dmx("xy", i < 100 ? 3 * i : 3 * i - 1, 0), 0);
+  for (unsigned i = 0; i < 256; ++i)
+    datagrams.emplace_back(numbered_dmx("xy", i < 100 ? 3 * i : 3 * i - 1, 0), 0);
   const Written written = write(datagrams);
   EXPECT_EQ(static_cast<unsigned char>(written.file[22]), 255);
   EXPECT_EQ(written.outcome.channels, 256U * 2 + 1022);
@@ -393,18 +384,18 @@ TEST(FseqWriter, MergesTheNearestRangesWhenThereAreTooMany) {
 }
 
 TEST(FseqWriter, SaysWhatItDoesNotHold) {
-  const Written written = write({{dmx("abc", 0, 1), 0},
-                                 {dmx("d", 0, 2) + dmx("e", 40'000, 0), 25 * kMs},
-                                 {dmx("", 7, 0), 25 * kMs},
-                                 {dmx("later", 8, 0), 25 * kMs}});
-  EXPECT_EQ(read(written.file).datagrams[4].first, dmx(text("d\0\0", 3), 0, 3)) << "shorter";
+  const Written written = write({{numbered_dmx("abc", 0, 1), 0},
+                                 {numbered_dmx("d", 0, 2) + numbered_dmx("e", 40'000, 0), 25 * kMs},
+                                 {numbered_dmx("", 7, 0), 25 * kMs},
+                                 {numbered_dmx("later", 8, 0), 25 * kMs}});
+  EXPECT_EQ(read(written.file).datagrams[4].first, numbered_dmx(text("d\0\0", 3), 0, 3)) << "shorter";
   EXPECT_EQ(
       written.outcome.losses,
       (std::vector<std::string>{"1 ArtDmx of universes above 32768", "1 ArtDmx without slots",
                                 "changing numbers of slots in 1 universe (filled with 0)",
                                 "the later begin of 3 universes (filled with 0)",
                                 "the sequence numbers of 2 ArtDmx", "that 1 datagram held several ArtDmx"}));
-  EXPECT_EQ(write({{dmx("e", 40'000, 0), 0}}, {1, 25}).outcome.channels, 40'000U * 512 + 1);
+  EXPECT_EQ(write({{numbered_dmx("e", 40'000, 0), 0}}, {1, 25}).outcome.channels, 40'000U * 512 + 1);
 }
 
 TEST(FseqWriter, RefusesWhatNoSequenceCanHold) {
@@ -414,11 +405,12 @@ TEST(FseqWriter, RefusesWhatNoSequenceCanHold) {
     return error_of([&] { cue::export_fseq(show, replaced(directory / "out"), {2, 1}); });
   };
   EXPECT_EQ(error({}), directory / "show.cue: holds no universe that an FSEQ file can hold");
-  EXPECT_EQ(error({{dmx("", 0, 0), 0}}),
+  EXPECT_EQ(error({{numbered_dmx("", 0, 0), 0}}),
             directory / "show.cue: holds no universe that an FSEQ file can hold");
-  EXPECT_EQ(error({{dmx("a", 32768, 0), 0}}),
+  EXPECT_EQ(error({{numbered_dmx("a", 32768, 0), 0}}),
             directory / "show.cue: holds no universe that an FSEQ file can hold");
-  EXPECT_EQ(error({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), std::numeric_limits<std::int64_t>::max()}}),
+  EXPECT_EQ(error({{numbered_dmx("a", 0, 0), 0},
+                   {numbered_dmx("b", 0, 0), std::numeric_limits<std::int64_t>::max()}}),
             directory /
                 "show.cue: lasts 2562047h47m16.855s, longer than an FSEQ file with a step of 1 ms can be; "
                 "kadrel-cue info shows its pauses, and kadrel-cue cut takes a part");
@@ -428,8 +420,8 @@ TEST(FseqWriter, RefusesWhatNoSequenceCanHold) {
 TEST(FseqWriter, BeginsNoFileThatTheDiskHasNoRoomFor) {
   const unit::Directory directory;
   constexpr std::int64_t kThreeYears = std::int64_t{3 * 365} * 86400 * 1000 * kMs;
-  const std::string show =
-      directory.write("show.cue", file_of({{dmx("a", 32767, 0), 0}, {dmx("b", 32767, 1), kThreeYears}}));
+  const std::string show = directory.write(
+      "show.cue", file_of({{numbered_dmx("a", 32767, 0), 0}, {numbered_dmx("b", 32767, 1), kThreeYears}}));
   const std::string error = error_of([&] { cue::export_fseq(show, replaced(directory / "out"), {1, 25}); });
   const std::string before =
       show + ": lasts 26280h00m00.000s, which makes an FSEQ file of 63488420282 MB, and ";
@@ -442,7 +434,8 @@ TEST(FseqWriter, BeginsNoFileThatTheDiskHasNoRoomFor) {
 TEST(FseqWriter, GoesOnBehindDamageAndSaysItOnce) {
   const unit::Directory directory;
   const std::string damaged = directory.write(
-      "show.cue", file_of({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), 25 * kMs}, {"Art-Net", kMs}}));
+      "show.cue",
+      file_of({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), 25 * kMs}, {"Art-Net", kMs}}));
   EXPECT_NE(error_of([&] { cue::export_fseq(damaged, replaced(directory / "out"), {}); }), "no error");
   int damages = 0;
   const auto count = [&](const cue::RecordingReader&, const cue::Damage&) { ++damages; };
@@ -465,7 +458,8 @@ TEST(Fseq, ComesBackByteForByteWhereTheFormatHoldsAll) {
       for (const unsigned universe : universes) {
         const std::string levels(slots, static_cast<char>(chance.below(256)));
         const bool begins = universe == universes.front();
-        datagrams.emplace_back(dmx(levels, universe, frame % 255 + 1), begins && frame > 0 ? step * kMs : 0);
+        datagrams.emplace_back(numbered_dmx(levels, universe, frame % 255 + 1),
+                               begins && frame > 0 ? step * kMs : 0);
       }
     }
     const Written written = write(datagrams, {version, step});

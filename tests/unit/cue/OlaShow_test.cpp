@@ -14,25 +14,12 @@ using recordings::Datagram;
 using recordings::file_of;
 using unit::error_of;
 using unit::Foreign;
+using unit::numbered_dmx;
+using unit::replaced;
 
 namespace {
 
 constexpr std::int64_t kMs = 1'000'000;
-
-/// An output that may exist.
-cue::Output replaced(const std::string& path) {
-  cue::Output output(path);
-  output.replace = true;
-  return output;
-}
-
-/// An ArtDmx with a sequence number.
-std::string dmx(const std::string& slots, unsigned port_address, unsigned sequence) {
-  std::string bytes = packets::dmx(slots, port_address);
-  bytes[12] = static_cast<char>(sequence);
-  bytes[13] = 0;
-  return bytes;
-}
 
 Foreign read(const std::string& show) {
   return unit::read_all(*cue::open_ola_show(recordings::source_of(show), "show"));
@@ -52,15 +39,16 @@ Written write(const std::vector<Datagram>& datagrams) {
 }
 
 TEST(OlaShow, HoldsAFrameForEachArtDmxAndThePausesBetween) {
-  const Written written = write(
-      {{dmx(text("\0\x01\xFF", 3), 0, 0), 0}, {dmx("\x0A", 7, 0), 25 * kMs}, {dmx("\x14", 32767, 0), 0}});
+  const Written written = write({{numbered_dmx(text("\0\x01\xFF", 3), 0, 0), 0},
+                                 {numbered_dmx("\x0A", 7, 0), 25 * kMs},
+                                 {numbered_dmx("\x14", 32767, 0), 0}});
   EXPECT_EQ(written.show, "OLA Show\n1 0,1,255\n25\n8 10\n0\n32768 20\n");
   EXPECT_EQ(written.frames, 3U);
   EXPECT_TRUE(written.losses.empty());
 }
 
 TEST(OlaShow, LetsNoErrorOfRoundedTimesAddUp) {
-  std::vector<Datagram> datagrams(4, {dmx("a", 0, 0), 22'600'000});
+  std::vector<Datagram> datagrams(4, {numbered_dmx("a", 0, 0), 22'600'000});
   const Written written = write(datagrams);
   // 0, 22.6, 45.2, 67.8 ms.
   EXPECT_EQ(written.show, "OLA Show\n1 97\n23\n1 97\n22\n1 97\n23\n1 97\n");
@@ -68,10 +56,10 @@ TEST(OlaShow, LetsNoErrorOfRoundedTimesAddUp) {
 }
 
 TEST(OlaShow, SaysWhatItDoesNotHold) {
-  std::string with_port = dmx("a", 0, 1);
+  std::string with_port = numbered_dmx("a", 0, 1);
   with_port[13] = 3;
-  const Written written =
-      write({{with_port + dmx("b", 1, 9) + packets::poll(), 0}, {dmx("", 0, 0) + packets::poll(), kMs}});
+  const Written written = write({{with_port + numbered_dmx("b", 1, 9) + packets::poll(), 0},
+                                 {numbered_dmx("", 0, 0) + packets::poll(), kMs}});
   EXPECT_EQ(written.show, "OLA Show\n1 97\n0\n2 98\n");
   const std::vector<std::string> expected = {
       "1 ArtDmx without slots", "the sequence numbers of 2 ArtDmx", "the physical ports of 1 ArtDmx",
@@ -86,17 +74,18 @@ TEST(OlaShow, IsNotWrittenWithoutAFrameOrBeyondAPauseThatItCanTell) {
     return error_of([&] { cue::export_ola_show(show, replaced(directory / "out")); });
   };
   EXPECT_EQ(error(""), directory / "show.cue: holds no levels");
-  EXPECT_EQ(error(dmx("", 0, 0)), directory / "show.cue: holds no levels");
+  EXPECT_EQ(error(numbered_dmx("", 0, 0)), directory / "show.cue: holds no levels");
   constexpr std::int64_t kLongest = std::int64_t{0xFFFFFFFF} * kMs;
-  EXPECT_EQ(error(file_of({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), kLongest}})), "no error");
-  EXPECT_EQ(error(file_of({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), kLongest + kMs}})),
+  EXPECT_EQ(error(file_of({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), kLongest}})), "no error");
+  EXPECT_EQ(error(file_of({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), kLongest + kMs}})),
             directory / "show.cue: byte 37: after a pause longer than an OLA show can tell");
 }
 
 TEST(OlaShow, GoesOnBehindDamageWhenAskedTo) {
   const unit::Directory directory;
   const std::string damaged = directory.write(
-      "show.cue", file_of({{dmx("a", 0, 0), 0}, {dmx("b", 0, 0), 2 * kMs}, {"Art-Net", kMs}}));
+      "show.cue",
+      file_of({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), 2 * kMs}, {"Art-Net", kMs}}));
   EXPECT_NE(error_of([&] { cue::export_ola_show(damaged, replaced(directory / "out")); }), "no error");
   int damages = 0;
   const auto count = [&](const cue::RecordingReader&, const cue::Damage&) { ++damages; };
@@ -115,7 +104,7 @@ TEST(OlaShow, ComesBackByteForByteWhereTheFormatHoldsAll) {
       std::string levels;
       for (unsigned slots = 1 + chance.below(512); slots > 0; --slots)
         levels += static_cast<char>(chance.below(256));
-      datagrams.emplace_back(dmx(levels, universe * 8191, sequences[universe]),
+      datagrams.emplace_back(numbered_dmx(levels, universe * 8191, sequences[universe]),
                              datagrams.empty() ? 0 : std::int64_t{chance.below(5000)} * kMs);
     }
     const Foreign back = read(write(datagrams).show);
@@ -139,34 +128,38 @@ TEST(OlaShowReader, KnowsAShowByItsFirstLine) {
 }
 
 TEST(OlaShowReader, IsGenerousInWhatItReads) {
-  const std::vector<Datagram> expected = {
-      {dmx("\x01\x02", 0, 1), 0}, {dmx(text("\x04\0\x05", 3), 0, 2), 40 * kMs}, {dmx("\x06", 1, 1), 0}};
+  const std::vector<Datagram> expected = {{numbered_dmx("\x01\x02", 0, 1), 0},
+                                          {numbered_dmx(text("\x04\0\x05", 3), 0, 2), 40 * kMs},
+                                          {numbered_dmx("\x06", 1, 1), 0}};
   EXPECT_EQ(read("OLA Show\n1 1,2\n40\n1 4,0,5\n0\n2 6\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show\r\n1 1,2\r\n40\r\n1 4,0,5\r\n0\r\n2 6\r\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show \n\n1  1, 2 \n 40\t\n\n01 4,,005\n0\n2\t6").datagrams, expected);
   EXPECT_EQ(read("OLA Show\n1 1,2\n15\n25\n1 4,,5\n2 6\n7\n").datagrams, expected)
       << "pauses too many, or missing";
-  EXPECT_EQ(read("OLA Show\n5\n1 7\n").datagrams, (std::vector<Datagram>{{dmx("\x07", 0, 1), 5 * kMs}}));
+  EXPECT_EQ(read("OLA Show\n5\n1 7\n").datagrams,
+            (std::vector<Datagram>{{numbered_dmx("\x07", 0, 1), 5 * kMs}}));
 }
 
 TEST(OlaShowReader, ReadsTheTimesOfVersion2) {
-  const std::vector<Datagram> expected = {
-      {dmx("\x01", 0, 1), 0}, {dmx("\x02", 0, 2), 500 * kMs}, {dmx("\x03", 0, 3), 1500 * kMs}};
+  const std::vector<Datagram> expected = {{numbered_dmx("\x01", 0, 1), 0},
+                                          {numbered_dmx("\x02", 0, 2), 500 * kMs},
+                                          {numbered_dmx("\x03", 0, 3), 1500 * kMs}};
   EXPECT_EQ(read("OLA Show V2\n1 1\n0 500\n1 2\n2 0\n1 3\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show V2\r\n1 1\r\n0 500\r\n1 2\r\n2 0\r\n1 3\r\n2 10\r\n").datagrams, expected);
   EXPECT_EQ(read("OLA Show V2\n1 1\n0 500000\n1 2\n2 000\n1 3\n").datagrams, expected)
       << "a number from 1000 on: these are microseconds";
-  EXPECT_EQ(
-      read("OLA Show V2\n1 1\n0 500\n1 2\n0 400\n1 3\n").datagrams,
-      (std::vector<Datagram>{{dmx("\x01", 0, 1), 0}, {dmx("\x02", 0, 2), 500 * kMs}, {dmx("\x03", 0, 3), 0}}))
+  EXPECT_EQ(read("OLA Show V2\n1 1\n0 500\n1 2\n0 400\n1 3\n").datagrams,
+            (std::vector<Datagram>{{numbered_dmx("\x01", 0, 1), 0},
+                                   {numbered_dmx("\x02", 0, 2), 500 * kMs},
+                                   {numbered_dmx("\x03", 0, 3), 0}}))
       << "a time that goes back";
   EXPECT_EQ(read("OLA Show V2\n1 1\n0 500\n9 2000\n").breaks_off, "line 4 is not a frame");
 }
 
 TEST(OlaShowReader, LeavesOutUniversesWithoutANumberHereAndFramesWithoutLevels) {
   const Foreign found = read("OLA Show\n0 1\n1\n65536 2\n1\n65537 3\n1\n4294967295 3\n1\n5 \n1\n1 6\n");
-  EXPECT_EQ(found.datagrams,
-            (std::vector<Datagram>{{dmx("\x02", 65535, 1), kMs}, {dmx("\x06", 0, 1), 4 * kMs}}));
+  EXPECT_EQ(found.datagrams, (std::vector<Datagram>{{numbered_dmx("\x02", 65535, 1), kMs},
+                                                    {numbered_dmx("\x06", 0, 1), 4 * kMs}}));
   EXPECT_EQ(found.losses,
             (std::vector<std::string>{"3 frames of universe 0 or above 65536", "1 frame without levels"}));
   EXPECT_EQ(found.breaks_off, "");
@@ -190,7 +183,7 @@ TEST(OlaShowReader, NamesTheLineWhereAShowBreaksOff) {
   std::string many = "1 0";
   for (int slot = 2; slot <= 512; ++slot) many += ",0";
   EXPECT_EQ(read("OLA Show\n" + many + "\n").datagrams,
-            (std::vector<Datagram>{{dmx(std::string(512, '\0'), 0, 1), 0}}));
+            (std::vector<Datagram>{{numbered_dmx(std::string(512, '\0'), 0, 1), 0}}));
   EXPECT_EQ(broken(many + ",0\n"), "line 3 is not a frame");
   EXPECT_EQ(broken("5\n1 " + std::string(9000, '0') + "\n"), "line 4 is too long");
   EXPECT_EQ(broken(std::string(200'000, '1')), "line 3 is too long") << "without an end";
@@ -204,7 +197,7 @@ TEST(OlaShowReader, HoldsLinesAcrossTheBoundsOfItsBuffer) {
   std::vector<Datagram> expected;
   for (unsigned n = 0; n < 20'000; ++n) {
     show += "1 " + std::to_string(n % 256) + ",7\n1\n";
-    expected.emplace_back(dmx({static_cast<char>(n % 256), 7}, 0, n % 255 + 1), n == 0 ? 0 : kMs);
+    expected.emplace_back(numbered_dmx({static_cast<char>(n % 256), 7}, 0, n % 255 + 1), n == 0 ? 0 : kMs);
   }
   EXPECT_EQ(read(show).datagrams, expected);
 }

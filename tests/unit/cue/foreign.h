@@ -3,10 +3,26 @@
 #include <string>
 #include <vector>
 
+#include "cue/AtomicFile.h"
 #include "cue/ForeignReader.h"
 #include "unit/cue/recordings.h"
 
 namespace unit {
+
+/// An output that may exist.
+inline cue::Output replaced(const std::string& path) {
+  cue::Output output(path);
+  output.replace = true;
+  return output;
+}
+
+/// An ArtDmx as players number it.
+inline std::string numbered_dmx(const std::string& slots, unsigned port_address, unsigned sequence) {
+  std::string bytes = packets::dmx(slots, port_address);
+  bytes[12] = static_cast<char>(sequence);
+  bytes[13] = 0;
+  return bytes;
+}
 
 /// Everything that a reader of a foreign format delivers.
 struct Foreign {
