@@ -127,16 +127,17 @@ private:
         command
             .add_option(
                 "--format", format,
-                "pcap, pcap-sacn (E1.31), fseq (version 2), fseq1 (version 1), ola (a show of ola_recorder) "
+                "pcap, pcap-sacn (E1.31), fseq (version 2), fseq1 (version 1), ola (a show of ola_recorder)\n"
                 "or csv (the changes of all universes)")
             ->check(CLI::IsMember({"pcap", "pcap-sacn", "fseq", "fseq1", "ola", "csv"}))
             ->type_name("FORMAT");
     output_option = add_output(command, output);
-    step_option = add_parsed<int>(
-                      command, "--step", parse_step, [this](int milliseconds) { step = milliseconds; },
-                      "a time of whole milliseconds up to 0.255 s, such as 0.05 or 50ms",
-                      "From one frame of an FSEQ file to the next, 0.001 to 0.255 s in whole ms [0.025]")
-                      ->type_name("TIME");
+    step_option =
+        add_parsed<int>(
+            command, "--step", parse_step, [this](int milliseconds) { step = milliseconds; },
+            "a time of whole milliseconds up to 0.255 s, such as 0.05 or 50ms",
+            "From one frame of an FSEQ file to the next, up to 0.255 s in whole ms; without it 0.025")
+            ->type_name("TIME");
   }
 
   void add_tables(CLI::App& command) {

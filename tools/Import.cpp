@@ -38,7 +38,7 @@ public:
                     "  kadrel-cue import show.fseq -o show.cue\n"
                     "  kadrel-cue import show.pcap.gz --protocol sacn --sender 10.0.0.5 -o show.cue");
     add_input(*command, "IN", file,
-              "Capture (pcap, pcapng), FSEQ sequence or show of ola_recorder, may be compressed by gzip");
+              "Capture (pcap, pcapng), FSEQ sequence or show of ola_recorder; may be compressed by gzip");
     add_parsed<cue::Protocol>(
         *command, "--protocol", parse_protocol,
         [this](cue::Protocol protocol) { options.capture.protocol = protocol; }, "artnet or sacn",

@@ -101,10 +101,11 @@ CLI::Option* add_inputs(CLI::App& command, std::vector<cue::Input>& inputs, cons
 }
 
 CLI::Option* add_output(CLI::App& command, cue::Output& output) {
+  CLI::Option* const option =
+      command.add_option("-o,--output", output.path, "File to write, or -; it appears when it is complete")
+          ->type_name("OUT");
   add_force(command, output.replace);
-  return command
-      .add_option("-o,--output", output.path, "File to write, or -; it appears when it is complete")
-      ->type_name("OUT");
+  return option;
 }
 
 CLI::Option* add_force(CLI::App& command, bool& replace) {

@@ -59,10 +59,8 @@ public:
         ->take_all();
     add_only(*command, options.selection);
     add_ends(*command);
-    command->add_flag("--sync", options.sync, "Send an ArtSync after each burst of datagrams");
     command->add_flag("--wait", wait, "Start when Enter is pressed");
-    command->add_flag("--strict", strict,
-                      "Take a damaged file for an error; otherwise its good part is played");
+    add_strict(*command, strict);
     command->add_flag("--stats", playback.stats, "Write how late the datagrams were, as JSON");
     return command;
   }
@@ -140,6 +138,8 @@ private:
         "Name of the source with --sacn; \"kadrel-cue on HOST\" when none is given")
         ->needs(chosen)
         ->type_name("NAME");
+    command.add_flag("--sync", options.sync,
+                     "Send an ArtSync after each burst of datagrams; not with --sacn");
   }
 
   void add_timing(CLI::App& command) {
@@ -154,14 +154,14 @@ private:
         "-100 in twice the time, 50 in three quarters")
         ->type_name("FACTORx|PERCENT");
     add_time_range(command, options.selection);
-    add_parsed<Passes>(
-        command, "--loop", parse_passes, [this](const Passes& passes) { options.loops = passes.count; },
-        "a number of passes (from 1 to 2^63), or forever", "Passes through the recording, or forever")
-        ->type_name("N");
-    add_gap(command, options.gap, "passes");
     command.add_flag_callback(
         "--no-look", [this] { options.look = false; },
         "Begin with the recorded datagrams alone, without the look of each universe at that moment");
+    add_parsed<Passes>(
+        command, "--loop", parse_passes, [this](const Passes& passes) { options.loops = passes.count; },
+        "a number of passes (from 1 to 2^63), or forever", "Passes through the recording")
+        ->type_name("N|forever");
+    add_gap(command, options.gap, "passes");
   }
 
   void add_ends(CLI::App& command) {

@@ -24,8 +24,8 @@ public:
         add_universe(*command, options.port_address, "One universe slot by slot instead of a band for each");
     add_only(*command, options.selection)->excludes(universe);
     add_time_range(*command, options.selection);
-    add_output(*command, options.output)->required();
     add_strict(*command, strict);
+    add_output(*command, options.output)->required();
     return command;
   }
 

@@ -150,7 +150,8 @@ def test_a_recording_that_was_cut_off_is_repaired(service, tool):
     code, _, errors = tool("verify", cut)
     broken = len(content) - 118
     assert code == 1
-    assert errors.startswith(f"kadrel-cue: {cut}: byte {broken}: cut off within a datagram; good are the first {broken - 18} bytes")
+    damage = f"byte {broken}: cut off within a datagram; good are the first {broken - 18} bytes"
+    assert errors.startswith(f"kadrel-cue: {cut}: {damage}")
     assert tool("verify", "--repair", "-o", repaired, cut)[0] == 0
     assert Path(repaired).read_bytes() == content[: broken - 18]
 
