@@ -5,20 +5,13 @@
 
 #include "artnet/ArtNetPackets.h"
 #include "artnet/ArtNetParser.h"
+#include "cue/ByteOrder.h"
 
 namespace cue {
 namespace {
 
 // The parser reads its stream in portions of this size; an ArtPollReply is as long as its portion.
 constexpr std::size_t kPortion = ArtNetParser::kBufferSize;
-
-std::uint16_t low_byte_first(const std::uint8_t* bytes) {
-  return static_cast<std::uint16_t>(bytes[0] | (bytes[1] << 8));
-}
-
-std::uint16_t high_byte_first(const std::uint8_t* bytes) {
-  return static_cast<std::uint16_t>((bytes[0] << 8) | bytes[1]);
-}
 
 }  // namespace
 

@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "cue/ByteOrder.h"
+
 namespace cue {
 namespace {
 
@@ -35,14 +37,6 @@ constexpr std::size_t kUdpHeader = 8;
 constexpr std::uint16_t kMoreFragments = 0x2000;
 constexpr std::uint16_t kFragmentOffset = 0x1FFF;
 
-std::uint16_t get(const std::uint8_t* at) {
-  return static_cast<std::uint16_t>((at[0] << 8) | at[1]);
-}
-
-std::uint32_t get_long(const std::uint8_t* at) {
-  return static_cast<std::uint32_t>(get(at)) << 16 | get(at + 2);
-}
-
 /// The packet in a frame.
 struct Packet {
   bool known = true;  // the link type is understood
@@ -56,11 +50,11 @@ constexpr Packet kTooShort{true, false, kOtherType, 0};
 /// A packet whose type stands at @p type_at, with VLAN tags before it perhaps.
 Packet behind_header(const Bytes& frame, std::size_t type_at, std::size_t header) {
   if (frame.size < header) return kTooShort;
-  std::uint16_t type = get(frame.data + type_at);
+  std::uint16_t type = high_byte_first(frame.data + type_at);
   while (std::find(kVlanTypes.begin(), kVlanTypes.end(), type) != kVlanTypes.end()) {
     header += 4;
     if (frame.size < header) return kTooShort;
-    type = get(frame.data + header - 2);
+    type = high_byte_first(frame.data + header - 2);
   }
   return {true, true, type, header};
 }
@@ -95,7 +89,7 @@ Packet ppp_packet(const Bytes& frame) {
   std::size_t at = frame.size >= 2 && frame.data[0] == 0xFF && frame.data[1] == 0x03 ? 2 : 0;
   if (frame.size < at + 2) return kTooShort;
   const bool is_short = (frame.data[at] & 1) != 0;
-  const std::uint16_t protocol = is_short ? frame.data[at] : get(frame.data + at);
+  const std::uint16_t protocol = is_short ? frame.data[at] : high_byte_first(frame.data + at);
   at += is_short ? 1 : 2;
   if (protocol == kPppIpv4) return {true, true, kIpv4Type, at};
   return {true, true, protocol == kPppIpv6 ? kIpv6Type : kOtherType, at};
@@ -163,15 +157,15 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
     ++count.without_udp;
     return std::nullopt;
   }
-  const std::size_t total = get(ip + 2);
+  const std::size_t total = high_byte_first(ip + 2);
   if (total < header) {
     ++count.broken;
     return std::nullopt;
   }
-  const std::uint32_t sender = get_long(ip + 12);
+  const std::uint32_t sender = high_byte_first_long(ip + 12);
   const std::size_t size = total - header;
   Bytes payload{ip + header, std::min(size, packet.size - header)};
-  const std::uint16_t place = get(ip + 6);
+  const std::uint16_t place = high_byte_first(ip + 6);
   if ((place & (kMoreFragments | kFragmentOffset)) == 0) return udp(sender, payload, size);
 
   ++count.fragments;
@@ -181,8 +175,8 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
   }
   Fragment fragment;
   fragment.sender = sender;
-  fragment.receiver = get_long(ip + 16);
-  fragment.id = get(ip + 4);
+  fragment.receiver = high_byte_first_long(ip + 16);
+  fragment.id = high_byte_first(ip + 4);
   fragment.interface = frame.interface;
   fragment.offset = static_cast<std::size_t>(place & kFragmentOffset) * 8;
   fragment.last = (place & kMoreFragments) == 0;
@@ -195,14 +189,14 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
 /// @param captured  beginning of the datagram with its header
 /// @param size      bytes of all of it
 std::optional<UdpDatagram> FrameDecoder::udp(std::uint32_t sender, const Bytes& captured, std::size_t size) {
-  const std::size_t length = captured.size < kUdpHeader ? 0 : get(captured.data + 4);
+  const std::size_t length = captured.size < kUdpHeader ? 0 : high_byte_first(captured.data + 4);
   if (length < kUdpHeader || length > size) {
     ++count.broken;
     return std::nullopt;
   }
   UdpDatagram datagram;
   datagram.sender = sender;
-  datagram.port = get(captured.data + 2);
+  datagram.port = high_byte_first(captured.data + 2);
   datagram.cut = length > captured.size;
   datagram.payload = {captured.data + kUdpHeader, std::min(length, captured.size) - kUdpHeader};
   return datagram;

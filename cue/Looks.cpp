@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "cue/ByteOrder.h"
 #include "cue/DatagramWalk.h"
 
 namespace cue {
@@ -20,10 +21,9 @@ constexpr std::array<std::uint8_t, 10> kDmxHeader = {'A', 'r', 't', '-', 'N', 'e
 template <typename Visit>
 void visit_dmx(const std::uint8_t* bytes, std::size_t size, const Visit& visit) {
   if (size >= kDmxHeaderSize && memcmp(bytes, kDmxHeader.data(), kDmxHeader.size()) == 0) {
-    const auto slots = static_cast<std::uint16_t>(bytes[kSlotsOffset] << 8 | bytes[kSlotsOffset + 1]);
+    const auto slots = high_byte_first(bytes + kSlotsOffset);
     if (slots <= kDmxSlots && kDmxHeaderSize + slots == size) {
-      visit(DmxPacket{0, static_cast<std::uint16_t>(bytes[kAddressOffset] | bytes[kAddressOffset + 1] << 8),
-                      slots});
+      visit(DmxPacket{0, low_byte_first(bytes + kAddressOffset), slots});
       return;
     }
   }

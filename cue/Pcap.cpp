@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "artnet/ArtNet.h"
+#include "cue/ByteOrder.h"
 #include "cue/CueError.h"
 #include "cue/DatagramWalk.h"
 #include "cue/RecordingReader.h"
@@ -40,19 +41,10 @@ constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
 
 using FrameHeader = std::array<std::uint8_t, kEthernetHeader + kIpHeader + kUdpHeader>;
 
-void put(std::uint8_t* at, std::size_t value) {
-  at[0] = static_cast<std::uint8_t>(value >> 8);
-  at[1] = static_cast<std::uint8_t>(value);
-}
-
-std::uint16_t get(const std::uint8_t* at) {
-  return static_cast<std::uint16_t>((at[0] << 8) | at[1]);
-}
-
 /// Checksum of an IPv4 header (RFC 791) whose checksum field is zero.
 std::uint16_t checksum(const std::uint8_t* header) {
   std::uint32_t sum = 0;
-  for (std::size_t at = 0; at < kIpHeader; at += 2) sum += get(header + at);
+  for (std::size_t at = 0; at < kIpHeader; at += 2) sum += high_byte_first(header + at);
   while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
   return static_cast<std::uint16_t>(~sum);
 }
@@ -71,8 +63,8 @@ FrameHeader broadcast_header(int port) {
                         0,    0,    0,    0,                 // ports
                         0,    0,    0,    0};                // length; no checksum
   std::uint8_t* const udp = header.data() + kEthernetHeader + kIpHeader;
-  put(udp, static_cast<std::size_t>(port));
-  put(udp + 2, static_cast<std::size_t>(port));
+  put_high_byte_first(udp, static_cast<std::size_t>(port));
+  put_high_byte_first(udp + 2, static_cast<std::size_t>(port));
   return header;
 }
 
@@ -85,8 +77,8 @@ void send_to_group(FrameHeader& header, std::uint32_t group) {
                                                 static_cast<std::uint8_t>(group >> 8),
                                                 static_cast<std::uint8_t>(group)};
   std::copy(ethernet.begin(), ethernet.end(), header.begin());
-  put(header.data() + kEthernetHeader + 16, group >> 16);
-  put(header.data() + kEthernetHeader + 18, group);
+  put_high_byte_first(header.data() + kEthernetHeader + 16, group >> 16);
+  put_high_byte_first(header.data() + kEthernetHeader + 18, group);
 }
 
 /// Writes a capture with one Ethernet frame for each datagram.
@@ -105,9 +97,9 @@ public:
       throw CueError(input.name() + ": byte " + std::to_string(record.offset) +
                      ": later than a capture can tell");
     std::uint8_t* const ip = header.data() + kEthernetHeader;
-    put(ip + 2, kIpHeader + kUdpHeader + payload.size);
-    put(ip + 10, checksum(ip));
-    put(ip + kIpHeader + 4, kUdpHeader + payload.size);
+    put_high_byte_first(ip + 2, kIpHeader + kUdpHeader + payload.size);
+    put_high_byte_first(ip + 10, checksum(ip));
+    put_high_byte_first(ip + kIpHeader + 4, kUdpHeader + payload.size);
     const auto size = static_cast<std::uint32_t>(header.size() + payload.size);
     const std::array<std::uint32_t, 4> packet = {
         static_cast<std::uint32_t>(seconds), static_cast<std::uint32_t>(record.time % kSecond), size, size};

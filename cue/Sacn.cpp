@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "artnet/ArtNet.h"
+#include "cue/ByteOrder.h"
 #include "cue/CueError.h"
 
 namespace cue {
@@ -46,19 +47,6 @@ constexpr std::uint16_t kLengthMask = 0x0FFF;
 constexpr std::uint8_t kPreview = 0x80;
 constexpr std::uint8_t kTerminated = 0x40;
 
-std::uint16_t get(const std::uint8_t* at) {
-  return static_cast<std::uint16_t>((at[0] << 8) | at[1]);
-}
-
-std::uint32_t get_long(const std::uint8_t* at) {
-  return static_cast<std::uint32_t>(get(at)) << 16 | get(at + 2);
-}
-
-void put(std::uint8_t* at, std::size_t value) {
-  at[0] = static_cast<std::uint8_t>(value >> 8);
-  at[1] = static_cast<std::uint8_t>(value);
-}
-
 /// Bytes of @p name that fit, without half a character at the end.
 std::size_t fitting(const std::string& name) {
   if (name.size() <= kSacnNameSize) return name.size();
@@ -71,7 +59,7 @@ std::size_t fitting(const std::string& name) {
 /// @param need  bytes that it has at least
 std::size_t end_of_layer(const std::uint8_t* bytes, std::size_t layer, std::size_t need, std::size_t end) {
   if (layer > end || end - layer < need) return 0;
-  const std::uint16_t word = get(bytes + layer);
+  const std::uint16_t word = high_byte_first(bytes + layer);
   const std::size_t length = word & kLengthMask;
   if ((word & ~kLengthMask) != kFlags || length < need || length > end - layer) return 0;
   return layer + length;
@@ -81,15 +69,15 @@ std::size_t end_of_layer(const std::uint8_t* bytes, std::size_t layer, std::size
 SacnKind parse_data(const std::uint8_t* bytes, std::size_t end, SacnData& data) {
   end = end_of_layer(bytes, kFraming, kDmp - kFraming, end);
   if (end == 0) return SacnKind::Broken;
-  if (get_long(bytes + kFraming + kVector) != kFramingData) return SacnKind::Other;
+  if (high_byte_first_long(bytes + kFraming + kVector) != kFramingData) return SacnKind::Other;
   end = end_of_layer(bytes, kDmp, kStartCode + 1 - kDmp, end);
   if (end == 0) return SacnKind::Broken;
   if (!std::equal(kSetSlots.begin(), kSetSlots.end(), bytes + kAddressing)) return SacnKind::Broken;
-  const std::size_t values = get(bytes + kValueCount);
+  const std::size_t values = high_byte_first(bytes + kValueCount);
   if (values < 1 || values > 1 + kDmxSlots || values > end - kStartCode) return SacnKind::Broken;
-  data.universe = get(bytes + kUniverse);
+  data.universe = high_byte_first(bytes + kUniverse);
   if (data.universe < 1 || data.universe > kSacnUniverseLimit) return SacnKind::Broken;
-  data.sync_universe = get(bytes + kSyncUniverse);
+  data.sync_universe = high_byte_first(bytes + kSyncUniverse);
   data.sequence = bytes[kSequence];
   data.priority = bytes[kPriority];
   data.start_code = bytes[kStartCode];
@@ -101,7 +89,7 @@ SacnKind parse_data(const std::uint8_t* bytes, std::size_t end, SacnData& data) 
 
 SacnKind parse_extended(const std::uint8_t* bytes, std::size_t end) {
   if (end_of_layer(bytes, kFraming, kVector + sizeof(std::uint32_t), end) == 0) return SacnKind::Broken;
-  switch (get_long(bytes + kFraming + kVector)) {
+  switch (high_byte_first_long(bytes + kFraming + kVector)) {
     case kFramingSync:
       return SacnKind::Sync;
     case kFramingDiscovery:
@@ -129,13 +117,14 @@ Bytes SacnBuilder::packet(const SacnData& data) {
   if (data.slots.size < 1 || data.slots.size > kDmxSlots)
     throw CueError("E1.31 cannot carry " + std::to_string(data.slots.size) + " slots");
   const std::size_t size = kSacnHeaderSize + data.slots.size;
-  for (const std::size_t layer : {kRoot, kFraming, kDmp}) put(bytes.data() + layer, kFlags | (size - layer));
-  put(bytes.data() + kSyncUniverse, data.sync_universe);
+  for (const std::size_t layer : {kRoot, kFraming, kDmp})
+    put_high_byte_first(bytes.data() + layer, kFlags | (size - layer));
+  put_high_byte_first(bytes.data() + kSyncUniverse, data.sync_universe);
   bytes[kSequence] = data.sequence;
   bytes[kOptions] =
       static_cast<std::uint8_t>((data.preview ? kPreview : 0) | (data.terminated ? kTerminated : 0));
-  put(bytes.data() + kUniverse, data.universe);
-  put(bytes.data() + kValueCount, 1 + data.slots.size);
+  put_high_byte_first(bytes.data() + kUniverse, data.universe);
+  put_high_byte_first(bytes.data() + kValueCount, 1 + data.slots.size);
   bytes[kStartCode] = data.start_code;
   memcpy(bytes.data() + kSacnHeaderSize, data.slots.data, data.slots.size);
   return {bytes.data(), size};
@@ -178,7 +167,7 @@ SacnPacket parse_sacn(const std::uint8_t* bytes, std::size_t size) {
   const std::size_t end = end_of_layer(bytes, kRoot, kFraming - kRoot, size);
   if (end == 0) return packet;
   std::copy(bytes + kCid, bytes + kFraming, packet.cid.begin());
-  switch (get_long(bytes + kRoot + kVector)) {
+  switch (high_byte_first_long(bytes + kRoot + kVector)) {
     case kRootData:
       packet.kind = parse_data(bytes, end, packet.data);
       break;

@@ -5,6 +5,7 @@
 
 #include "artnet/ArtNet.h"
 #include "artnet/RecordingFormat.h"
+#include "cue/ByteOrder.h"
 #include "cue/DatagramBounds.h"
 #include "cue/DatagramWalk.h"
 #include "cue/RecordingInfo.h"
@@ -26,7 +27,7 @@ public:
   /// @param packet  an ArtDmx
   /// @param lost    bytes of the file that were lost up to it
   void take(const std::uint8_t* packet, std::uint64_t lost) {
-    Universe& universe = universes[port_address_of(packet)];
+    Universe& universe = universes[low_byte_first(packet + offsetof(ArtDmx, universe))];
     const int number = packet[offsetof(ArtDmx, sequence)];
     if (universe.lost != lost && universe.last != 0 && number != 0) {
       const auto jump = static_cast<std::uint64_t>((number - universe.last - 1 + kNumbers) % kNumbers);
@@ -57,11 +58,6 @@ private:
     std::uint64_t lost = 0;  // up to the last datagram
     std::uint64_t missing = 0;
   };
-
-  static std::size_t port_address_of(const std::uint8_t* packet) {
-    const std::uint8_t* const field = packet + offsetof(ArtDmx, universe);
-    return static_cast<std::size_t>(field[0] | field[1] << 8);
-  }
 
   std::vector<Universe> universes;  // by port-address
 };
@@ -142,8 +138,8 @@ private:
   }
 
   void tell_lost() const {
-    report.damage(reader.name() + ": " + counted(damages, "damaged place") + ", " +
-                  counted(datagrams, "datagram") + " in all are good");
+    report.damage(reader.name() + ": " + counted(damages, "damaged place") +
+                  ", good in all: " + counted(datagrams, "datagram"));
     const std::uint64_t lost = reader.lost_bytes();
     if (lost == 0) {
       report.damage(reader.name() + ": nothing is lost but pauses");

@@ -80,7 +80,7 @@ TEST_F(Verify, WritesWhatIsGoodAndTellsWhatIsLost) {
       "show.cue: byte 1644: zeros where a record should be; good are the first 1626 bytes, 3 datagrams, "
       "0.000 s\n"
       "show.cue: byte 7402: cut off within a datagram\n"
-      "show.cue: 2 damaged places, 6 datagrams in all are good\n"
+      "show.cue: 2 damaged places, good in all: 6 datagrams\n"
       "show.cue: lost: 4101 bytes, the size of about 7 datagrams\n"
       "show.cue: lost by sequence number: 3 datagrams of universe 1\n");
   EXPECT_EQ(good, "out.cue: repaired, 6 datagrams, 0.000 s\n");
@@ -112,7 +112,7 @@ TEST_F(Verify, RestoresADamagedDelayRecord) {
     EXPECT_EQ(repaired(), file);
     EXPECT_EQ(damage,
               "show.cue: byte 22: a damaged delay record; good are the first 22 bytes, 1 datagram, 0.000 s\n"
-              "show.cue: 1 damaged place, 3 datagrams in all are good\n"
+              "show.cue: 1 damaged place, good in all: 3 datagrams\n"
               "show.cue: nothing is lost but pauses\n");
   }
 }
