@@ -28,6 +28,9 @@ constexpr Clock::duration kSlice = std::chrono::milliseconds(20);
 // on_idle is called when so much time is left until the next datagram.
 constexpr Clock::duration kIdle = std::chrono::milliseconds(3);
 
+// Where there is never so much, it is called so often.
+constexpr Clock::duration kLongestSilence = std::chrono::milliseconds(250);
+
 // Datagrams not further apart are a burst, and ArtSync comes after it.
 constexpr Clock::duration kBurstGap = std::chrono::milliseconds(2);
 
@@ -145,6 +148,7 @@ bool Player::wait(std::int64_t ns, Pausing pausing) {
     const bool repeats = fading(now);
     const Time next = repeats ? std::min(deadline, next_repeat) : deadline;
     sync_before(next);
+    tell(next, now);
     if (now >= deadline) return true;
     if (repeats && now >= next_repeat)
       repeat_faded(now);
@@ -161,6 +165,7 @@ void Player::stand() {
     take_commands(now);
     if (leaving()) return;
     sync_before(repeat);
+    tell(repeat, now);
     if (now < repeat) {
       rest(repeat, now);
     } else {
@@ -172,11 +177,17 @@ void Player::stand() {
 
 /// Rests until @p next, or a slice.
 void Player::rest(Time next, Time now) {
-  if (next - now > kIdle && on_idle) on_idle(play);
   if (next - now > spin)
     clock.sleep_until(std::min(next - spin, now + kSlice));
   else
     clock.spin_until(next);
+}
+
+/// Tells of the state when there is time until @p next, or it has not been told for long.
+void Player::tell(Time next, Time now) {
+  if (!on_idle || (next - now <= kIdle && now < next_told)) return;
+  next_told = now + kLongestSilence;
+  on_idle(play);
 }
 
 // Fades
@@ -348,6 +359,11 @@ std::optional<Player::Time> Player::play_pass(std::optional<Time> arrival) {
     if (stop || quit) return std::nullopt;
     std::int64_t position = *std::exchange(jump, std::nullopt);
     look = records.go_to(position, looks);
+    if (play.paused && look.all().empty()) {
+      // Before the first datagrams there is nothing to see: the pause stands behind their first frame.
+      position = add_bounded(position, default_gap());
+      look = records.go_to(position, look);
+    }
     if (!stop && !records.has_more()) position = std::min(position, records.end().time);
     if (!options.look) look.forget();
     something = true;

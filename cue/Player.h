@@ -107,7 +107,8 @@ public:
   /// The last part of every wait is spun, not slept.
   kesto::Clock::duration spin;
 
-  /// Called now and then when the next datagram is not due soon.
+  /// Called when the next datagram is not due soon, and where they come one after the other every 250 ms.
+  /// Must not wait.
   std::function<void(const PlayState&)> on_idle;
 
   /// Asked for the commands of an operator at least every 20 ms, until it has none. May be empty. Must be set
@@ -138,6 +139,7 @@ private:
   bool wait(std::int64_t ns, Pausing pausing);
   void stand();
   void rest(Time next, Time now);
+  void tell(Time next, Time now);
   void take_commands(Time now);
   void obey(const PlayCommand& command, Time now);
   void pause_or_go_on(Time now);
@@ -180,6 +182,7 @@ private:
 
   Time seen;  // what the clock has shown last
   Time next_poll;
+  Time next_told;
   Time paused_at;
   bool quit = false;
   std::optional<std::int64_t> jump;  // to this position

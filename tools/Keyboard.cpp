@@ -198,6 +198,7 @@ bool Keyboard::enter() const {
   if (raw_terminal != -1) return true;
   termios modes = modes_before;
   modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+  modes.c_iflag &= ~static_cast<tcflag_t>(IXON);  // Ctrl-S is an ordinary key
   // Reads do not wait.
   modes.c_cc[VMIN] = 0;
   modes.c_cc[VTIME] = 0;

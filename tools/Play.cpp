@@ -10,6 +10,7 @@
 #include "artnet/ArtNet.h"
 #include "cue/SacnSender.h"
 #include "tools/Arguments.h"
+#include "tools/BackgroundOutput.h"
 #include "tools/Command.h"
 #include "tools/DamageWarning.h"
 #include "tools/Keyboard.h"
@@ -91,9 +92,10 @@ public:
       if (!wait_for_enter(playback.keyboard, stop)) return 0;
     }
 
-    DamageWarning warning(err, strict);
+    BackgroundOutput words(err);
+    DamageWarning warning(words, strict);
     options.on_damage = warning.on_damage();
-    const int code = play(playback, stop, out, err);
+    const int code = play(playback, stop, out, words);
     return code != 0 ? code : warning.exit_code();
   }
 

@@ -57,6 +57,12 @@ class Terminal:
         self.shown = self.shown[match.end():]
         return match
 
+    def stop_output(self):
+        termios.tcflow(self._terminal, termios.TCOOFF)
+
+    def go_on(self):
+        termios.tcflow(self._terminal, termios.TCOON)
+
     @property
     def modes(self):
         return termios.tcgetattr(self._terminal)
@@ -228,6 +234,25 @@ def test_keys_come_from_the_terminal_when_the_recording_is_the_standard_input(op
     spin_until(lambda: terminal.is_raw, "the keys")
     terminal.press(UP)
     assert levels_until(node, 30)[-1] == 30
+    terminal.press(b"q")
+    assert terminal.wait() == 0
+
+
+def test_a_terminal_that_stands_does_not_stop_the_show(operate, node, path):
+    terminal = operate(path, "--to", NODE, "--speed", "50x")
+    spin_until(lambda: terminal.is_raw, "the keys")
+    terminal.see(rb" left")
+    terminal.stop_output()
+    levels_until(node, 89)
+    terminal.go_on()
+    assert terminal.wait() == 0
+
+
+def test_ctrl_s_does_not_stop_the_line(operate, node, path):
+    terminal = operate(path, "--to", NODE)
+    spin_until(lambda: terminal.is_raw, "the keys")
+    terminal.press(b"\x13 ")
+    terminal.see(rb"PAUSED")
     terminal.press(b"q")
     assert terminal.wait() == 0
 

@@ -307,6 +307,15 @@ TEST_F(PlayerTest, TellsOfItsStateOnlyWhenThereIsTime) {
   EXPECT_EQ(positions.back(), kMs);
 }
 
+TEST_F(PlayerTest, TellsOfItsStateAlsoWhereThereIsNeverTime) {
+  record(std::vector<recordings::Datagram>(2001, {dmx("a"), kMs / 2}));
+  cue::Player player(options, sink, clock, stop);
+  std::vector<std::int64_t> times;
+  player.on_idle = [&](const cue::PlayState&) { times.push_back(now()); };
+  player.run();
+  EXPECT_EQ(times, (std::vector<std::int64_t>{-kLead, 245 * kMs, 495 * kMs, 745 * kMs, 995 * kMs}));
+}
+
 // Nothing to play
 
 TEST_F(PlayerTest, SaysThatAnEmptyFileHoldsNothing) {
@@ -710,6 +719,16 @@ TEST_F(PlayerTest, AJumpDuringAPauseShowsItsLookAndStands) {
             "c");
   EXPECT_NEAR(static_cast<double>(sink.sent[1].time), static_cast<double>(1500 * kMs), 50.0 * kMs);
   EXPECT_NEAR(static_cast<double>(sink.sent[4].time), static_cast<double>(11 * kSecond), 50.0 * kMs);
+}
+
+TEST_F(PlayerTest, HomeDuringAPauseShowsTheFirstFrame) {
+  record({{dmx("a", 0), 0}, {dmx("b", 1), 10 * kMs}, {dmx("c", 0), 10 * kSecond}, {dmx("d", 0), kSecond}});
+  command_at({{10'500 * kMs, {Kind::Pause}}, {10'600 * kMs, {Kind::Home}}, {12 * kSecond, {Kind::Pause}}});
+  play();
+  std::string levels;
+  for (const Sent& one : sent_within(10'600 * kMs, 12 * kSecond)) levels += one.bytes.back();
+  EXPECT_EQ(levels, "abab");
+  EXPECT_EQ(sink.sent.back().bytes, dmx("d", 0));
 }
 
 TEST_F(PlayerTest, AFadeStandsDuringAPause) {
