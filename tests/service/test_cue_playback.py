@@ -126,6 +126,23 @@ def test_the_last_look_is_held_until_the_tool_is_stopped(service, tool):
     assert tool.finish(playing)[0] == 0
 
 
+def test_what_is_received_of_all_kinds_of_seams_is_complete(service, tool):
+    """Looks, fades, passes, hold and black-out count on: a recording of a playback proves itself complete."""
+    sent = [art_dmx(number % 3, bytes([number % 200]) * 9, sequence=number // 3 % 255 + 1) for number in range(120)]
+    path, again = (service.world.path(f"{name}.cue") for name in ("show", "again"))
+    Path(path).write_bytes(oem_vfps_ns(5_000_000).join(sent))
+    service.client.grab(again)
+    node = service.world.network.peer("node", "10.77.0.30").endpoint(ARTNET_PORT)
+    more = ("--loop", 3, "--start", "0.2", "--fade-in", "0.1", "--fade-out", "0.1", "--universe", "1=9", "--sync", "--blackout")
+    playing = tool.start("play", path, "--to", APPLIANCE, "--to", "10.77.0.30", *more, "--hold", "--hold-rate", 200, host="console")
+    datagrams_from(node, 500)  # the passes are fewer
+    playing.send_signal(signal.SIGTERM)
+    assert tool.finish(playing) == (0, "", "")
+    service.settle()
+    service.client.stop()
+    assert tool.expect("verify", "--complete", again).endswith(f"{again}: complete\n")
+
+
 def test_info_tells_programs_what_was_recorded(service, tool):
     sent = [art_dmx(address, bytes(size)) for address, size in ((0, 512), (700, 24), (0, 512), (0, 512))]
     path = record(service, "sh\"ow.cue", sent)
