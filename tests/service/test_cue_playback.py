@@ -134,7 +134,8 @@ def test_what_is_received_of_all_kinds_of_seams_is_complete(service, tool):
     service.client.grab(again)
     node = service.world.network.peer("node", "10.77.0.30").endpoint(ARTNET_PORT)
     more = ("--loop", 3, "--start", "0.2", "--fade-in", "0.1", "--fade-out", "0.1", "--universe", "1=9", "--sync", "--blackout")
-    playing = tool.start("play", path, "--to", APPLIANCE, "--to", "10.77.0.30", *more, "--hold", "--hold-rate", 200, host="console")
+    more += ("--hold", "--hold-rate", 200)
+    playing = tool.start("play", path, "--to", APPLIANCE, "--to", "10.77.0.30", *more, host="console")
     datagrams_from(node, 500)  # the passes are fewer
     playing.send_signal(signal.SIGTERM)
     assert tool.finish(playing) == (0, "", "")
