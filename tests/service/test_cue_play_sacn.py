@@ -17,7 +17,8 @@ MS = 1_000_000
 
 TERMINATED = 0x40
 
-# tshark looks for E1.31 only when it is told to. It takes packets of three slots or fewer for malformed.
+# tshark looks for E1.31 only when it is told to. Its summary shows the first six levels (version 4.0), so that it calls
+# packets with fewer slots malformed; they are as E1.31 has them, and olad takes them.
 ACN = ("--enable-heuristic", "acn", "-o", "acn.dmx_enable:TRUE")
 
 
@@ -112,7 +113,7 @@ def test_olad_receives_the_show(world, tool):
     for port, universe in ((0, 17), (1, 300)):
         olad.patch_input(port, universe)
         olad.patch(port, universe)
-    levels = [list(range(1, 65)), [200, 100, 50, 25]]
+    levels = [list(range(1, 65)), [200]]
     tool.expect("play", show(world, art_dmx(16, bytes(levels[0])), art_dmx(299, bytes(levels[1]))), "--sacn", "--from", CONSOLE,
                 host="console")
     for universe, values in zip((17, 300), levels):
