@@ -352,6 +352,7 @@ std::optional<Player::Time> Player::play_pass(std::optional<Time> arrival) {
   Looks look = records.rewind();
   if (!stop && !records.has_more()) throw CueError(records.why_nothing());
   if (!options.look) look.forget();
+  if (const auto start = std::exchange(wait_for_start, {}); start && !start()) return std::nullopt;
   bool something = !look.all().empty();
   begin_at(look, options.selection.start, arrival);
   pass_began = origin;

@@ -111,6 +111,10 @@ public:
   /// Must not wait.
   std::function<void(const PlayState&)> on_idle;
 
+  /// Called once, when all is read that comes before the first datagram: waits for the start. Returns false
+  /// when nothing is to be played. May be empty.
+  std::function<bool()> wait_for_start;
+
   /// Asked for the commands of an operator at least every 20 ms, until it has none. May be empty. Must be set
   /// before run().
   std::function<std::optional<PlayCommand>()> next_command;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "artnet/ArtNet.h"
+#include "cue/CueError.h"
 #include "cue/SacnSender.h"
 #include "tools/Arguments.h"
 #include "tools/BackgroundOutput.h"
@@ -87,12 +88,15 @@ public:
     const std::atomic<bool>& stop = stop_on_signals();
     std::optional<Keyboard> keyboard;
     if (terminal != -1) playback.keyboard = &keyboard.emplace(terminal);
-    if (wait) {
-      err << "Enter starts " << options.file.name() << (keyboard ? ", q does not" : "") << std::endl;
-      if (!wait_for_enter(playback.keyboard, stop)) return 0;
-    }
+    if (wait && terminal == -1 && options.file.path() == "-")
+      throw cue::CueError("--wait needs a terminal when the recording is the standard input");
 
     BackgroundOutput words(err);
+    if (wait)
+      playback.wait_for_start = [&] {
+        words << "Enter starts " << options.file.name() << (keyboard ? ", q does not" : "") << std::endl;
+        return wait_for_enter(playback.keyboard, stop);
+      };
     DamageWarning warning(words, strict);
     options.on_damage = warning.on_damage();
     const int code = play(playback, stop, out, words);

@@ -261,6 +261,7 @@ int play(Playback playback, const std::atomic<bool>& stop, std::ostream& out, st
     else
       display.say("no real-time priority (" + error_text(error) + "): " + kPriorityAdvice);
   }
+  player.wait_for_start = playback.wait_for_start;
   if (playback.keyboard != nullptr) player.next_command = [&] { return playback.keyboard->next_command(); };
   player.on_idle = [&, next = clock.now()](const cue::PlayState& state) mutable {
     sink->idle();

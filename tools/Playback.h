@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@ struct Playback {
   std::optional<int> relay_port;
   std::optional<cue::SacnSource> sacn;  // send E1.31, as this source
   Keyboard* keyboard = nullptr;         // of the operator, if there is one
+  std::function<bool()> wait_for_start{};  // see cue::Player
   bool real_time = true;  // ask for a real-time priority; without the right to it, play at the normal one
   bool stats = false;     // write a JSON object about the timing to the output
   bool progress = false;  // show a progress line on the error output

@@ -170,11 +170,22 @@ def test_a_line_on_the_standard_input_starts_a_playback(world, tool):
         [str(CUE), "play", path, "--to", NODE, "--wait"], network="console", stdin=subprocess.PIPE, stderr=subprocess.PIPE,
         text=True, env={"PATH": os.environ["PATH"], **environment()},
     )
-    assert waiting.stderr.readline() == f"Enter starts {path}\n"
+    assert any(line == f"Enter starts {path}\n" for line in waiting.stderr)
     assert node.waiting() == []
     waiting.communicate("\n", timeout=DEADLINE)
     assert waiting.returncode == 0
     assert node.receive().data == art_dmx(0, b"\1")
+
+
+def test_a_recording_on_the_standard_input_cannot_be_waited_for_there(world, tool):
+    code, out, errors = tool("play", "-", "--to", NODE, "--wait", host="console")
+    assert (code, out, errors) == (1, "", "kadrel-cue: --wait needs a terminal when the recording is the standard input\n")
+
+
+def test_what_cannot_be_played_is_said_before_the_start(world, tool):
+    path = show(world, art_dmx(0, b"\1"))
+    code, _, errors = tool("play", path, "--to", NODE, "--wait", "--start", "9", host="console")
+    assert code == 1 and "it ends at" in errors and "Enter" not in errors
 
 
 def test_a_playback_that_is_stopped_and_continued_can_still_be_ended(world, tool):

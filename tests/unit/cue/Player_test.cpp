@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include "cue/CueError.h"
 #include "cue/Looks.h"
@@ -314,6 +315,36 @@ TEST_F(PlayerTest, TellsOfItsStateAlsoWhereThereIsNeverTime) {
   player.on_idle = [&](const cue::PlayState&) { times.push_back(now()); };
   player.run();
   EXPECT_EQ(times, (std::vector<std::int64_t>{-kLead, 245 * kMs, 495 * kMs, 745 * kMs, 995 * kMs}));
+}
+
+TEST_F(PlayerTest, WaitsForTheStartWhenAllIsRead) {
+  record({{dmx("a"), 0}, {dmx("b"), kSecond}});
+  options.selection.start = kMs;
+  cue::Player player(options, sink, clock, stop);
+  player.wait_for_start = [&] {
+    clock.time += std::chrono::seconds(9);
+    return true;
+  };
+  player.run();
+  ASSERT_FALSE(sink.sent.empty());
+  EXPECT_EQ(sink.sent.front().time, 9 * kSecond);
+}
+
+TEST_F(PlayerTest, SendsNothingWhenItIsNotToStart) {
+  record({{dmx("a"), 0}});
+  options.hold_rate = 40;
+  options.blackout = true;
+  cue::Player player(options, sink, clock, stop);
+  player.wait_for_start = [] { return false; };
+  player.run();
+  EXPECT_EQ(sink.sent, std::vector<Sent>());
+}
+
+TEST_F(PlayerTest, DoesNotWaitForTheStartOfNothing) {
+  record({});
+  cue::Player player(options, sink, clock, stop);
+  player.wait_for_start = []() -> bool { throw std::logic_error("there is nothing to start"); };
+  EXPECT_THROW(player.run(), cue::CueError);
 }
 
 // Nothing to play
