@@ -435,7 +435,7 @@ public:
     constexpr double kLine = 13;
     const std::vector<std::uint16_t>& slots = band.slots();
     std::size_t step = 1;
-    for (const std::size_t round : {2, 5, 10, 20, 50})
+    for (const std::size_t round : {2U, 5U, 10U, 20U, 50U})
       if (static_cast<double>(step * row_height) < kLine) step = round;
     std::string texts;
     double free = 0;
