@@ -215,12 +215,12 @@ std::vector<std::string> bytes_of_all(const std::vector<Datagram>& datagrams) {
 
 TEST(RecordingReader, RecoversWhateverSendersSend) {
   recordings::Chance chance(2);
-  for (int i = 0; i < 3000; ++i) ASSERT_NO_FATAL_FAILURE(expect_recovered(show(chance, 1 + chance.below(6))));
+  for (int i = 0; i < 1000; ++i) ASSERT_NO_FATAL_FAILURE(expect_recovered(show(chance, 1 + chance.below(6))));
 }
 
 TEST(RecordingReader, SeesEveryFlippedBitInTheHeaderOfADelayRecordAndLosesNoDatagram) {
   recordings::Chance chance(6);
-  for (int i = 0; i < 40; ++i) {
+  for (int i = 0; i < 10; ++i) {
     const std::vector<Datagram> sent = show(chance, 5);
     const std::string file = file_of(sent);
     for (const std::size_t at : delays_of(sent)) {
@@ -238,7 +238,7 @@ TEST(RecordingReader, SeesEveryFlippedBitInTheHeaderOfADelayRecordAndLosesNoData
 
 TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesTheSign) {
   recordings::Chance chance(7);
-  for (int i = 0; i < 40; ++i) {
+  for (int i = 0; i < 10; ++i) {
     const std::vector<Datagram> sent = show(chance, 5);
     const std::string file = file_of(sent);
     for (const std::size_t at : delays_of(sent)) {
@@ -255,7 +255,7 @@ TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesTheSign) {
 
 TEST(RecordingReader, SeesAZeroedPageWhereverItHidesADatagram) {
   recordings::Chance chance(8);
-  for (int i = 0; i < 150; ++i) {
+  for (int i = 0; i < 30; ++i) {
     const std::vector<Datagram> sent = show(chance, 60);
     const std::string file = file_of(sent);
     const std::vector<std::size_t> delays = delays_of(sent);
@@ -275,7 +275,7 @@ TEST(RecordingReader, SeesAZeroedPageWhereverItHidesADatagram) {
 
 TEST(RecordingReader, SeesZerosAfterTheLastDatagramBeyondWhatASenderAdds) {
   recordings::Chance chance(9);
-  for (int i = 0; i < 300; ++i) {
+  for (int i = 0; i < 100; ++i) {
     std::vector<Datagram> sent = show(chance, 2);
     sent.emplace_back(chance.dmx(), 5);
     const std::size_t last = sent.back().first.size();
