@@ -18,6 +18,10 @@ static_assert(kArtHeaderSize == kArtNetIdSize + sizeof(std::uint16_t));
 constexpr std::size_t kDelaySize = sizeof(ArtOemVfpsNs);
 static_assert(kDelaySize == kArtHeaderSize + sizeof(std::int64_t), "the pause is a count of 64 bits");
 
+/// Longest pause, in nanoseconds, that a delay record can hold: 366 days. No recorder waits longer for a
+/// datagram.
+constexpr std::int64_t kLongestPause = std::int64_t{366} * 24 * 3600 * 1'000'000'000;
+
 /// Bytes of an ArtDmx before its slots.
 constexpr std::size_t kDmxHeaderSize = offsetof(ArtDmx, data);
 static_assert(kDmxHeaderSize + kDmxSlots == sizeof(ArtDmx));

@@ -196,6 +196,25 @@ private:
   Behind behind = Behind::Unknown;
 };
 
+/// Whether records that begin at @p at go on beyond @p end, and the last of them ends well.
+bool records_reach_beyond(const Rest& file, std::size_t at, std::size_t end) {
+  while (at < end && file.size - at >= kDelaySize && begins_delay(file.bytes + at)) {
+    const DatagramBounds next = Bounds(file.from(at + kDelaySize)).find();
+    if (next.size == 0 || !next.ends_well()) return false;
+    at += kDelaySize + next.size;
+  }
+  return at > end;
+}
+
+/// Whether the last ArtDmx of the @p size bytes has lost a part, so that it takes the records after it for
+/// its slots.
+bool runs_into_next(const Rest& file, std::size_t size) {
+  const std::size_t front = size - std::min(size, sizeof(ArtDmx));
+  for (std::size_t at = front; at < size && file.size - at >= kDelaySize; ++at)
+    if (begins_delay(file.bytes + at) && records_reach_beyond(file, at, size)) return true;
+  return false;
+}
+
 }  // namespace
 
 bool begins_delay(const std::uint8_t* bytes) {
@@ -234,6 +253,8 @@ const char* text_of(Behind behind) {
       return "zeros where a record should be";
     case Behind::TooLong:
       return "no end of a datagram within 8191 bytes";
+    case Behind::Within:
+      return "a datagram that runs into the next one";
     case Behind::Delay:
     case Behind::Unknown:
       break;
@@ -242,7 +263,10 @@ const char* text_of(Behind behind) {
 }
 
 DatagramBounds bounds_of(const std::uint8_t* bytes, std::size_t available) {
-  return Bounds({bytes, available}).find();
+  const Rest file{bytes, available};
+  const DatagramBounds bounds = Bounds(file).find();
+  if (bounds.size > 0 && !bounds.ends_well() && runs_into_next(file, bounds.size)) return {0, Behind::Within};
+  return bounds;
 }
 
 }  // namespace cue

@@ -29,6 +29,7 @@ enum class Behind {
   Zeros,
   Unknown,  // other bytes that belong to no packet
   TooLong,  // a packet that would make the datagram too long
+  Within,   // nothing good: a good record begins within the slots and reaches beyond them
 };
 
 /// Why what follows a datagram is damage: "cut off within a datagram".

@@ -17,9 +17,6 @@ namespace {
 // Most bytes needed at once: a datagram and its delay record, and the same again to look ahead.
 constexpr std::size_t kReach = 2 * (kLongestDatagram + kDelaySize);
 
-// No recorder waits longer for a datagram: a year. Only the pause of a damaged delay record is held to it.
-constexpr std::int64_t kLongestWait = std::int64_t{366} * 24 * 3600 * kSecond;
-
 }  // namespace
 
 RecordingReader::RecordingReader(const Input& input) : RecordingReader(open_recording(input), input.name()) {}
@@ -56,13 +53,14 @@ void RecordingReader::pass_delay() {
 
 bool RecordingReader::pause_counts(std::int64_t pause) const {
   // The sum of all pauses is a difference of two times on one clock, so it cannot overflow.
-  return pause >= 0 && pause <= std::numeric_limits<std::int64_t>::max() - time;
+  return pause >= 0 && pause <= kLongestPause && pause <= std::numeric_limits<std::int64_t>::max() - time;
 }
 
-/// What counts of the pause of a delay record in a damaged place.
+/// What counts of the pause of a delay record in a damaged place. All of them become one pause.
 std::int64_t RecordingReader::possible_pause(std::int64_t pause) const {
   const std::int64_t without_sign = pause & std::numeric_limits<std::int64_t>::max();
-  return !first && without_sign <= kLongestWait && pause_counts(without_sign) ? without_sign : 0;
+  const bool counts = without_sign <= kLongestPause - (time - last_time) && pause_counts(without_sign);
+  return !first && counts ? without_sign : 0;
 }
 
 void RecordingReader::deliver(Record& record, std::size_t size) {
@@ -137,14 +135,15 @@ bool RecordingReader::next(Record& record) {
   return take_simple(record) || take(record);
 }
 
-/// Goes to the next byte that can begin an identifier. @return false at the end of the file
+/// Goes to the next identifier. @return false at the end of the file
 bool RecordingReader::find_identifier() {
   for (;;) {
     fill();
-    if (available() == 0) return false;
-    const void* const found = memchr(data(), kArtNetId[0], available());
+    const void* const found = memmem(data(), available(), kArtNetId, kArtNetIdSize);
     if (found == nullptr) {
-      skip(available());
+      // An identifier may begin in the last bytes.
+      skip(at_end ? available() : available() - (kArtNetIdSize - 1));
+      if (at_end) return false;
       continue;
     }
     skip(static_cast<std::size_t>(static_cast<const std::uint8_t*>(found) - data()));

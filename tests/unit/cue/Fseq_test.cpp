@@ -409,19 +409,20 @@ TEST(FseqWriter, RefusesWhatNoSequenceCanHold) {
             directory / "show.cue: holds no universe that an FSEQ file can hold");
   EXPECT_EQ(error({{numbered_dmx("a", 32768, 0), 0}}),
             directory / "show.cue: holds no universe that an FSEQ file can hold");
-  EXPECT_EQ(error({{numbered_dmx("a", 0, 0), 0},
-                   {numbered_dmx("b", 0, 0), std::numeric_limits<std::int64_t>::max()}}),
+  EXPECT_EQ(error({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), kLongestPause}}),
             directory /
-                "show.cue: lasts 2562047h47m16.855s, longer than an FSEQ file with a step of 1 ms can be; "
+                "show.cue: lasts 8784h00m00.000s, longer than an FSEQ file with a step of 1 ms can be; "
                 "kadrel-cue info shows its pauses, and kadrel-cue cut takes a part");
   EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
 }
 
 TEST(FseqWriter, BeginsNoFileThatTheDiskHasNoRoomFor) {
   const unit::Directory directory;
-  constexpr std::int64_t kThreeYears = std::int64_t{3 * 365} * 86400 * 1000 * kMs;
-  const std::string show = directory.write(
-      "show.cue", file_of({{numbered_dmx("a", 32767, 0), 0}, {numbered_dmx("b", 32767, 1), kThreeYears}}));
+  constexpr std::int64_t kYear = std::int64_t{365} * 86400 * 1000 * kMs;
+  const std::string show = directory.write("show.cue", file_of({{numbered_dmx("a", 32767, 0), 0},
+                                                                {numbered_dmx("b", 32767, 1), kYear},
+                                                                {numbered_dmx("c", 32767, 2), kYear},
+                                                                {numbered_dmx("d", 32767, 3), kYear}}));
   const std::string error = error_of([&] { cue::export_fseq(show, replaced(directory / "out"), {1, 25}); });
   const std::string before =
       show + ": lasts 26280h00m00.000s, which makes an FSEQ file of 63488420282 MB, and ";

@@ -364,7 +364,7 @@ TEST_F(Import, SurvivesDamageAtEveryByte) {
         while (file.reader->next(datagram)) {
           ASSERT_GE(datagram.time, last);
           datagrams.emplace_back(std::string(reinterpret_cast<const char*>(datagram.data), datagram.size),
-                                 datagram.time - last);
+                                 std::min(datagram.time - last, kLongestPause));
           last = datagram.time;
         }
       });

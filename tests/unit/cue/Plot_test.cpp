@@ -172,7 +172,7 @@ TEST_F(Plot, GoesOnBehindDamageWhenItIsPassedOver) {
 TEST_F(Plot, DrawsOneDatagramAndTheLongestTime) {
   record({{dmx("", 0), 0}});
   EXPECT_EQ(count(plot(), "<image "), 1);
-  record({{dmx("a", 0), 0}, {dmx("a", 0), std::numeric_limits<std::int64_t>::max()}});
+  record({{dmx("a", 0), 0}, {dmx("a", 0), kLongestPause}});
   EXPECT_EQ(count(plot(), "<image "), 1);
 }
 

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "cue/CueError.h"
+#include "unit/cue/directory.h"
 #include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
 #include "unit/support/temporary_file.h"
@@ -108,8 +109,7 @@ TEST(RecordingReader, RefusesWhatTheRecorderDoesNotTake) {
 }
 
 TEST(RecordingReader, TakesTheLongestPauses) {
-  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-  expect_recovered({{kDmx, 0}, {kDmx, kMost}, {kDmx, 0}});
+  expect_recovered({{kDmx, 0}, {kDmx, kLongestPause}, {kDmx, 0}, {kDmx, kLongestPause}});
 }
 
 TEST(RecordingReader, TakesNoDamagedRecordForTheRestOfABuffer) {
@@ -135,7 +135,6 @@ struct DamageCase {
 };
 
 TEST(RecordingReader, FindsWhatNoSenderSends) {
-  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
   constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
   const std::vector<Datagram> two{{kDmx, 0}, {kDmx, 5}};
   const std::string unknown = "bytes that belong to no packet";
@@ -159,10 +158,14 @@ TEST(RecordingReader, FindsWhatNoSenderSends) {
       {"a negative pause", kDmx + delay(5 | kLeast) + kDmx, two, impossible},
       {"the least pause", kDmx + delay(kLeast) + kDmx, {{kDmx, 0}, {kDmx, 0}}, impossible},
       {"a pause of -1", kDmx + delay(-1) + kDmx, {{kDmx, 0}, {kDmx, 0}}, impossible},
-      {"a pause beyond all time",
-       kDmx + delay(5) + kDmx + delay(kMost) + kDmx,
+      {"a pause of more than 366 days",
+       kDmx + delay(5) + kDmx + delay(kLongestPause + 1) + kDmx,
        {{kDmx, 0}, {kDmx, 5}, {kDmx, 0}},
        impossible},
+      {"pauses of more than 366 days together",
+       kDmx + delay(kLongestPause) + "broken" + delay(5) + kDmx,
+       {{kDmx, 0}, {kDmx, kLongestPause}},
+       unknown},
   };
   for (const DamageCase& damage : cases) {
     SCOPED_TRACE(damage.what);
@@ -172,6 +175,39 @@ TEST(RecordingReader, FindsWhatNoSenderSends) {
     EXPECT_EQ(reading.datagrams, damage.good);
     ASSERT_EQ(reading.damages.size(), 1U);
     EXPECT_EQ(reading.damages.front().what, damage.text);
+  }
+}
+
+TEST(RecordingReader, AnArtDmxThatLostItsEndTakesNoDatagramWithIt) {
+  const std::vector<Datagram> small(6, {kDmx, 5});
+  const std::string full = dmx(std::string(512, 'x'));
+  const std::string rest = file_of(small) + delay(7) + full + delay(8) + kDmx;
+  for (const std::size_t kept : {18U, 100U, 400U, 500U, 529U}) {
+    cue::RecordingReader reader =
+        recordings::reader_of(kDmx + delay(3) + full.substr(0, kept) + delay(4) + rest);
+    Reading reading;
+    recordings::read_over(reader, reading);
+    ASSERT_EQ(reading.datagrams.size(), 9U) << kept;
+    EXPECT_EQ(reading.datagrams[1], (Datagram{kDmx, 7}));
+    ASSERT_EQ(reading.damages.size(), 1U);
+    EXPECT_EQ(reading.damages.front().what, "a datagram that runs into the next one");
+    EXPECT_EQ(reading.damages.front().offset, 40U);
+    EXPECT_EQ(reader.lost_bytes(), kept);
+  }
+}
+
+TEST(RecordingReader, ADelayRecordInTheSlotsBeforeDamageIsNoDatagramLost) {
+  const std::string holder = dmx("slots" + delay(5) + kDmx);
+  EXPECT_EQ(read(holder + std::string(4096, '\0')).datagrams, (std::vector<Datagram>{{holder, 0}}));
+}
+
+TEST(RecordingReader, NamesAFileOfAnotherProgram) {
+  const unit::Directory directory;
+  try {
+    const cue::RecordingReader reader(directory.write("show", "\xD4\xC3\xB2\xA1" + kDmx));
+    FAIL() << "a capture was taken for a recording";
+  } catch (const cue::CueError& error) {
+    EXPECT_EQ(error.what(), directory / "show: a capture, see kadrel-cue import");
   }
 }
 
@@ -236,7 +272,7 @@ TEST(RecordingReader, SeesEveryFlippedBitInTheHeaderOfADelayRecordAndLosesNoData
   }
 }
 
-TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesTheSign) {
+TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesThoseOfMoreThanAYear) {
   recordings::Chance chance(7);
   for (int i = 0; i < 10; ++i) {
     const std::vector<Datagram> sent = show(chance, 5);
@@ -247,7 +283,7 @@ TEST(RecordingReader, LosesNoDatagramByAFlippedBitInAPauseAndSeesTheSign) {
         damaged[at + bit / 8] = static_cast<char>(damaged[at + bit / 8] ^ 1 << bit % 8);
         const Reading reading = read_whole(damaged);
         ASSERT_EQ(bytes_of_all(reading.datagrams), bytes_of_all(sent)) << bit;
-        ASSERT_TRUE(bit < 143 || reading.damages.size() == 1U);
+        ASSERT_EQ(reading.damages.size(), bit < 135 ? 0U : 1U) << bit;
       }
     }
   }

@@ -28,6 +28,15 @@ TEST(RecordingWriter, WritesADelayRecordBeforeEveryDatagramButTheFirst) {
   EXPECT_EQ(directory.content("out.cue"), dmx("one") + delay(5) + dmx("two") + delay(0) + dmx("three"));
 }
 
+TEST(RecordingWriter, WritesNoPauseThatNoRecordingHolds) {
+  const unit::Directory directory;
+  RecordingWriter writer(directory / "out.cue");
+  add(writer, dmx("one"), 0);
+  add(writer, dmx("two"), kLongestPause + 1);
+  writer.commit();
+  EXPECT_EQ(directory.content("out.cue"), dmx("one") + delay(kLongestPause) + dmx("two"));
+}
+
 TEST(RecordingWriter, WritesAnEmptyRecording) {
   const unit::Directory directory;
   RecordingWriter(directory / "out.cue").commit();
