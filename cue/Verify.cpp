@@ -81,6 +81,7 @@ public:
     }
     const bool whole = damages == 0 && (odd == 0 || !options.strict);
     if (whole) tell_whole();
+    tell_others();
     if (resumed || (writer && damages > 0 && datagrams > 0)) tell_lost();
     return {whole, writer && repair()};
   }
@@ -108,8 +109,9 @@ private:
       missing.take(record.data + packet.offset, reader.lost_bytes());
     });
     if (!options.strict) return write({record.data, record.size}, record.time);
-    report.damage(reader.name() + ": byte " + std::to_string(record.offset) +
-                  ": the datagram is more than one ArtDmx packet");
+    if (odd <= kMostPlaces)
+      report.damage(reader.name() + ": byte " + std::to_string(record.offset) +
+                    ": the datagram is more than one ArtDmx packet");
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
       write({record.data + packet.offset, packet.end() - packet.offset}, record.time);
     });
@@ -123,11 +125,21 @@ private:
 
   void tell(const Damage& damage) const {
     if (options.on_damage) options.on_damage(damage);
+    if (damages >= kMostPlaces) return;
     std::string line = damage_text(reader.name(), damage);
     if (damages == 0)
       line += "; good are the first " + counted(damage.good_end, "byte") + ", " +
               counted(datagrams, "datagram") + ", " + format_time(last_time);
     report.damage(line);
+  }
+
+  /// How many findings have not been told.
+  void tell_others() const {
+    if (damages > kMostPlaces)
+      report.damage(reader.name() + ": and " + counted(damages - kMostPlaces, "damaged place") + " more");
+    if (options.strict && odd > kMostPlaces)
+      report.damage(reader.name() + ": and " + counted(odd - kMostPlaces, "datagram") +
+                    " more with more than one ArtDmx packet");
   }
 
   void tell_whole() const {

@@ -19,6 +19,10 @@ struct VerifyOptions {
   std::function<void(const Damage&)> on_damage;  // called at each damage; may be empty
 };
 
+/// Most damaged places, and most datagrams that are not wanted, of which verify() says where they are; of the
+/// others the number.
+constexpr std::uint64_t kMostPlaces = 10;
+
 /// Takes the findings, each one line without a newline.
 struct VerifyReport {
   std::function<void(const std::string&)> good;

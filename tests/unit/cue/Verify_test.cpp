@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "unit/cue/directory.h"
 #include "unit/cue/recordings.h"
 
@@ -84,6 +86,25 @@ TEST_F(Verify, WritesWhatIsGoodAndTellsWhatIsLost) {
       "show.cue: lost: 4101 bytes, the size of about 7 datagrams\n"
       "show.cue: lost by sequence number: 3 datagrams of universe 1\n");
   EXPECT_EQ(good, "out.cue: repaired, 6 datagrams, 0.000 s\n");
+}
+
+TEST_F(Verify, NamesTheFirstTenDamagedPlacesAndCountsTheOthers) {
+  std::string file = kDmx;
+  for (int n = 0; n < 12; ++n) file += "x" + delay(5) + kDmx;
+  verify(file);
+  EXPECT_EQ(std::count(damage.begin(), damage.end(), '\n'), 13);
+  EXPECT_NE(damage.find("show.cue: and 2 damaged places more\nshow.cue: 12 damaged places, 13 datagrams"),
+            std::string::npos)
+      << damage;
+}
+
+TEST_F(Verify, NamesTheFirstTenDatagramsThatAreMoreThanOnePacket) {
+  options.strict = true;
+  verify(file_of(std::vector<recordings::Datagram>(11, {kDmx + kDmx, 5})));
+  EXPECT_EQ(std::count(damage.begin(), damage.end(), '\n'), 11);
+  EXPECT_NE(damage.find("show.cue: and 1 datagram more with more than one ArtDmx packet\n"),
+            std::string::npos)
+      << damage;
 }
 
 TEST_F(Verify, SaysNoMoreOfAFileThatIsCutOff) {
