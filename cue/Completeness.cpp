@@ -70,6 +70,8 @@ const char* counting_name(Counting counting) {
       return "shared";
     case Counting::Partly:
       return "partly";
+    case Counting::Chaos:
+      return "chaos";
     case Counting::None:
       break;
   }
@@ -148,6 +150,11 @@ bool UniverseJudge::has_two_senders() const {
          pair->oddities() * kFewer <= one.oddities();
 }
 
+/// Whether most numbers follow neither the one before nor a loss.
+bool UniverseJudge::is_chaos(const SequenceFigures& figures) const {
+  return figures.jumps >= kEnough && (figures.jumps + figures.out_of_order) * 2 > numbered;
+}
+
 UniverseSequence UniverseJudge::result() const {
   UniverseSequence result;
   // A zero at the very end counts when it is the next number.
@@ -155,7 +162,12 @@ UniverseSequence UniverseJudge::result() const {
   result.not_numbered = not_numbered + (zero && !last_counts ? 1 : 0);
   if (numbered == 0 || one.stands()) return result;
   const bool two = has_two_senders();
-  result.figures = two ? pair->figures() : one.figures();
+  const SequenceFigures figures = two ? pair->figures() : one.figures();
+  if (is_chaos(figures)) {
+    result.counting = Counting::Chaos;
+    return result;
+  }
+  result.figures = figures;
   result.counting = two ? Counting::Two : Counting::Own;
   if (result.not_numbered > 0) result.counting = Counting::Partly;
   return result;
@@ -205,7 +217,7 @@ Completeness completeness_of(const RecordingInfo& info) {
     const UniverseSequence& sequence = universe.sequence;
     take(sequence.figures, 1);
     if (sequence.counting == Counting::None || sequence.counting == Counting::Partly ||
-        sequence.unproved_pauses > 0)
+        sequence.counting == Counting::Chaos || sequence.unproved_pauses > 0)
       all.proved = false;
   }
   return all;
@@ -228,6 +240,8 @@ std::string sequence_text(const UniverseInfo& universe) {
   const UniverseSequence& sequence = universe.sequence;
   std::vector<std::string> words;
   if (sequence.counting == Counting::None) words.emplace_back("the sender does not count");
+  if (sequence.counting == Counting::Chaos)
+    words.emplace_back("numbers in no order, as of three senders or more");
   if (sequence.counting == Counting::Partly)
     words.push_back(counted(sequence.not_numbered, "datagram") + " without a number");
   if (sequence.counting == Counting::Shared) words.emplace_back("numbered across universes");

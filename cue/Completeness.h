@@ -21,16 +21,17 @@ enum class Counting {
   Two,     // by two counters: two senders
   Shared,  // by one counter for several universes
   Partly,  // some have number 0
-  None,    // all have number 0, or all the same
+  None,    // all have number 0, or their levels change without the number
+  Chaos,   // the numbers follow no order that is known: three senders, for example
 };
 
-/// "own", "two", "shared", "partly", "none".
+/// "own", "two", "shared", "partly", "none", "chaos".
 const char* counting_name(Counting counting);
 
 /// What the numbers of one universe say.
 struct UniverseSequence {
   Counting counting = Counting::None;
-  SequenceFigures figures;            // Shared: all 0, see SharedSequence
+  SequenceFigures figures;            // Shared: all 0, see SharedSequence; None, Chaos: all 0
   std::uint64_t not_numbered = 0;     // datagrams with number 0 of a sender that does not count to it
   std::uint64_t unproved_pauses = 0;  // long enough for a whole count of datagrams at the usual rate
 };
@@ -74,6 +75,7 @@ private:
   void add_zero(const NumberedPacket& packet);
   void follow(const NumberedPacket& packet);
   bool has_two_senders() const;
+  bool is_chaos(const SequenceFigures& figures) const;
 
   SequenceCounter one;
   std::unique_ptr<Pair> pair;          // since the first oddity

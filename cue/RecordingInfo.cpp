@@ -106,9 +106,11 @@ UniverseInfo InfoCounter::result(const Universe& one, std::uint64_t shared_by) c
   else
     of.sequence = one.judge.result();
   const std::int64_t frames = kWholeCount / (is_shared ? static_cast<std::int64_t>(shared_by) : 1);
+  // A 32nd less, as exactly as the median is known.
   const std::int64_t whole_count =
-      (std::max<std::int64_t>(1, frames) + 1) * std::clamp(of.median_interval, kFastest, kLongest);
-  if (of.sequence.counting != Counting::None && of.longest_gap >= whole_count)
+      (std::max<std::int64_t>(1, frames) + 1) * std::clamp(of.median_interval, kFastest, kLongest) / 32 * 31;
+  const bool counts = of.sequence.counting != Counting::None && of.sequence.counting != Counting::Chaos;
+  if (counts && of.longest_gap >= whole_count)
     of.sequence.unproved_pauses = one.intervals.at_least(whole_count);
   return of;
 }

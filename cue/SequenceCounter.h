@@ -61,8 +61,11 @@ public:
   /// Numbers that came again.
   std::uint64_t repeats() const { return sum.repeated; }
 
-  /// Whether numbers came and never went on.
-  bool stands() const { return steps == 0 && odd == 0 && sum.repeated > 0; }
+  /// Whether numbers came and never went on, or less often than the levels changed without them.
+  bool stands() const {
+    const std::uint64_t changed = sum.repeated - sum.repeated_same;
+    return sum.repeated > 0 && (steps + odd == 0 || changed > steps + odd);
+  }
 
 private:
   /// Numbers that have not come, [from, to) in `position`s.

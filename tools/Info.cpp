@@ -58,9 +58,9 @@ std::string short_interval(std::int64_t nanoseconds) {
   return text.data();
 }
 
-/// Missing datagrams; "?" when the universe has no numbers, "*" when others share them.
+/// Missing datagrams; "?" when its numbers tell nothing, "*" when others share them.
 std::string missing_text(const cue::UniverseSequence& sequence) {
-  if (sequence.counting == cue::Counting::None) return "?";
+  if (sequence.counting == cue::Counting::None || sequence.counting == cue::Counting::Chaos) return "?";
   if (sequence.counting == cue::Counting::Shared) return "*";
   return std::to_string(sequence.figures.missing);
 }

@@ -163,6 +163,37 @@ TEST(Completeness, CannotBeProvedOverAPauseAsLongAsAWholeCount) {
   EXPECT_EQ(cue::completeness_text(info), "complete as far as the senders count");
 }
 
+TEST(Completeness, CannotBeProvedWhenExactlyAWholeCountMayBeMissing) {
+  std::vector<Sent> sent = Sender(0).send(900);
+  sent.erase(sent.begin() + 400, sent.begin() + 655);
+  // It came a little early.
+  sent[400].time -= kMs;
+  const cue::RecordingInfo info = judge(sent);
+  EXPECT_EQ(first_of(info).unproved_pauses, 1U);
+  EXPECT_EQ(cue::completeness_text(info), "complete as far as the senders count");
+}
+
+TEST(Completeness, NothingIsToldOfNumbersInNoOrder) {
+  const std::vector<Sent> three = Sender(0, 1).send(600) + Sender(0, 100, 1, 5 * kMs, 33 * kMs).send(400) +
+                                  Sender(0, 180, 1, 9 * kMs, 40 * kMs).send(340);
+  const cue::RecordingInfo info = judge(three);
+  EXPECT_EQ(first_of(info).counting, Counting::Chaos);
+  EXPECT_EQ(first_of(info).figures.missing, 0U);
+  EXPECT_EQ(cue::sequence_text(info.universes[0]), "numbers in no order, as of three senders or more");
+  EXPECT_EQ(cue::completeness_text(info), "complete as far as the senders count");
+}
+
+TEST(Completeness, ANumberThatStandsWhileLevelsChangeIsNoCount) {
+  std::vector<Sent> sent = Sender(0).send(600);
+  for (std::size_t at = 0; at < sent.size(); ++at) {
+    sent[at].number = at < 300 ? 1 : 2;
+    sent[at].levels = at % 2 == 0 ? "a" : "b";
+  }
+  const cue::RecordingInfo info = judge(sent);
+  EXPECT_EQ(first_of(info).counting, Counting::None);
+  EXPECT_EQ(cue::completeness_text(info), "complete as far as the senders count");
+}
+
 TEST(Completeness, CountsPausesBeyondFourSeconds) {
   Sender sender(0);
   std::vector<Sent> sent = sender.send(300);
@@ -354,6 +385,7 @@ TEST(Completeness, NamesEveryWayOfCounting) {
   EXPECT_STREQ(cue::counting_name(Counting::Shared), "shared");
   EXPECT_STREQ(cue::counting_name(Counting::Partly), "partly");
   EXPECT_STREQ(cue::counting_name(Counting::None), "none");
+  EXPECT_STREQ(cue::counting_name(Counting::Chaos), "chaos");
 }
 
 /// What a network did to the datagrams of a sender.
