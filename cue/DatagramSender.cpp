@@ -68,6 +68,17 @@ int open_socket() {
   return fd;
 }
 
+int send_datagram(int fd, const std::uint8_t* data, std::size_t size, const sockaddr_in* to, bool& stuck) {
+  const int flags = stuck ? MSG_DONTWAIT : 0;
+  const socklen_t length = to == nullptr ? 0 : sizeof *to;
+  ssize_t count = 0;
+  do count = sendto(fd, data, size, flags, reinterpret_cast<const sockaddr*>(to), length);
+  while (count == -1 && errno == EINTR);
+  const int error = count == -1 ? errno : 0;
+  if (error == 0 || error == EAGAIN) stuck = error == EAGAIN;
+  return error;
+}
+
 UdpSender::UdpSender(Destination to, const std::optional<Destination>& from)
     : fd(open_socket()), peer(std::move(to)) {
   const int on = 1;
@@ -103,10 +114,7 @@ int UdpSender::send_once(const std::uint8_t* data, std::size_t size) {
     const int error = connect_to_peer();
     if (error != 0) return error;
   }
-  for (;;) {
-    if (::send(fd, data, size, 0) != -1) return 0;
-    if (errno != EINTR) return errno;
-  }
+  return send_datagram(fd, data, size, nullptr, stuck);
 }
 
 int UdpSender::send(const std::uint8_t* data, std::size_t size) {

@@ -27,6 +27,12 @@ sockaddr_in socket_address(const Destination& destination);
 /// lost, so that a stop never waits for one. @throws CueError
 int open_socket();
 
+/// Sends on such a socket. After a datagram that waited in vain the next ones are lost when they are not
+/// taken at once, until one is: a link that is stuck must not hold up the others, nor a stop.
+/// @param to     nullptr: the peer of the socket
+/// @param stuck  of the socket: false at first @return 0, or errno
+int send_datagram(int fd, const std::uint8_t* data, std::size_t size, const sockaddr_in* to, bool& stuck);
+
 /// Datagrams that did not get through.
 struct Failures {
   std::uint64_t count = 0;
@@ -90,6 +96,7 @@ private:
   int fd;
   Destination peer;
   bool connected = false;
+  bool stuck = false;
   Failures failed;
 };
 

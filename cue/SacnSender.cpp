@@ -78,12 +78,9 @@ int GroupSender::send(std::uint16_t universe, const Bytes& packet) {
   group.sin_family = AF_INET;
   group.sin_port = htons(kSacnPort);
   group.sin_addr.s_addr = htonl(sacn_group(universe));
-  ssize_t count = 0;
-  do count = sendto(fd, packet.data, packet.size, 0, reinterpret_cast<const sockaddr*>(&group), sizeof group);
-  while (count == -1 && errno == EINTR);
-  if (count != -1) return 0;
-  failed.add(errno);
-  return errno;
+  const int error = send_datagram(fd, packet.data, packet.size, &group, stuck);
+  if (error != 0) failed.add(error);
+  return error;
 }
 
 SacnSender::SacnSender(const SacnOptions& options, Now clock)

@@ -41,6 +41,7 @@ public:
 
 private:
   int fd;
+  bool stuck = false;
   Failures failed;
 };
 

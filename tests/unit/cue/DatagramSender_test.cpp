@@ -8,6 +8,7 @@
 #include "cue/CueError.h"
 #include "unit/cue/receiver.h"
 #include "unit/cue/recordings.h"
+#include "unit/cue/refused_call.h"
 
 using packets::dmx;
 using unit::Receiver;
@@ -67,6 +68,23 @@ TEST(UdpSender, FailsWithoutARouteAndLooksForItAgain) {
   EXPECT_EQ(send(sender, dmx("abc")), error);
   EXPECT_EQ(sender.failures().count, 2U);
   EXPECT_EQ(sender.failures().first_error, error);
+}
+
+TEST(UdpSender, DoesNotWaitAgainForALinkThatIsStuck) {
+  Receiver receiver("127.0.0.3");
+  cue::UdpSender sender({"127.0.0.3", receiver.port}, std::nullopt);
+  constexpr int kNotWaited = EMSGSIZE;
+  const std::vector<unit::RefusedCall> stuck{{SYS_sendto, kNotWaited, 3, MSG_DONTWAIT},
+                                             {SYS_sendto, EAGAIN, 0, 0}};
+  const auto send_twice = [&] {
+    EXPECT_EQ(send(sender, dmx("waits")), EAGAIN);
+    EXPECT_EQ(send(sender, dmx("does not")), kNotWaited);
+  };
+  unit::with_refused(stuck, send_twice);
+  EXPECT_EQ(send(sender, dmx("taken")), 0);
+  EXPECT_EQ(receiver.receive(), dmx("taken"));
+  unit::with_refused(stuck, send_twice);
+  EXPECT_EQ(sender.failures().count, 4U);
 }
 
 TEST(UdpSender, NamesAnAddressThatItCannotSendFrom) {
