@@ -379,6 +379,17 @@ TEST(Completeness, JudgesTheWorstFileInBoundedMemory) {
   EXPECT_EQ(judge(sent).universes.size(), 0x10000U);
 }
 
+TEST(Completeness, ALostZeroOfASenderThatCountsItIsAHole) {
+  Sender sender(0, 1, 0);
+  std::vector<Sent> sent = sender.send(255 + 2 * 256);
+  sender.skip(1);
+  const cue::UniverseSequence found = first_of(judge(sent + sender.send(600)));
+  EXPECT_EQ(found.counting, Counting::Own);
+  EXPECT_EQ(found.figures.holes, 1U);
+  EXPECT_EQ(found.figures.missing, 1U);
+  EXPECT_EQ(found.figures.longest_hole, 1U);
+}
+
 TEST(Completeness, NamesEveryWayOfCounting) {
   EXPECT_STREQ(cue::counting_name(Counting::Own), "own");
   EXPECT_STREQ(cue::counting_name(Counting::Two), "two");
