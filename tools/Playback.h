@@ -21,8 +21,8 @@ struct Playback {
   std::vector<cue::Target> targets;  // port 0: that of the protocol; may be empty for E1.31
   std::optional<cue::Destination> from;
   std::optional<int> relay_port;
-  std::optional<cue::SacnSource> sacn;  // send E1.31, as this source
-  Keyboard* keyboard = nullptr;         // of the operator, if there is one
+  std::optional<cue::SacnSource> sacn;     // send E1.31, as this source
+  Keyboard* keyboard = nullptr;            // of the operator, if there is one
   std::function<bool()> wait_for_start{};  // see cue::Player
   bool real_time = true;  // ask for a real-time priority; without the right to it, play at the normal one
   bool stats = false;     // write a JSON object about the timing to the output
