@@ -66,6 +66,14 @@ void stop_by(int signal) {
   const int error = errno;
   Keyboard::restore_terminal();
   raise(signal);
+  // The thread sanitizer calls handlers with every signal blocked: what waits stops the program before this
+  // handler is there again, which would raise it without end.
+  sigset_t stop;
+  sigset_t before;
+  sigemptyset(&stop);
+  sigaddset(&stop, signal);
+  pthread_sigmask(SIG_UNBLOCK, &stop, &before);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
   install(signal, stop_by, SA_RESETHAND | SA_NODEFER);
   errno = error;
 }
