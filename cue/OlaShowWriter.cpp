@@ -15,7 +15,8 @@
 namespace cue {
 namespace {
 
-constexpr std::int64_t kMillisecond = kSecond / 1000;
+constexpr std::int64_t kPerSecond = 1000;
+constexpr std::int64_t kMillisecond = kSecond / kPerSecond;
 constexpr std::size_t kLevels = 256;
 
 /// Each level as text with the comma before it.
@@ -32,7 +33,10 @@ std::int64_t rounded(std::int64_t time) {
 
 class Writer {
 public:
-  Writer(const Output& output, const Input& input) : show(output, {input}) { show.write("OLA Show\n"); }
+  Writer(const Output& output, const Input& input, OlaShowVersion wanted)
+      : show(output, {input}), version(wanted) {
+    show.write(version == OlaShowVersion::One ? "OLA Show\n" : "OLA Show V2\n");
+  }
 
   /// @throws CueError
   void add(const Record& record, const std::string& file) {
@@ -45,7 +49,7 @@ public:
         return;
       }
       line.clear();
-      if (frames > 0) add_pause(record, time, file);
+      if (frames > 0) add_time(record, time, file);
       line += std::to_string(packet.port_address + 1);
       const std::size_t levels = line.size();
       const std::uint8_t* const slots = record.data + packet.offset + kDmxHeaderSize;
@@ -53,6 +57,7 @@ public:
       line[levels] = ' ';
       line += '\n';
       show.write(line);
+      if (frames == 0) first_time = time;
       last_time = time;
       ++frames;
     });
@@ -71,12 +76,14 @@ public:
   }
 
 private:
-  void add_pause(const Record& record, std::int64_t time, const std::string& file) {
-    const std::int64_t pause = time - last_time;
-    if (pause > std::numeric_limits<std::uint32_t>::max())
-      throw CueError(file + ": byte " + std::to_string(record.offset) +
-                     ": after a pause longer than an OLA show can tell");
-    line += std::to_string(pause);
+  void add_time(const Record& record, std::int64_t time, const std::string& file) {
+    const bool one = version == OlaShowVersion::One;
+    const std::int64_t number = one ? time - last_time : (time - first_time) / kPerSecond;
+    if (number > std::numeric_limits<std::uint32_t>::max())
+      throw CueError(file + ": byte " + std::to_string(record.offset) + ": after a " +
+                     (one ? "pause" : "time") + " longer than an OLA show can tell");
+    line += std::to_string(number);
+    if (!one) line += ' ' + std::to_string((time - first_time) % kPerSecond);
     line += '\n';
   }
 
@@ -84,7 +91,9 @@ private:
   const std::array<std::string, kLevels> texts = level_texts();
   DmxLosses fields;
   std::string line;
-  std::int64_t last_time = 0;  // ms
+  OlaShowVersion version;
+  std::int64_t first_time = 0;  // ms, of the first frame
+  std::int64_t last_time = 0;   // ms
   std::uint64_t frames = 0;
   std::uint64_t rounded_times = 0;
   std::uint64_t without_slots = 0;
@@ -92,9 +101,10 @@ private:
 
 }  // namespace
 
-ExportedOlaShow export_ola_show(const Input& input, const Output& output, const OnDamage& on_damage) {
+ExportedOlaShow export_ola_show(const Input& input, const Output& output, OlaShowVersion version,
+                                const OnDamage& on_damage) {
   GoodRecords reader(input, on_damage);
-  Writer writer(output, input);
+  Writer writer(output, input, version);
   Record record;
   while (reader.next(record)) writer.add(record, input.name());
   return writer.finish(input.name());

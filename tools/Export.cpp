@@ -38,8 +38,9 @@ Outcome write_pcap_sacn(const cue::Input& file, const cue::Output& output, const
   return {cue::counted(capture.datagrams, "packet"), capture.losses};
 }
 
-Outcome write_ola_show(const cue::Input& file, const cue::Output& output, const cue::OnDamage& on_damage) {
-  const cue::ExportedOlaShow show = cue::export_ola_show(file, output, on_damage);
+Outcome write_ola_show(const cue::Input& file, const cue::Output& output, cue::OlaShowVersion version,
+                       const cue::OnDamage& on_damage) {
+  const cue::ExportedOlaShow show = cue::export_ola_show(file, output, version, on_damage);
   return {cue::counted(show.frames, "frame"), show.losses};
 }
 
@@ -123,14 +124,13 @@ public:
 
 private:
   void add_format(CLI::App& command) {
-    format_option =
-        command
-            .add_option(
-                "--format", format,
-                "pcap, pcap-sacn (E1.31), fseq (version 2), fseq1 (version 1), ola (a show of ola_recorder)\n"
-                "or csv (the changes of all universes)")
-            ->check(CLI::IsMember({"pcap", "pcap-sacn", "fseq", "fseq1", "ola", "csv"}))
-            ->type_name("FORMAT");
+    format_option = command
+                        .add_option("--format", format,
+                                    "pcap, pcap-sacn (E1.31), fseq (version 2), fseq1 (version 1), ola (a "
+                                    "show of ola_recorder),\n"
+                                    "ola2 (the same in version 2) or csv (the changes of all universes)")
+                        ->check(CLI::IsMember({"pcap", "pcap-sacn", "fseq", "fseq1", "ola", "ola2", "csv"}))
+                        ->type_name("FORMAT");
     output_option = add_output(command, output);
     step_option =
         add_parsed<int>(
@@ -152,7 +152,8 @@ private:
   Outcome write_format(DamageWarning& warning) {
     if (format == "pcap") return write_pcap(file, output, warning.on_damage());
     if (format == "pcap-sacn") return write_pcap_sacn(file, output, warning.on_damage());
-    if (format == "ola") return write_ola_show(file, output, warning.on_damage());
+    if (format == "ola") return write_ola_show(file, output, cue::OlaShowVersion::One, warning.on_damage());
+    if (format == "ola2") return write_ola_show(file, output, cue::OlaShowVersion::Two, warning.on_damage());
     if (format == "csv") return write_long_csv(file, output, warning.on_damage());
     return write_fseq(file, output, {format == "fseq1" ? 1 : 2, step}, warning.on_damage());
   }

@@ -31,10 +31,11 @@ struct Written {
   std::vector<std::string> losses;
 };
 
-Written write(const std::vector<Datagram>& datagrams) {
+Written write(const std::vector<Datagram>& datagrams,
+              cue::OlaShowVersion version = cue::OlaShowVersion::One) {
   const unit::Directory directory;
-  const cue::ExportedOlaShow written =
-      cue::export_ola_show(directory.write("show.cue", file_of(datagrams)), replaced(directory / "out"));
+  const cue::ExportedOlaShow written = cue::export_ola_show(directory.write("show.cue", file_of(datagrams)),
+                                                            replaced(directory / "out"), version);
   return {directory.content("out"), written.frames, written.losses};
 }
 
@@ -55,6 +56,18 @@ TEST(OlaShow, LetsNoErrorOfRoundedTimesAddUp) {
   EXPECT_EQ(written.losses, std::vector<std::string>{"the times of 3 datagrams below 1 ms"});
 }
 
+TEST(OlaShow, HoldsTimesSinceTheFirstFrameInVersion2) {
+  const std::vector<Datagram> datagrams = {{numbered_dmx("", 0, 1), 0},
+                                           {numbered_dmx("a", 0, 1), 400 * kMs},
+                                           {numbered_dmx("b", 1, 1), 999 * kMs},
+                                           {numbered_dmx("c", 0, 2), 61'001 * kMs}};
+  const std::string show = write(datagrams, cue::OlaShowVersion::Two).show;
+  EXPECT_EQ(show, "OLA Show V2\n1 97\n0 999\n2 98\n62 0\n1 99\n");
+  const Foreign back = read(show);
+  EXPECT_EQ(back.datagrams,
+            (std::vector<Datagram>{{numbered_dmx("a", 0, 1), 0}, datagrams[2], datagrams[3]}));
+}
+
 TEST(OlaShow, SaysWhatItDoesNotHold) {
   std::string with_port = numbered_dmx("a", 0, 1);
   with_port[13] = 3;
@@ -71,7 +84,8 @@ TEST(OlaShow, IsNotWrittenWithoutAFrameOrBeyondAPauseThatItCanTell) {
   const unit::Directory directory;
   const auto error = [&](const std::string& recording) {
     const std::string show = directory.write("show.cue", recording);
-    return error_of([&] { cue::export_ola_show(show, replaced(directory / "out")); });
+    return error_of(
+        [&] { cue::export_ola_show(show, replaced(directory / "out"), cue::OlaShowVersion::One); });
   };
   EXPECT_EQ(error(""), directory / "show.cue: holds no levels");
   EXPECT_EQ(error(numbered_dmx("", 0, 0)), directory / "show.cue: holds no levels");
@@ -86,10 +100,13 @@ TEST(OlaShow, GoesOnBehindDamageWhenAskedTo) {
   const std::string damaged = directory.write(
       "show.cue",
       file_of({{numbered_dmx("a", 0, 0), 0}, {numbered_dmx("b", 0, 0), 2 * kMs}, {"Art-Net", kMs}}));
-  EXPECT_NE(error_of([&] { cue::export_ola_show(damaged, replaced(directory / "out")); }), "no error");
+  EXPECT_NE(
+      error_of([&] { cue::export_ola_show(damaged, replaced(directory / "out"), cue::OlaShowVersion::One); }),
+      "no error");
   int damages = 0;
   const auto count = [&](const cue::RecordingReader&, const cue::Damage&) { ++damages; };
-  EXPECT_EQ(cue::export_ola_show(damaged, replaced(directory / "out"), count).frames, 2U);
+  EXPECT_EQ(
+      cue::export_ola_show(damaged, replaced(directory / "out"), cue::OlaShowVersion::One, count).frames, 2U);
   EXPECT_EQ(damages, 1);
 }
 

@@ -55,10 +55,11 @@ TEST_F(PcapExport, WritesACaptureWithNanoseconds) {
 }
 
 TEST_F(PcapExport, RefusesATimeThatACaptureCannotTell) {
+  // A capture has 32 bits for seconds, 136 years; a pause has a year at most.
   const std::string show =
-      directory.write("show.cue", file_of({{dmx("a"), 0}, {dmx("b"), 4'294'967'296 * kSecond}}));
+      directory.write("show.cue", file_of(std::vector<recordings::Datagram>(138, {dmx("a"), kLongestPause})));
   EXPECT_EQ(error_of([&] { cue::export_pcap(show, directory / "out.pcap"); }),
-            show + ": byte 37: later than a capture can tell");
+            show + ": byte 5032: later than a capture can tell");
   EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
 }
 
