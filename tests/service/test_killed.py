@@ -95,9 +95,8 @@ def paced(stream, chance):
 def assert_only_cut_off(files):
     """kadrel-cue finds no damage but an end that is cut off."""
     outcome = subprocess.run([CUE, "verify", *files], capture_output=True, text=True, check=False)
-    good = outcome.stdout.splitlines()
+    good = [line for line in outcome.stdout.splitlines() if re.search(r": whole, \d+ datagrams?", line)]
     damaged = outcome.stderr.splitlines()
-    assert all(re.search(r": whole, \d+ datagrams?", line) for line in good), outcome.stdout
     cut_off = r": cut off (within a datagram|within a delay record|behind a delay record); good are the first"
     assert all(re.search(cut_off, line) for line in damaged), outcome.stderr
     assert len(good) + len(damaged) == len(files)
