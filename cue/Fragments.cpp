@@ -12,7 +12,10 @@ std::list<Fragments::Assembly>::iterator Fragments::assembly_for(const Fragment&
     return assembly.first.id == fragment.id && assembly.first.sender == fragment.sender &&
            assembly.first.receiver == fragment.receiver && assembly.first.interface == fragment.interface;
   });
-  if (found != assemblies.end() && fragment.time - found->first.time <= kPatience) return found;
+  std::int64_t waited = 0;
+  if (found != assemblies.end() && !__builtin_sub_overflow(fragment.time, found->first.time, &waited) &&
+      waited <= kPatience)
+    return found;
   if (found != assemblies.end()) {
     assemblies.erase(found);
     ++given_up;

@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <algorithm>
 #include <cstring>
@@ -64,7 +65,12 @@ public:
       const bool has_input = input.fill();
       ZSTD_inBuffer from{input.data(), input.available(), 0};
       const std::size_t result = ZSTD_decompressStream(stream.get(), &to, &from);
-      if (ZSTD_isError(result) != 0) throw FseqDamage(std::string("zstd: ") + ZSTD_getErrorName(result));
+      if (ZSTD_isError(result) != 0) {
+        // Bytes behind a whole stream.
+        if (ended && ZSTD_getErrorCode(result) == ZSTD_error_prefix_unknown) return to.pos;
+        throw FseqDamage(std::string("zstd: ") + ZSTD_getErrorName(result));
+      }
+      ended = result == 0;
       input.take(from.pos);
       if (to.pos > 0 || !has_input) return to.pos;
     }
@@ -75,6 +81,7 @@ private:
     void operator()(ZSTD_DStream* of) const { ZSTD_freeDStream(of); }
   };
   std::unique_ptr<ZSTD_DStream, Free> stream;
+  bool ended = false;  // a whole stream of zstd has been unpacked
 };
 
 class ZlibDecoder : public FseqDecoder {

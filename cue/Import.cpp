@@ -1,8 +1,10 @@
 #include "cue/Import.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
+#include "artnet/RecordingFormat.h"
 #include "cue/CueError.h"
 #include "cue/FseqReader.h"
 #include "cue/Gzip.h"
@@ -10,6 +12,7 @@
 #include "cue/Pcap.h"
 #include "cue/Pcapng.h"
 #include "cue/RecordingWriter.h"
+#include "cue/Text.h"
 
 namespace cue {
 namespace {
@@ -101,7 +104,8 @@ ForeignFile open_format(ByteSource source, const Input& input, const ImportOptio
 std::string foreign_kind(const std::vector<std::uint8_t>& front) {
   const Format* const format = format_of(front);
   if (format != nullptr) return std::string(format->kind) + ", see kadrel-cue import";
-  if (begins_gzip(front.data(), front.size())) return "compressed with gzip, see kadrel-cue import";
+  if (begins_gzip(front.data(), front.size()))
+    return "compressed with gzip; unpack it, or see kadrel-cue import";
   return {};
 }
 
@@ -130,17 +134,21 @@ Imported import_recording(const Input& input, const ImportOptions& options, cons
   RecordingWriter writer(output, {input});
   ForeignDatagram datagram;
   Imported imported;
-  std::int64_t first = 0;
   std::int64_t last = 0;
+  std::uint64_t shortened = 0;
   while (file.reader->next(datagram)) {
-    if (writer.datagrams() == 0) first = last = datagram.time;
-    writer.add(datagram.data, datagram.size, datagram.time - last);
+    if (writer.datagrams() == 0) last = datagram.time;
+    const std::int64_t pause = std::min(datagram.time - last, kLongestPause);
+    if (pause < datagram.time - last) ++shortened;
+    writer.add(datagram.data, datagram.size, pause);
+    imported.duration += pause;
     last = datagram.time;
   }
   imported.format = file.format;
   imported.datagrams = writer.datagrams();
-  imported.duration = last - first;
   imported.losses = file.reader->losses();
+  if (shortened > 0)
+    imported.losses.push_back(counted(shortened, "pause") + " of more than 366 days shortened to that");
   imported.breaks_off = file.reader->breaks_off();
   if (imported.datagrams == 0)
     throw CueError(input.name() + ": holds nothing to import" +

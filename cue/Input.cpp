@@ -67,11 +67,23 @@ int open_again(int fd) {
   return open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
-/// The standard input from where it stands; a regular file from its front, each time.
+/// The standard input from where it stands; a regular file from its front, each time. Somebody else may have
+/// opened one that this user may not open again; such a file can be read once.
 int open_standard_input() {
   struct stat status {};
-  if (fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode)) return open_again(STDIN_FILENO);
+  if (fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode)) {
+    const int again = open_again(STDIN_FILENO);
+    if (again != -1 || errno != EACCES) return again;
+    lseek(STDIN_FILENO, 0, SEEK_SET);
+  }
   return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
+}
+
+/// Whether a regular file at the standard input can be opened as often as wanted.
+bool standard_input_reopens() {
+  const int fd = open_again(STDIN_FILENO);
+  if (fd != -1) close(fd);
+  return fd != -1;
 }
 
 int unnamed_file() {
@@ -145,7 +157,8 @@ void Input::keep() {
   if (kept) return;
   struct stat status {};
   if (!find(status)) throw file_error(shown, errno);
-  if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
+  const bool reopens = file_path != kStandardInput || standard_input_reopens();
+  if ((S_ISREG(status.st_mode) && reopens) || S_ISDIR(status.st_mode)) return;
   keep(open());
 }
 

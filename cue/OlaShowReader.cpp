@@ -99,7 +99,7 @@ std::optional<std::int64_t> number(std::string_view text, std::int64_t highest) 
   std::int64_t value = 0;
   for (const char letter : text) {
     const int digit = letter - '0';
-    if (!is_digit(letter) || value > (highest - digit) / 10) return std::nullopt;
+    if (!is_digit(letter) || digit > highest || value > (highest - digit) / 10) return std::nullopt;
     value = value * 10 + digit;
   }
   return value;

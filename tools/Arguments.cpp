@@ -35,7 +35,7 @@ public:
     std::int64_t value = 0;
     for (; is_digit(); ++at) {
       const int digit = text[at] - '0';
-      if (value > (highest - digit) / 10) return std::nullopt;
+      if (digit > highest || value > (highest - digit) / 10) return std::nullopt;
       value = value * 10 + digit;
     }
     return value;

@@ -68,6 +68,7 @@ std::optional<int> parse_step(const std::string& text) {
 
 /// The place to which @p path leads, whether a file exists there or not.
 std::filesystem::path place_of(const std::string& path) {
+  if (cue::Output(path).is_standard_output()) return "-";
   std::error_code ignored;
   return std::filesystem::weakly_canonical(std::filesystem::absolute(path, ignored), ignored);
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "unit/cue/captures.h"
 #include "unit/cue/recordings.h"
 
@@ -172,6 +174,8 @@ TEST_F(Frames, WaitsForFragmentsInBoundedMemoryAndTime) {
   EXPECT_EQ(fragment(whole.substr(8), 1, 0), "-");  // the oldest had to go
   EXPECT_EQ(fragment(whole.substr(8), 1, 64), "0123456789abcdefghij");
   EXPECT_EQ(fragment(whole.substr(8), 1, 63, cue::Fragments::kPatience + 1), "-");
+  fragment(whole.substr(0, 8), kMore, 99, std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(fragment(whole.substr(8), 1, 99, std::numeric_limits<std::int64_t>::max()), "-");
 }
 
 TEST_F(Frames, CountsAFragmentThatTheCaptureCutOff) {

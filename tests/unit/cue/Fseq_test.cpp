@@ -172,6 +172,9 @@ TEST(FseqReader, ReadsCompressedDataWithoutATableAndPlainDataWithOne) {
   sequence.compression = 1;
   sequence.data = zstd(frames_of_five().substr(0, 77), false) + zstd(frames_of_five().substr(77), true);
   EXPECT_EQ(read(sequence.file()).datagrams, sent_of_five(25));
+  sequence.data += "bytes behind the last frame";
+  EXPECT_EQ(read(sequence.file()).datagrams, sent_of_five(25));
+  EXPECT_EQ(read(sequence.file()).breaks_off, "");
   sequence.compression = 2;
   sequence.data = zlib(frames_of_five());
   EXPECT_EQ(read(sequence.file()).datagrams, sent_of_five(25));

@@ -126,6 +126,14 @@ TEST_F(Import, SaysThatDatagramsWereCapturedTwice) {
   EXPECT_EQ(imported.losses, Words{});
 }
 
+TEST_F(Import, ShortensAPauseThatNoRecordingCanHold) {
+  EXPECT_EQ(
+      import(pcap_head() + frame(ethernet(ip(dmx("a"))), 1) + frame(ethernet(ip(dmx("b"))), 2'000'000'000)),
+      dmx("a") + delay(kLongestPause) + dmx("b"));
+  EXPECT_EQ(imported.duration, kLongestPause);
+  EXPECT_EQ(imported.losses, Words{"1 pause of more than 366 days shortened to that"});
+}
+
 TEST_F(Import, TakesOnlyTheWantedSenders) {
   const std::string capture = pcap_head() + frame(ethernet(ip(dmx("a"), 6454, 0x0A000001))) +
                               frame(ethernet(ip(dmx("b"), 6454, 0x0A000002)), 1) +

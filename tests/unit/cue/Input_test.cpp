@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,6 +83,20 @@ TEST_F(InputTest, ReadsAFileAtTheStandardInputAsOftenAsWanted) {
   input.keep();
   EXPECT_EQ(content_of(input), text);
   EXPECT_EQ(content_of(input), text);
+}
+
+TEST_F(InputTest, ReadsAFileThatSomebodyElseHasOpened) {
+  const StandardInput opened(open(file.c_str(), O_RDONLY));
+  ASSERT_EQ(chmod(file.c_str(), 0), 0);
+  // As root with the rights of somebody else; they are those of this thread alone.
+  std::thread([&] {
+    setfsuid(65534);
+    EXPECT_EQ(content_of("-"), text);
+    Input twice("-");
+    twice.keep();
+    EXPECT_EQ(content_of(twice), text);
+    EXPECT_EQ(content_of(twice), text);
+  }).join();
 }
 
 TEST_F(InputTest, KeepsWhatCanBeReadOnce) {

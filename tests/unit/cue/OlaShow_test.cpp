@@ -191,6 +191,7 @@ TEST(OlaShowReader, NamesTheLineWhereAShowBreaksOff) {
   EXPECT_EQ(broken("x\n1 2\n"), "line 3 is neither a frame nor a pause");
   EXPECT_EQ(broken("-5\n1 2\n"), "line 3 is neither a frame nor a pause");
   EXPECT_EQ(broken("9223372036855\n1 2\n"), "line 3 is neither a frame nor a pause") << "292 years";
+  EXPECT_EQ(broken("9223372036854\n9\n1 2\n"), "line 4 is neither a frame nor a pause") << "in sum";
   EXPECT_EQ(broken("1 256\n1 2\n"), "line 3 is not a frame");
   EXPECT_EQ(broken("1 99999999999999999999\n"), "line 3 is not a frame");
   EXPECT_EQ(broken("1 1,x\n"), "line 3 is not a frame");

@@ -50,6 +50,7 @@ TEST(CommandLine, RefusesWordsThatDoNotGoTogether) {
       {{"play", "a", "--to", "10.0.0.9", "--start", "2", "--stop", "1"}, "--stop is before --start"},
       {{"join", "-", "a", "-", "-o", "x"}, "- (the standard input) can be read once"},
       {{"export", "a"}, "--format, --pcap or --csv is needed"},
+      {{"export", "a", "--pcap", "-", "--csv", "/dev/stdout"}, "two outputs name the same file"},
       {{"export", "a", "--pcap", "/tmp/x", "--csv", "/tmp/./x"}, "two outputs name the same file"},
       {{"cut", "a", "-o", "x", "--start", "soon"},
        "\"soon\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
@@ -210,7 +211,7 @@ TEST(Info, SaysWhatAFileOfAnotherProgramIs) {
       {"\x4D\x3C\xB2\xA1", "a capture, see kadrel-cue import"},
       {"\xA1\xB2\x3C\x4D", "a capture, see kadrel-cue import"},
       {"\x0A\x0D\x0D\x0A\x1C\x1C\x1C\x1C\x4D\x3C\x2B\x1A", "a capture, see kadrel-cue import"},
-      {"\x1F\x8B\x08", "compressed with gzip, see kadrel-cue import"},
+      {"\x1F\x8B\x08", "compressed with gzip; unpack it, or see kadrel-cue import"},
       {"PSEQ", "an FSEQ sequence, see kadrel-cue import"},
       {"FSEQ", "an FSEQ sequence, see kadrel-cue import"},
       {"OLA Show\n", "a show of ola_recorder, see kadrel-cue import"}};
