@@ -1,9 +1,12 @@
 """kadrel-cue inside a world."""
 
+import contextlib
+import errno
 import os
 import subprocess
+import threading
 
-from harness import EXECUTABLE
+from harness import EXECUTABLE, spin_until
 from harness.sanitizers import environment, report_in
 
 CUE = EXECUTABLE.parent / "kadrel-cue"
@@ -15,6 +18,43 @@ def without_priority_line(errors):
     return "".join(
         line for line in errors.splitlines(keepends=True) if not line.startswith("kadrel-cue: no real-time priority (")
     )
+
+
+def open_fifo(path, process):
+    """The writing end of a named pipe, unbuffered, as soon as the process reads it."""
+
+    def opened():
+        assert process.poll() is None, f"it ended with {process.returncode} before it opened {path}"
+        try:
+            descriptor = os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError as error:
+            if error.errno != errno.ENXIO:
+                raise
+            return None  # nobody reads it yet
+        os.set_blocking(descriptor, True)
+        return open(descriptor, "wb", buffering=0)
+
+    return spin_until(opened, f"a reader of {path}", DEADLINE)
+
+
+def write_beside(path, content):
+    """A thread that writes a file. One that nobody opens for reading keeps no test from its end."""
+    writer = threading.Thread(target=path.write_bytes, args=(content,), daemon=True)
+    writer.start()
+    return writer
+
+
+@contextlib.contextmanager
+def limited(process):
+    """The process ends with the block, and before that when it takes too long: what waits for it or for its output goes on."""
+    timer = threading.Timer(3 * DEADLINE, process.kill)
+    timer.start()
+    try:
+        yield process
+    finally:
+        timer.cancel()
+        process.kill()
+        process.wait()
 
 
 class Tool:

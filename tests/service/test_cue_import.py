@@ -5,9 +5,9 @@ import os
 import shutil
 import struct
 import subprocess
-import threading
 
 import pytest
+from cue_tool import DEADLINE, write_beside
 from harness import EXECUTABLE
 from harness.artnet import art_dmx, art_poll, oem_vfps_ns
 from harness.sanitizers import environment
@@ -65,10 +65,9 @@ def test_a_capture_goes_through_pipes(tmp_path, exported):
     assert run("import", "-", "-o", "-", input=gzip.compress(content)) == (0, SHOW, said)
     pipe = tmp_path / "pipe"
     os.mkfifo(pipe)
-    writer = threading.Thread(target=pipe.write_bytes, args=(content,))
-    writer.start()
+    writer = write_beside(pipe, content)
     outcome = run("import", pipe, "-o", "-")
-    writer.join()
+    writer.join(DEADLINE)
     assert outcome == (0, SHOW, said)
 
 

@@ -11,10 +11,10 @@ import signal
 import struct
 import subprocess
 import termios
-import threading
 from pathlib import Path
 
 import pytest
+from cue_tool import DEADLINE, limited, open_fifo, write_beside
 from harness import EXECUTABLE, spin_until
 from harness.artnet import art_dmx, oem_vfps_ns
 from harness.sanitizers import environment
@@ -59,7 +59,8 @@ def test_closed_standard_descriptors_are_not_taken_by_the_network(world, cue):
         assert {os.readlink(f"{directory}/{fd}") for fd in range(3)} == {"/dev/null"}
     finally:
         process.terminate()
-        assert process.wait() == 0
+        with limited(process):
+            assert process.wait() == 0
 
 
 def open_files(process):
@@ -80,13 +81,19 @@ def test_a_file_that_is_half_written_goes_with_the_program(tmp_path, cue, number
         ["env", "--default-signal", CUE, "join", cue, source, "-o", tmp_path / "out"],
         stderr=subprocess.PIPE, env={**os.environ, **environment()},
     )
+
+    def unfinished():
+        """The output: without a name, or with a temporary one on a file system that knows no files without a name."""
+        return [link for link in open_files(process) if link.startswith((f"{tmp_path}/#", f"{tmp_path}/.kadrel-cue."))]
+
     # Opened by the reader, which then waits for more.
-    with open(source, "wb"):
-        spin_until(lambda: any(link.startswith(f"{tmp_path}/#") for link in open_files(process)), "the output")
+    with limited(process), open_fifo(source, process):
+        (output,) = spin_until(unfinished, "the output")
         process.send_signal(number)
         assert (process.wait(), process.stderr.read()) == (-number, b"")
-    assert sorted(os.listdir(tmp_path)) == ["cue", "pipe"]
     process.stderr.close()
+    left = [Path(output).name] if number == signal.SIGKILL and "/#" not in output else []
+    assert sorted(os.listdir(tmp_path)) == [*left, "cue", "pipe"]
 
 
 def run(*words, **options):
@@ -184,12 +191,10 @@ def test_named_pipes_are_joined_in_order(tmp_path):
     datagrams = [art_dmx(1, b"a" * 512), art_dmx(1, b"b" * 512)]
     for pipe in pipes:
         os.mkfifo(pipe)
-    writers = [threading.Thread(target=pipe.write_bytes, args=(one,)) for pipe, one in zip(pipes, datagrams)]
-    for writer in writers:
-        writer.start()
+    writers = [write_beside(pipe, one) for pipe, one in zip(pipes, datagrams)]
     code, out, _ = outcome_of("join", *pipes, "--gap", "0", "-o", "-")
     for writer in writers:
-        writer.join()
+        writer.join(DEADLINE)
     assert code == 0
     assert out == datagrams[0] + oem_vfps_ns(0) + datagrams[1]
 
@@ -215,10 +220,9 @@ def test_every_command_reads_files_and_pipes_alike(tmp_path, cue, command):
 
     expected = made_of(cue, "file")
     assert made_of("-", "input", input=whole) == expected
-    writer = threading.Thread(target=pipe.write_bytes, args=(whole,))
-    writer.start()
+    writer = write_beside(pipe, whole)
     assert made_of(pipe, "pipe") == expected
-    writer.join()
+    writer.join(DEADLINE)
 
 
 def test_the_standard_input_is_named_once():
@@ -348,15 +352,16 @@ def test_a_terminal_shows_how_far_a_command_is(tmp_path, terminal, command):
         stdout=terminal.slave, stderr=terminal.slave, env={**os.environ, **environment()},
     )
     datagram = art_dmx(1, bytes(512))
-    with open(source, "wb", buffering=0) as pipe:
-        pipe.write(datagram)
+    with limited(process):
+        with open_fifo(source, process) as pipe:
+            pipe.write(datagram)
 
-        def shows():
-            pipe.write(oem_vfps_ns(1) + datagram)
-            return b" MB" in terminal.read()
+            def shows():
+                pipe.write(oem_vfps_ns(1) + datagram)
+                return b" MB" in terminal.read()
 
-        spin_until(shows, "the progress")
-    assert process.wait() == 0
+            spin_until(shows, "the progress")
+        assert process.wait() == 0
     shown = terminal.read()
     lines = re.findall(rb"\r\x1b\[K(a+  [0-9.]+ MB)", shown)
     assert lines and max(map(len, lines)) == 39
