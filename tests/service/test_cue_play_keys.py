@@ -23,6 +23,16 @@ MS = 1_000_000
 RIGHT, LEFT, UP, DOWN, HOME = b"\x1b[C", b"\x1bOD", b"\x1b[A", b"\x1b[B", b"\x1b[1~"
 
 
+def processes_of_session(session):
+    """The processes whose session has this number: what was started on one terminal."""
+    found = []
+    for pid in filter(str.isdecimal, os.listdir("/proc")):
+        with contextlib.suppress(ProcessLookupError):
+            if os.getsid(int(pid)) == session:
+                found.append(int(pid))
+    return found
+
+
 class Terminal:
     """kadrel-cue, or another command, on a terminal of its own, in its foreground."""
 
@@ -83,7 +93,11 @@ class Terminal:
             self.shown += os.read(self.controller, 65536)
 
     def close(self):
+        """Ends the command and what it started: a playback in the background of a shell outlives its terminal."""
         if self.process.poll() is None:
+            for pid in processes_of_session(self.process.pid):
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGKILL)
             self.process.kill()
             self.process.wait()
         os.close(self._terminal)

@@ -64,6 +64,7 @@ class Namespaces:
     def __init__(self, directory):
         self.directory = directory
         self._networks = {}
+        self._started = []
         self._channel = _Agents.instance().start(directory)
         started = self._channel.recv(100)
         if not started:
@@ -151,7 +152,7 @@ class Namespaces:
         """Starts a command inside the world; the returned process is the command itself.
 
         The command dies with the thread that started it, so start from the main
-        thread. `as_user`: a prefix that changes the user inside (see `olad`).
+        thread, and at the latest with the world. `as_user`: a prefix that changes the user inside (see `olad`).
         """
         descriptors = [self._mounts, self._networks[network]]
         enter = ["nsenter", f"--mount=/proc/self/fd/{self._mounts}", f"--net=/proc/self/fd/{self._networks[network]}"]
@@ -159,12 +160,14 @@ class Namespaces:
             descriptors.append(self._user)
             enter += [f"--user=/proc/self/fd/{self._user}", "--preserve-credentials"]
         full = [*enter, *as_user, "setpriv", "--pdeathsig", "KILL", "env", "-C", directory or self.directory, *command]
-        return subprocess.Popen(
+        process = subprocess.Popen(
             full,
             pass_fds=[*descriptors, *arguments.pop("pass_fds", ())],
             stdin=arguments.pop("stdin", subprocess.DEVNULL),
             **arguments,
         )
+        self._started = [one for one in self._started if one.returncode is None] + [process]
+        return process
 
     def run(self, command, network="appliance", deadline=20, input=None, **arguments):
         """Runs a command inside the world to its end; its output as text. `input`: text for its standard input."""
@@ -188,6 +191,10 @@ class Namespaces:
         return output
 
     def close(self):
+        # What a failed test has left; some of it has a real-time priority.
+        for process in self._started:
+            process.kill()
+            process.wait()
         self._channel.close()
         for descriptor in [self._user, self._mounts, *self._networks.values()]:
             os.close(descriptor)
