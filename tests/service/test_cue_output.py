@@ -34,7 +34,7 @@ def test_a_report_that_cannot_be_written_is_no_success(cue, command):
     with open("/dev/full", "wb") as full:
         outcome = subprocess.run(
             [CUE, *command, *([] if command[0].startswith("--") else [cue])],
-            stdout=full, stderr=subprocess.PIPE, text=True, check=False, env={**os.environ, **environment()},
+            stdout=full, stderr=subprocess.PIPE, text=True, check=False, timeout=60, env={**os.environ, **environment()},
         )
     assert (outcome.returncode, outcome.stderr) == (1, "kadrel-cue: standard output cannot be written\n")
 
@@ -150,7 +150,7 @@ def test_a_file_beyond_the_limit_of_the_user_is_an_error(tmp_path, tmp_path_fact
     counters = {"GCOV_PREFIX": str(tmp_path_factory.mktemp("counters")), "GCOV_ERROR_FILE": "/dev/null"}
     limited = subprocess.run(
         ["prlimit", "--fsize=1000", CUE, "join", cue, cue, "-o", out],
-        capture_output=True, text=True, check=False, env={**os.environ, **environment(), **counters},
+        capture_output=True, text=True, check=False, timeout=60, env={**os.environ, **environment(), **counters},
     )
     assert (limited.returncode, limited.stderr) == (1, f"kadrel-cue: {out}: File too large\n")
     assert os.listdir(tmp_path) == ["cue"]
@@ -236,12 +236,12 @@ def test_a_full_or_closed_standard_output_is_an_error(cue):
     for redirection, error in ((">/dev/full", "No space left on device"), (">&-", "Bad file descriptor")):
         outcome = subprocess.run(
             ["sh", "-c", f'exec "$0" cut "$1" -o - {redirection}', CUE, cue],
-            capture_output=True, text=True, check=False, env={**os.environ, **environment()},
+            capture_output=True, text=True, check=False, timeout=60, env={**os.environ, **environment()},
         )
         assert (outcome.returncode, outcome.stderr) == (1, f"kadrel-cue: standard output: {error}\n")
     closed = subprocess.run(
         ["sh", "-c", 'exec "$0" info "$1" >&-', CUE, cue],
-        capture_output=True, text=True, check=False, env={**os.environ, **environment()},
+        capture_output=True, text=True, check=False, timeout=60, env={**os.environ, **environment()},
     )
     assert (closed.returncode, closed.stderr) == (1, "kadrel-cue: standard output cannot be written\n")
 
@@ -251,7 +251,7 @@ def test_a_reader_that_goes_away_ends_the_program_quietly(tmp_path, cue):
     os.close(reader)
     outcome = subprocess.run(
         ["env", "--default-signal", CUE, "cut", cue, "-o", "-"],
-        stdout=writer, stderr=subprocess.PIPE, check=False, env={**os.environ, **environment()},
+        stdout=writer, stderr=subprocess.PIPE, check=False, timeout=60, env={**os.environ, **environment()},
     )
     os.close(writer)
     assert (outcome.returncode, outcome.stderr) == (-signal.SIGPIPE, b"")
@@ -372,7 +372,7 @@ def test_a_terminal_shows_how_far_a_command_is(tmp_path, terminal, command):
 def test_no_bytes_go_to_a_terminal(terminal, cue):
     outcome = subprocess.run(
         [CUE, "cut", cue, "-o", "-"],
-        stdout=terminal.slave, stderr=subprocess.PIPE, text=True, check=False, env={**os.environ, **environment()},
+        stdout=terminal.slave, stderr=subprocess.PIPE, text=True, check=False, timeout=60, env={**os.environ, **environment()},
     )
     assert (outcome.returncode, outcome.stderr) == (
         1, "kadrel-cue: standard output: a terminal, which takes no bytes that are no text\n"
