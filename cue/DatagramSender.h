@@ -55,6 +55,9 @@ public:
 
   /// @return 0, or the errno of a datagram that was not sent
   virtual int send(const std::uint8_t* data, std::size_t size) = 0;
+
+  /// Whether the next datagram would go the same way as one that was not sent: to one target, or one network.
+  virtual bool is_single() const { return true; }
 };
 
 /// Sends to one target.

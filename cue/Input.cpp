@@ -79,13 +79,6 @@ int open_standard_input() {
   return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
 }
 
-/// Whether a regular file at the standard input can be opened as often as wanted.
-bool standard_input_reopens() {
-  const int fd = open_again(STDIN_FILENO);
-  if (fd != -1) close(fd);
-  return fd != -1;
-}
-
 int unnamed_file() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
   const char* const wanted = getenv("TMPDIR");
@@ -95,6 +88,14 @@ int unnamed_file() {
   if (fd == -1) throw file_error(name, errno);
   unlink(name.c_str());
   return fd;
+}
+
+/// A descriptor that is closed with its last owner.
+std::shared_ptr<const int> shared(int fd) {
+  return {new int(fd), [](const int* owned) {
+            close(*owned);
+            delete owned;
+          }};
 }
 
 void write_all(int fd, const std::uint8_t* bytes, std::size_t size) {
@@ -157,16 +158,21 @@ void Input::keep() {
   if (kept) return;
   struct stat status {};
   if (!find(status)) throw file_error(shown, errno);
-  const bool reopens = file_path != kStandardInput || standard_input_reopens();
-  if ((S_ISREG(status.st_mode) && reopens) || S_ISDIR(status.st_mode)) return;
+  if (S_ISDIR(status.st_mode)) return;
+  if (S_ISREG(status.st_mode)) {
+    const bool named = file_path != kStandardInput;
+    const int fd = named ? ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC) : open_again(STDIN_FILENO);
+    if (fd == -1 && named) throw file_error(shown, errno);
+    if (fd != -1) {
+      kept = shared(fd);
+      return;
+    }
+  }
   keep(open());
 }
 
 void Input::keep(const ByteSource& source) {
-  const std::shared_ptr<const int> copy(new int(unnamed_file()), [](const int* fd) {
-    close(*fd);
-    delete fd;
-  });
+  const std::shared_ptr<const int> copy = shared(unnamed_file());
   std::array<std::uint8_t, std::size_t{64} * 1024> bytes{};
   while (const std::size_t count = source(bytes.data(), bytes.size())) write_all(*copy, bytes.data(), count);
   kept = copy;

@@ -53,7 +53,9 @@ public:
   bool is(const struct stat& status) const;
 
   /// Makes it possible to open() as often as wanted: copies what cannot be rewound to an unnamed temporary
-  /// file. Does nothing for a regular file. @throws CueError
+  /// file. A regular file stays open: it is the same one, also when its path is taken away or given to
+  /// another.
+  /// @throws CueError
   void keep();
 
   /// Takes the bytes of @p source for the content of this input, in an unnamed temporary file: of what has
@@ -66,7 +68,7 @@ private:
   std::string file_path;
   std::string shown;
   OnReading on_reading;
-  std::shared_ptr<const int> kept;  // descriptor of the unnamed copy
+  std::shared_ptr<const int> kept;  // descriptor of the file, or of the unnamed copy
 };
 
 }  // namespace cue

@@ -101,19 +101,28 @@ std::int64_t Player::position_at(Time now) const {
 
 void Player::take_commands(Time now) {
   if (!next_command || now < next_poll) return;
-  next_poll = now + kSlice;
-  while (const auto command = next_command()) obey(*command, now);
+  const Time before = std::exchange(next_poll, now + kSlice) - kSlice;
+  while (const auto command = next_command()) obey(*command, now, before);
 }
 
-void Player::obey(const PlayCommand& command, Time now) {
+/// Where a playback goes on that the system had stopped after the time @p before, which is at most a slice
+/// before that: not earlier than what has been sent.
+std::int64_t Player::position_after_stop(Time before) const {
+  return std::max(add_bounded(play.position, 1), position_at(before));
+}
+
+/// @param before  when the operator was asked the last time
+void Player::obey(const PlayCommand& command, Time now, Time before) {
   if (command.kind == PlayCommand::Kind::Quit) quit = true;
   if (play.holding) return;
   const std::int64_t start = options.selection.start;
   if (command.kind == PlayCommand::Kind::Pause) pause_or_go_on(now);
   if (command.kind == PlayCommand::Kind::Home) jump = start;
   if (command.kind == PlayCommand::Kind::Seek) {
-    const std::int64_t from = jump.value_or(position_at(play.paused ? paused_at : now));
-    jump = std::max(start, add_bounded(from, command.by));
+    const std::int64_t here = play.paused       ? position_at(paused_at)
+                              : command.by == 0 ? position_after_stop(before)
+                                                : position_at(now);
+    jump = std::max(start, add_bounded(jump.value_or(here), command.by));
     if (options.selection.stop) jump = std::min(*jump, std::max(start, *options.selection.stop));
   }
 }
@@ -130,6 +139,7 @@ void Player::pause_or_go_on(Time now) {
   pass_began += stood;
   if (fade_start) *fade_start += stood;
   next_repeat += stood;
+  repeat_time += stood;
 }
 
 /// Waits until @p ns after the origin. @return false when the position is left before
@@ -246,7 +256,7 @@ void Player::note_failure(int error) {
 }
 
 /// Sends a datagram with the next sequence numbers and faded levels. @return whether it was sent
-/// @throws CueError when it is the first and is not sent
+/// @throws CueError when it is the first and is not sent, and nothing else could be
 bool Player::send(const Bytes& datagram, Time due, double level) {
   packet.assign(datagram.data, datagram.data + datagram.size);
   numbers.number(packet.data(), packet.size());
@@ -258,7 +268,7 @@ bool Player::send(const Bytes& datagram, Time due, double level) {
     ++play.sent;
     return true;
   }
-  if (play.sent == 0 && play.failed == 0)
+  if (play.sent == 0 && play.failed == 0 && sink.is_single())
     throw CueError(options.file.name() + ": byte " + std::to_string(play.offset) +
                    ": not sent: " + std::generic_category().message(error));
   note_failure(error);
@@ -299,6 +309,7 @@ void Player::begin_at(const Looks& look, std::int64_t position, std::optional<Ti
   origin = arrival ? *arrival : after(clock.now() + kLead, spread);
   origin_position = position;
   play.position = position;
+  if (!arrival) repeat_from = 0;  // the levels of the running repeat were those of another place
   if (play.paused) {
     paused_at = origin;
     if (fade_start) *fade_start += origin - old_pause;
@@ -307,6 +318,7 @@ void Player::begin_at(const Looks& look, std::int64_t position, std::optional<Ti
     fade_start = after(origin, -spread);
     next_repeat = after(*fade_start, frame);
   }
+  if (arrival && !wait(-spread, Pausing::Yes)) return;
   send_look(look, spread);
 }
 
@@ -389,6 +401,7 @@ void Player::hold() {
   play.holding = true;
   play.paused = false;
   quit = false;
+  jump.reset();
   const std::int64_t period = kesto::calculate_delay(options.hold_rate).count();
   origin = std::max(last_due, clock.now());
   for (std::int64_t ns = period; wait(ns, Pausing::No); ns = add_times(ns, period)) {
@@ -414,6 +427,8 @@ void Player::run() {
                 next_command;
   try {
     play_passes();
+    // The level stays that of the pause, however long it lasted.
+    if (play.paused && !stop) pause_or_go_on(clock.now());
     level_after = level_out(clock.now());
     last_end.reset();
     if (options.hold_rate > 0 && !looks.all().empty() && !stop) hold();

@@ -41,7 +41,7 @@ std::int64_t at_speed(std::int64_t ns, const PlayOptions& options);
 struct PlayCommand {
   enum class Kind {
     Pause,  // stand at this look, or go on
-    Seek,   // jump by `by`, within the selection
+    Seek,   // jump by `by`, within the selection; 0: go on where the system had stopped the program
     Home,   // jump to the start
     Quit,   // end the playback, with hold and black-out as they were chosen; during a hold: end that
   };
@@ -121,6 +121,7 @@ public:
 
   /// Plays to the end or until stopped. @throws CueError when the file is damaged or cannot be read, after
   /// its good part, when it holds nothing of the selection, and when the very first datagram cannot be sent
+  /// to the only target
   void run();
 
   const PlayState& state() const { return play; }
@@ -145,7 +146,7 @@ private:
   void rest(Time next, Time now);
   void tell(Time next, Time now);
   void take_commands(Time now);
-  void obey(const PlayCommand& command, Time now);
+  void obey(const PlayCommand& command, Time now, Time before);
   void pause_or_go_on(Time now);
 
   bool fading(Time now) const;
@@ -166,6 +167,7 @@ private:
   Time after(Time time, std::int64_t ns) const;
   std::int64_t lasting(std::int64_t ns) const { return at_speed(ns, options); }
   std::int64_t position_at(Time now) const;
+  std::int64_t position_after_stop(Time before) const;
 
   const PlayOptions& options;
   DatagramSink& sink;

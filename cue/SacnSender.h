@@ -64,6 +64,7 @@ public:
   /// What is no ArtDmx is left out. @return 0, or the errno of the first packet that was not sent;
   /// EADDRNOTAVAIL for a universe that E1.31 does not have
   int send(const std::uint8_t* data, std::size_t size) override;
+  bool is_single() const override { return senders.size() <= 1 && no_universe.count == 0; }
   std::vector<Delivery> deliveries() const override;
   std::uint64_t sent() const override { return groups ? taken : senders.sent(); }
   void idle() override;

@@ -93,6 +93,7 @@ public:
   ArtNetTargets(const std::vector<Target>& targets, const MakeSender& make);
 
   int send(const std::uint8_t* data, std::size_t size) override;
+  bool is_single() const override { return senders.size() <= 1; }
   std::vector<Delivery> deliveries() const override { return senders.deliveries(); }
   std::uint64_t sent() const override { return senders.sent(); }
   void finish() override { senders.settle(); }

@@ -71,6 +71,15 @@ TEST_F(InputTest, ReadsAFileAsOftenAsWanted) {
   EXPECT_EQ(content_of(input), text);
 }
 
+TEST_F(InputTest, KeepsAFileWhosePathIsTakenAway) {
+  Input input(file);
+  input.keep();
+  ASSERT_EQ(unlink(file.c_str()), 0);
+  EXPECT_EQ(content_of(input), text);
+  directory.write("file", "another one");
+  EXPECT_EQ(content_of(input), text);
+}
+
 TEST_F(InputTest, ReadsTheStandardInput) {
   const StandardInput pipe(pipe_with(text));
   EXPECT_EQ(Input("-").name(), "standard input");

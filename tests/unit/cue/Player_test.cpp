@@ -68,7 +68,10 @@ public:
     return 0;
   }
 
+  bool is_single() const override { return single; }
+
   StillClock& clock;
+  bool single = true;
   std::int64_t cost = 0;  // ns that sending takes
   std::vector<Sent> sent;
   std::function<int()> on_send;
@@ -284,6 +287,15 @@ TEST_F(PlayerTest, GivesUpWhenTheFirstDatagramCannotBeSent) {
   } catch (const cue::CueError& error) {
     EXPECT_EQ(error.what(), options.file.path() + ": byte 0: not sent: Network is unreachable");
   }
+}
+
+TEST_F(PlayerTest, GoesOnForTheOtherTargetsWhenTheFirstDatagramCannotBeSent) {
+  record({{dmx("a"), 0}, {dmx("b"), 5}});
+  sink.single = false;
+  int call = 0;
+  sink.on_send = [&call] { return ++call == 1 ? ENETUNREACH : 0; };
+  EXPECT_EQ(play(), (std::vector<Sent>{{5, dmx("b")}}));
+  EXPECT_EQ(state.failed, 1U);
 }
 
 TEST_F(PlayerTest, GoesOnWhenALaterDatagramCannotBeSent) {
@@ -792,6 +804,106 @@ TEST_F(PlayerTest, QuitGoesOnWithTheHoldAndASecondQuitWithTheBlackOut) {
   EXPECT_GE(sent_within(kSecond, 2 * kSecond).size(), 9U);
   EXPECT_EQ(sink.sent.back().bytes, dmx(packets::byte(0)));
   EXPECT_LT(now(), 2200 * kMs);
+}
+
+TEST_F(PlayerTest, QuitInAPauseWithinAFadeInHoldsFromItsLevelOn) {
+  record({{dmx("\xC8"), 0}, {dmx("\xC8"), 40 * kSecond}});
+  options.fade_in = 20 * kSecond;
+  options.hold_rate = 10;
+  command_at({{10 * kSecond, {Kind::Pause}}, {30 * kSecond, {Kind::Quit}}, {31 * kSecond, {Kind::Quit}}});
+  play();
+  const std::vector<Sent> held = sent_within(30 * kSecond + 25 * kMs, 31 * kSecond);
+  ASSERT_GE(held.size(), 9U);
+  for (const Sent& one : held) EXPECT_NEAR(static_cast<std::uint8_t>(one.bytes.back()), 105, 6) << one.time;
+}
+
+TEST_F(PlayerTest, QuitInAPauseWithinAFadeOutHoldsItsLevel) {
+  record({{dmx("\xC8"), 0}, {dmx("\xC8"), 40 * kSecond}});
+  options.fade_out = 20 * kSecond;
+  options.hold_rate = 10;
+  command_at({{30 * kSecond, {Kind::Pause}}, {50 * kSecond, {Kind::Quit}}, {60 * kSecond, {Kind::Quit}}});
+  play();
+  const std::vector<Sent> held = sent_within(50 * kSecond + 25 * kMs, 60 * kSecond);
+  ASSERT_GE(held.size(), 90U);
+  for (const Sent& one : held) EXPECT_NEAR(static_cast<std::uint8_t>(one.bytes.back()), 100, 2) << one.time;
+}
+
+TEST_F(PlayerTest, AJumpJustBeforeQuitDoesNotEndTheHold) {
+  record({{dmx("a"), 0}, {dmx("b"), 10 * kSecond}});
+  options.hold_rate = 10;
+  command_at({{kSecond, {Kind::Seek, kSecond}}, {kSecond, {Kind::Quit}}, {2 * kSecond, {Kind::Quit}}});
+  play();
+  EXPECT_GE(sent_within(kSecond, 2 * kSecond).size(), 9U);
+}
+
+TEST_F(PlayerTest, APauseBetweenTwoPassesStands) {
+  record({{dmx("a"), 0}, {dmx("b"), 20 * kMs}});
+  options.selection.start = 10 * kMs;
+  options.gap = 10 * kSecond;
+  options.loops = 2;
+  command_at({{3 * kSecond, {Kind::Pause}}, {15 * kSecond, {Kind::Pause}}});
+  play();
+  const std::vector<Sent> stood = sent_within(3 * kSecond, 15 * kSecond);
+  EXPECT_GE(stood.size(), 11U);
+  for (const Sent& one : stood) EXPECT_EQ(one.bytes.back(), 'b') << one.time;
+  EXPECT_NEAR(static_cast<double>(sink.sent.back().time), static_cast<double>(22 * kSecond), 50.0 * kMs);
+}
+
+class PauseWithinARepeatTest : public PlayerTest {
+protected:
+  /// Ten universes fade in over 20 s, with a repeat always on its way; they stand from 10 s to 15 s.
+  PauseWithinARepeatTest() {
+    std::vector<recordings::Datagram> datagrams;
+    for (unsigned universe = 0; universe < 10; ++universe) datagrams.emplace_back(dmx("\xC8", universe), 0);
+    datagrams.emplace_back(dmx("\xC8"), 40 * kSecond);
+    record(datagrams);
+    options.fade_in = 20 * kSecond;
+    sink.cost = 15 * kMs;
+  }
+
+  void expect_no_flash() {
+    play();
+    const std::vector<Sent> after = sent_within(15 * kSecond + 25 * kMs, 16 * kSecond);
+    ASSERT_GE(after.size(), 20U);
+    for (const Sent& one : after)
+      EXPECT_NEAR(static_cast<std::uint8_t>(one.bytes.back()), 105, 9) << one.time;
+  }
+};
+
+TEST_F(PauseWithinARepeatTest, DoesNotFlash) {
+  command_at({{10 * kSecond, {Kind::Pause}}, {15 * kSecond, {Kind::Pause}}});
+  expect_no_flash();
+}
+
+TEST_F(PauseWithinARepeatTest, DoesNotFlashAfterAJump) {
+  command_at({{10 * kSecond, {Kind::Pause}}, {14 * kSecond, {Kind::Seek, 1}}, {15 * kSecond, {Kind::Pause}}});
+  expect_no_flash();
+}
+
+TEST_F(PlayerTest, GoesOnWhereTheSystemHadStoppedIt) {
+  std::vector<recordings::Datagram> datagrams;
+  for (int i = 0; i < 100; ++i)
+    datagrams.emplace_back(dmx(packets::byte(static_cast<unsigned>(i))), 100 * kMs);
+  record(datagrams);
+  bool continued = false;
+  bool was_stopped = false;
+  clock.on_sleep = [&](std::int64_t) {
+    if (now() < kSecond || was_stopped) return;
+    was_stopped = continued = true;
+    clock.time += std::chrono::milliseconds(2500);
+  };
+  next_command = [&]() -> std::optional<cue::PlayCommand> {
+    if (!std::exchange(continued, false)) return std::nullopt;
+    return cue::PlayCommand{Kind::Seek, 0};
+  };
+  play();
+  // Each level once, and the look at the place of the stop.
+  ASSERT_EQ(sink.sent.size(), 101U);
+  std::string levels;
+  for (const Sent& one : sink.sent)
+    if (levels.empty() || levels.back() != one.bytes.back()) levels += one.bytes.back();
+  EXPECT_EQ(levels.size(), 100U);
+  EXPECT_NEAR(static_cast<double>(sink.sent.back().time), static_cast<double>(12'400 * kMs), 50.0 * kMs);
 }
 
 TEST_F(PlayerTest, StopsDuringAPause) {
