@@ -53,6 +53,8 @@ std::string short_interval(std::int64_t nanoseconds) {
     snprintf(text.data(), text.size(), "%.0f", ms);
   else if (ms < 999.5e3)
     snprintf(text.data(), text.size(), "%.0fs", ms / 1e3);
+  else if (ms < 99.5 * 60e3)
+    snprintf(text.data(), text.size(), "%.0fm", ms / 60e3);
   else
     snprintf(text.data(), text.size(), "%.0fh", ms / 3600e3);
   return text.data();

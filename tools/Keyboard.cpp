@@ -253,6 +253,7 @@ bool wait_for_enter(Keyboard* keyboard, const std::atomic<bool>& stop) {
     if (poll(&input, 1, kSliceMs) != 1) continue;
     char byte = 0;
     const ssize_t count = read(STDIN_FILENO, &byte, 1);
+    if (count == -1 && errno != EINTR && errno != EAGAIN) throw cue::file_error("standard input", errno);
     if (count == 0) throw cue::CueError("the standard input ended before Enter");
     if (count == 1 && byte == '\n') return true;
   }

@@ -73,7 +73,7 @@ int terminal_of_keys(bool input_is_recording);
 
 /// Waits for Enter at the keyboard, or for a line from the standard input when there is none (nullptr).
 /// @return false when the playback is not to begin: q was pressed, or @p stop is set
-/// @throws cue::CueError when the standard input ends first
+/// @throws cue::CueError when the standard input ends first or cannot be read
 bool wait_for_enter(Keyboard* keyboard, const std::atomic<bool>& stop);
 
 }  // namespace kadrel_cue

@@ -135,6 +135,15 @@ std::string late_text(const cue::Lateness& lateness, bool with_most) {
   return text;
 }
 
+/// Whether there were datagrams, and all of universes that go to no target.
+bool nobody_gets_it(const cue::PlaybackSink& targets, const cue::PlayState& state) {
+  return targets.sent() == 0 && state.lateness.count() > 0 && failures_of(targets.deliveries()) == 0;
+}
+
+std::string nobody_text(const cue::PlayOptions& options) {
+  return options.file.name() + ": no target gets any of its universes";
+}
+
 /// A running playback as its operator sees it: the line that shows where it is, and what is said of failures.
 class Display {
 public:
@@ -143,9 +152,12 @@ public:
     if (playback.progress) remaining.emplace(playback.options);
   }
 
-  /// Says which targets have begun to fail, and shows the line.
+  /// Says which targets have begun to fail, or that none gets anything, and shows the line.
   void show(const cue::PlayState& state) {
     const auto deliveries = targets.deliveries();
+    // Not at the first time: another universe may come a moment after it.
+    if (nobody_gets_it(targets, state) && unheard++ == 1)
+      say(nobody_text(playback.options) + " so far; going on");
     known.resize(deliveries.size());
     for (std::size_t index = 0; index < deliveries.size(); ++index) {
       const cue::Failures& failures = deliveries[index].failures;
@@ -194,7 +206,8 @@ private:
   const cue::PlaybackSink& targets;
   std::ostream& err;
   std::optional<Remaining> remaining;
-  std::vector<bool> known;  // to fail, by target
+  std::vector<bool> known;    // to fail, by target
+  std::uint64_t unheard = 0;  // times shown while no target had got anything
 };
 
 void write_stats(std::ostream& out, const cue::PlayState& state, std::uint64_t failed) {
@@ -283,8 +296,7 @@ int play(Playback playback, const std::atomic<bool>& stop, std::ostream& out, st
   }
   finish();
   if (failures_of(sink->deliveries()) > 0) return 1;
-  if (sink->sent() == 0 && player.state().lateness.count() > 0)
-    throw cue::CueError(playback.options.file.name() + ": no target gets any of its universes");
+  if (nobody_gets_it(*sink, player.state())) throw cue::CueError(nobody_text(playback.options));
   return 0;
 }
 

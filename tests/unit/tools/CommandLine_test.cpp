@@ -134,6 +134,18 @@ TEST(Info, KeepsTheTableWithin80Columns) {
       << out.substr(0, 600);
 }
 
+TEST(Info, ShowsIntervalsInMinutesBeforeHours) {
+  const unit::Directory directory;
+  const auto interval_text = [&](std::int64_t minutes) {
+    const std::string file =
+        directory.write("show.cue", file_of({{dmx("a", 0, 1), 0}, {dmx("b", 0, 2), minutes * 60'000 * kMs}}));
+    return run({"info", file}).out;
+  };
+  EXPECT_NE(interval_text(17).find(" 17m  17m "), std::string::npos) << interval_text(17);
+  EXPECT_NE(interval_text(99).find(" 99m  99m "), std::string::npos) << interval_text(99);
+  EXPECT_NE(interval_text(120).find("  2h   2h "), std::string::npos) << interval_text(120);
+}
+
 TEST(Info, SaysTheSameOfManyUniversesOnce) {
   const unit::Directory directory;
   std::vector<recordings::Datagram> datagrams;

@@ -110,6 +110,14 @@ TEST(Enter, IsALineWhereThereIsNoTerminal) {
   close(ends[0]);
 }
 
+TEST(Enter, CannotComeFromWhatCannotBeRead) {
+  const int root = open("/", O_RDONLY | O_CLOEXEC);
+  const OtherInput input(root);
+  const std::atomic<bool> stop = false;
+  EXPECT_THROW(kadrel_cue::wait_for_enter(nullptr, stop), cue::CueError);
+  close(root);
+}
+
 TEST(Enter, IsNotAwaitedAfterAStop) {
   const std::atomic<bool> stop = true;
   EXPECT_FALSE(kadrel_cue::wait_for_enter(nullptr, stop));

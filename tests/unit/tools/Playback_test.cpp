@@ -142,6 +142,27 @@ TEST_F(PlaybackTest, IsAnErrorWhenNoTargetGetsAnything) {
   EXPECT_THROW(play(), cue::CueError);
 }
 
+TEST_F(PlaybackTest, SaysSoonThatNoTargetGetsAnything) {
+  playback.options.file = directory.write("long.cue", file_of({{dmx("a"), 0}, {dmx("b"), kSecond}}));
+  cue::UniverseSet others;
+  others.insert(9);
+  playback.targets = {{{"127.0.0.3", receiver.port}, others}};
+  EXPECT_THROW(play(), cue::CueError);
+  EXPECT_EQ(err.str(), "kadrel-cue: " + playback.options.file.path() +
+                           ": no target gets any of its universes so far; going on\n");
+}
+
+TEST_F(PlaybackTest, ATargetThatCannotBeReachedDoesNotEndTheShowOfTheOthers) {
+  playback.options.file = directory.write("two.cue", file_of({{dmx("a", 0), 0}, {dmx("b", 1), 5}}));
+  cue::UniverseSet first;
+  first.insert(0);
+  // From an address of the loopback interface no other one is reached.
+  playback.from = cue::Destination{"127.0.0.1", 0};
+  playback.targets = {{{"192.0.2.9", 6454}, first}, {{"127.0.0.3", receiver.port}, std::nullopt}};
+  EXPECT_EQ(play(), 1);
+  EXPECT_EQ(receiver.receive(), dmx("b", 1));
+}
+
 TEST_F(PlaybackTest, EndsTheStreamsOfE131) {
   playback.sacn = cue::SacnSource{};
   playback.targets = {{{"127.0.0.3", receiver.port}, std::nullopt}};
