@@ -108,8 +108,7 @@ private:
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {
       missing.take(record.data + packet.offset, reader.lost_bytes());
     });
-    if (!options.strict) return write({record.data, record.size}, record.time);
-    if (odd <= kMostPlaces)
+    if (options.strict && odd <= kMostPlaces)
       report.damage(reader.name() + ": byte " + std::to_string(record.offset) +
                     ": the datagram is more than one ArtDmx packet");
     for_each_dmx(record.data, record.size, [&](const DmxPacket& packet) {

@@ -11,10 +11,10 @@
 namespace cue {
 
 struct VerifyOptions {
-  // A datagram that is more than one ArtDmx packet counts as damaged; of such a one the ArtDmx packets are
-  // good, each as a datagram of its own.
-  bool strict = false;
-  std::optional<Output> repaired;                // file for the good records
+  bool strict = false;  // a datagram that is more than one ArtDmx packet counts as damaged
+  // File for the good records. Of a datagram that is more than one ArtDmx packet these are written, each as a
+  // datagram of its own.
+  std::optional<Output> repaired;
   std::function<void(const Record&)> on_record;  // called with each datagram that is read; may be empty
   std::function<void(const Damage&)> on_damage;  // called at each damage; may be empty
 };
