@@ -162,11 +162,10 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
     ++count.broken;
     return std::nullopt;
   }
-  const std::uint32_t sender = high_byte_first_long(ip + 12);
   const std::size_t size = total - header;
   Bytes payload{ip + header, std::min(size, packet.size - header)};
   const std::uint16_t place = high_byte_first(ip + 6);
-  if ((place & (kMoreFragments | kFragmentOffset)) == 0) return udp(sender, payload, size);
+  if ((place & (kMoreFragments | kFragmentOffset)) == 0) return udp(ip, payload, size);
 
   ++count.fragments;
   if (payload.size < size) {
@@ -174,7 +173,7 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
     return std::nullopt;
   }
   Fragment fragment;
-  fragment.sender = sender;
+  fragment.sender = high_byte_first_long(ip + 12);
   fragment.receiver = high_byte_first_long(ip + 16);
   fragment.id = high_byte_first(ip + 4);
   fragment.interface = frame.interface;
@@ -183,19 +182,22 @@ std::optional<UdpDatagram> FrameDecoder::ipv4(const Frame& frame, Bytes packet) 
   fragment.bytes = payload;
   fragment.time = last_time;
   const std::optional<Bytes> whole = fragments.add(fragment);
-  return whole ? udp(sender, *whole, whole->size) : std::nullopt;
+  return whole ? udp(ip, *whole, whole->size) : std::nullopt;
 }
 
+/// @param ip        the header of the packet, or of a fragment
 /// @param captured  beginning of the datagram with its header
 /// @param size      bytes of all of it
-std::optional<UdpDatagram> FrameDecoder::udp(std::uint32_t sender, const Bytes& captured, std::size_t size) {
+std::optional<UdpDatagram> FrameDecoder::udp(const std::uint8_t* ip, const Bytes& captured,
+                                             std::size_t size) {
   const std::size_t length = captured.size < kUdpHeader ? 0 : high_byte_first(captured.data + 4);
   if (length < kUdpHeader || length > size) {
     ++count.broken;
     return std::nullopt;
   }
   UdpDatagram datagram;
-  datagram.sender = sender;
+  datagram.sender = high_byte_first_long(ip + 12);
+  datagram.receiver = high_byte_first_long(ip + 16);
   datagram.port = high_byte_first(captured.data + 2);
   datagram.cut = length > captured.size;
   datagram.payload = {captured.data + kUdpHeader, std::min(length, captured.size) - kUdpHeader};

@@ -40,8 +40,9 @@ public:
 
 /// A UDP datagram over IPv4. The bytes are valid until the next call of the decoder.
 struct UdpDatagram {
-  std::uint32_t sender = 0;  // host order
-  int port = 0;              // of the receiver
+  std::uint32_t sender = 0;    // host order
+  std::uint32_t receiver = 0;  // host order
+  int port = 0;                // of the receiver
   Bytes payload;
   bool cut = false;  // the capture has only the beginning, and so has the payload
 };
@@ -70,7 +71,7 @@ public:
 
 private:
   std::optional<UdpDatagram> ipv4(const Frame& frame, Bytes packet);
-  std::optional<UdpDatagram> udp(std::uint32_t sender, const Bytes& captured, std::size_t size);
+  std::optional<UdpDatagram> udp(const std::uint8_t* ip, const Bytes& captured, std::size_t size);
 
   Fragments fragments;
   FrameCounts count;

@@ -11,11 +11,13 @@ KADREL_BUILD_PACKAGES=(
   pkg-config
   qtbase5-dev
   libossp-uuid-dev
+  libsystemd-dev
 )
 
 # What the programs of tools/ need besides.
 KADREL_TOOLS_PACKAGES=(
   libcli11-dev
+  libncurses-dev
   libpcap-dev
   libzstd-dev
   zlib1g-dev
@@ -72,6 +74,7 @@ KADREL_TEST_PACKAGES=(
   groff-base
   python3-docutils
   systemd
+  tmux
 )
 
 # What ./test --full needs besides: the checkers of locks, of code and of coverage, and what the benchmarks are built with.

@@ -1,6 +1,3 @@
-#include <QByteArray>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <array>
 #include <cstdio>
 #include <ostream>
@@ -12,6 +9,7 @@
 #include "cue/Text.h"
 #include "cue/Time.h"
 #include "tools/Command.h"
+#include "tools/JsonText.h"
 #include "tools/Options.h"
 #include "tools/Progress.h"
 #include "tools/SequenceReport.h"
@@ -91,16 +89,6 @@ void write_table(std::ostream& out, const cue::RecordingInfo& info) {
   }
   out << "\n";
   for (const std::string& line : sequence_report(info)) out << line << "\n";
-}
-
-// Only the strings are written by Qt: its JSON numbers are doubles, too short for times of 64 bits.
-
-/// @p text as a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD.
-std::string json_string(const std::string& text) {
-  // The blank keeps Qt from removing a byte order mark at the front.
-  const QString decoded = QString::fromStdString(" " + text).mid(1);
-  const QByteArray list = QJsonDocument(QJsonArray{decoded}).toJson(QJsonDocument::Compact);
-  return list.mid(1, list.size() - 2).toStdString();
 }
 
 void write_json(std::ostream& out, const cue::SequenceFigures& figures) {

@@ -65,6 +65,7 @@ TEST_F(Frames, FindsADatagramBehindEveryUsualLinkLayer) {
   EXPECT_EQ(decode(9, text("\x00\x21", 2) + packet), "hello");
   EXPECT_EQ(decode(50, text("\xFF\x03\x21", 3) + packet), "hello");
   EXPECT_EQ(found->sender, captures::kSender);
+  EXPECT_EQ(found->receiver, 0x0A000002U);
   EXPECT_EQ(found->port, 6454);
   EXPECT_FALSE(found->cut);
 }
