@@ -47,6 +47,22 @@ struct Packet {
 
 constexpr Packet kTooShort{true, false, kOtherType, 0};
 
+/// Whether a frame goes to everybody or to a group.
+bool goes_to_many(int link_type, const Bytes& frame) {
+  // Kind of receiver in the headers of Linux (pcap-linktype(7)): 1 everybody, 2 a group.
+  const auto is_kind_of_many = [](unsigned kind) { return kind == 1 || kind == 2; };
+  switch (link_type) {
+    case kEthernet:
+      return frame.size > 0 && (frame.data[0] & 1) != 0;
+    case kLinuxSll:
+      return frame.size > 1 && is_kind_of_many(high_byte_first(frame.data));
+    case kLinuxSll2:
+      return frame.size > 10 && is_kind_of_many(frame.data[10]);
+    default:
+      return false;
+  }
+}
+
 /// A packet whose type stands at @p type_at, with VLAN tags before it perhaps.
 Packet behind_header(const Bytes& frame, std::size_t type_at, std::size_t header) {
   if (frame.size < header) return kTooShort;
@@ -135,7 +151,11 @@ std::optional<UdpDatagram> FrameDecoder::decode(const Frame& frame) {
     return std::nullopt;
   }
   const Bytes bytes{frame.bytes.data + packet.at, frame.bytes.size - packet.at};
-  if (packet.whole && packet.type == kIpv4Type) return ipv4(frame, bytes);
+  if (packet.whole && packet.type == kIpv4Type) {
+    std::optional<UdpDatagram> datagram = ipv4(frame, bytes);
+    if (datagram) datagram->to_many = goes_to_many(frame.link_type, frame.bytes);
+    return datagram;
+  }
   if (!packet.whole)
     ++count.broken;
   else if (packet.type == kIpv6Type && is_ipv6_udp(bytes))

@@ -43,6 +43,7 @@ struct UdpDatagram {
   std::uint32_t sender = 0;    // host order
   std::uint32_t receiver = 0;  // host order
   int port = 0;                // of the receiver
+  bool to_many = false;        // the frame went to everybody or to a group of the link layer
   Bytes payload;
   bool cut = false;  // the capture has only the beginning, and so has the payload
 };

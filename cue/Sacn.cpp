@@ -84,6 +84,8 @@ SacnKind parse_data(const std::uint8_t* bytes, std::size_t end, SacnData& data) 
   data.preview = (bytes[kOptions] & kPreview) != 0;
   data.terminated = (bytes[kOptions] & kTerminated) != 0;
   data.slots = {bytes + kSacnHeaderSize, values - 1};
+  const std::uint8_t* const name = bytes + kName;
+  data.name = {name, static_cast<std::size_t>(std::find(name, bytes + kPriority, 0) - name)};
   return SacnKind::Data;
 }
 

@@ -42,6 +42,7 @@ struct SacnData {
   bool preview = false;             // not for live output
   bool terminated = false;          // the stream ends; the slots mean nothing
   Bytes slots;                      // levels, 0..512
+  Bytes name;                       // of the source, as it was sent: 0..64 bytes before the first zero
 };
 
 /// Multicast group of a universe: 239.255.h.l in host order.
@@ -54,7 +55,7 @@ class SacnBuilder {
 public:
   explicit SacnBuilder(const SacnSource& source);
 
-  /// A packet with everything that @p data says, but with the priority of the source.
+  /// A packet with everything that @p data says, but with the priority and the name of the source.
   /// @return bytes that are valid until the next call
   /// @throws CueError when the universe is outside 1..kSacnUniverseLimit, or there are not 1 to 512 slots
   Bytes packet(const SacnData& data);
@@ -74,7 +75,7 @@ enum class SacnKind {
 struct SacnPacket {
   SacnKind kind = SacnKind::Broken;
   SacnCid cid{};  // not of broken packets
-  SacnData data;  // of data packets; the slots lie in the parsed bytes
+  SacnData data;  // of data packets; slots and name lie in the parsed bytes
 };
 
 /// Looks at the payload of a UDP datagram. Bytes behind the packet are allowed.

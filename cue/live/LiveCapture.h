@@ -17,9 +17,18 @@ public:
   using CueError::CueError;
 };
 
-/// Looks at the Art-Net and E1.31 datagrams of an interface with libpcap. Binds no port and sends nothing.
+/// Looks at the Art-Net and E1.31 datagrams over IPv4 of an interface with libpcap: at those to or from the
+/// ports of the two. Binds no port and sends nothing.
+///
+/// The interface takes frames to others, too, as a mirror port delivers them (promiscuous). At "any", which
+/// cannot do so, a datagram that passes several interfaces is handed over once.
+///
+/// The kernel keeps what 512 universes send at 44 Hz for two seconds, and hands it over in batches, each at
+/// most kBatch after its first frame. A reader that comes back every 50 to 100 ms is woken up least.
 class LiveCapture {
 public:
+  static constexpr int kBatch = 50;  // ms
+
   /// @param interface  its name; "any" for all of them
   /// @throws NoCaptureRight, CueError when there is no such interface or it is down
   explicit LiveCapture(const std::string& interface);
@@ -32,10 +41,11 @@ public:
   /// The datagram is valid during the call. @param time  of arrival, ns since 1970
   using Visit = std::function<void(const UdpDatagram& datagram, std::int64_t time)>;
 
-  /// Hands over all datagrams that have arrived; does not wait. @throws CueError when the interface goes away
+  /// Hands over all datagrams that have arrived, about two seconds of them at most; does not wait.
+  /// @throws CueError when the interface goes away or down
   void read(const Visit& visit);
 
-  /// Readable (poll) when datagrams have arrived.
+  /// Readable (poll) when datagrams have arrived. Nothing tells that the interface goes away but read().
   int descriptor() const;
 
   /// Datagrams that came and were not taken in time, since the beginning.
@@ -46,7 +56,7 @@ private:
   std::unique_ptr<Handle> handle;
 };
 
-/// Interfaces that can be looked at, without "any".
+/// Interfaces that are up, without "any"; in the order of the kernel.
 std::vector<std::string> capture_interfaces();
 
 }  // namespace cue

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+/// What is measured of a row of datagrams. All times in ns on the clock of LiveClock.
+namespace cue {
+
+/// Makes a clock that never goes back by more than a second, nor on by more than two minutes at a time, from
+/// one that people and programs set.
+class LiveClock {
+public:
+  /// A clock counts on from 0 by two minutes at most for each time it is given, so 64 bits are enough.
+  /// @param time  ns, any number. @return ns, 0 or more
+  std::int64_t at(std::int64_t time);
+
+private:
+  bool begun = false;
+  std::int64_t latest_given = 0;
+  std::int64_t latest = 0;
+};
+
+/// Packets in a whole second.
+class RateMeter {
+public:
+  void add(std::int64_t time);
+
+  /// Packets of the second before the one in which @p now lies; up to two seconds before the latest packet.
+  std::uint32_t last_second(std::int64_t now) const;
+
+private:
+  std::array<std::uint32_t, 4> counts{};  // by second
+  std::int64_t latest = 0;                // second of the latest packet
+};
+
+/// Deviation of intervals from their mean, both moving over about 16 of them (as RFC 3550, 6.4.1).
+class JitterMeter {
+public:
+  /// @param interval  ns, 0 or more
+  void add(std::int64_t interval);
+
+  /// ns; 0 below two intervals
+  double jitter() const { return deviation; }
+
+private:
+  bool begun = false;
+  double mean = 0;
+  double deviation = 0;
+};
+
+}  // namespace cue
