@@ -65,6 +65,24 @@ struct TrafficFigures {
   std::uint64_t streams_not_shown = 0;  // that had to make room while they were sent
 };
 
+/// A kind of packets, by the name that programs know it by.
+struct TrafficKind {
+  const char* name;
+  KindFigures TrafficFigures::*figures;
+};
+constexpr std::array<TrafficKind, 10> kTrafficKinds = {{
+    {"art_dmx", &TrafficFigures::art_dmx},
+    {"art_sync", &TrafficFigures::art_sync},
+    {"art_poll", &TrafficFigures::art_poll},
+    {"art_poll_reply", &TrafficFigures::art_poll_reply},
+    {"art_other", &TrafficFigures::art_other},
+    {"sacn_data", &TrafficFigures::sacn_data},
+    {"sacn_sync", &TrafficFigures::sacn_sync},
+    {"sacn_discovery", &TrafficFigures::sacn_discovery},
+    {"sacn_other", &TrafficFigures::sacn_other},
+    {"broken", &TrafficFigures::broken},
+}};
+
 /// Follows streams, datagram by datagram. Memory is bounded whatever is sent.
 ///
 /// Levels are those of ArtDmx, and of E1.31 data packets with start code 0 that are for live output.
