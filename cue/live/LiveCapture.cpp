@@ -46,9 +46,10 @@ std::string filter(bool with_tags) {
 
 /// What ioctl() tells of an interface; nothing when there is none.
 std::optional<unsigned> flags_of(const std::string& interface) {
+  if (interface.size() >= IFNAMSIZ) return std::nullopt;
   const int any_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ifreq request{};
-  interface.copy(request.ifr_name, sizeof request.ifr_name - 1);
+  interface.copy(request.ifr_name, interface.size());
   const bool known = any_socket != -1 && ioctl(any_socket, SIOCGIFFLAGS, &request) == 0;
   if (any_socket != -1) close(any_socket);
   if (!known) return std::nullopt;

@@ -1,0 +1,109 @@
+#include "cue/live/Meters.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "cue/Time.h"
+
+using cue::kSecond;
+
+namespace {
+
+TEST(LiveClock, GoesOnAsItsTimesDo) {
+  cue::LiveClock clock;
+  const std::int64_t start = clock.at(1'700'000'000 * kSecond);
+  EXPECT_EQ(clock.at(1'700'000'000 * kSecond + 7), start + 7);
+  EXPECT_EQ(clock.at(1'700'000'001 * kSecond), start + kSecond);
+}
+
+TEST(LiveClock, TakesTimesOfTheLastSecondAsTheyAre) {
+  cue::LiveClock clock;
+  const std::int64_t start = clock.at(0);
+  EXPECT_EQ(clock.at(-kSecond), start - kSecond);
+  EXPECT_GE(start - kSecond, 0);
+  EXPECT_EQ(clock.at(10), start + 10);
+  EXPECT_EQ(clock.at(4), start + 4);
+  EXPECT_EQ(clock.at(10), start + 10);
+}
+
+TEST(LiveClock, CountsOnFromATimeThatWasSetBack) {
+  cue::LiveClock clock;
+  const std::int64_t start = clock.at(3600 * kSecond);
+  EXPECT_EQ(clock.at(0), start);
+  EXPECT_EQ(clock.at(5), start + 5);
+}
+
+TEST(LiveClock, StaysInItsBoundsWhateverItIsGiven) {
+  constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  cue::LiveClock clock;
+  std::int64_t last = clock.at(kLowest);
+  for (const std::int64_t time : {kHighest, kLowest, kHighest, std::int64_t{0}, kLowest, std::int64_t{-1}}) {
+    const std::int64_t next = clock.at(time);
+    EXPECT_GE(next, last);
+    EXPECT_LE(next, last + 120 * kSecond);
+    last = next;
+  }
+}
+
+TEST(RateMeter, CountsWholeSeconds) {
+  cue::RateMeter meter;
+  EXPECT_EQ(meter.last_second(0), 0U);
+  for (std::int64_t at = 0; at < 3 * kSecond; at += kSecond / 10) meter.add(at);
+  meter.add(3 * kSecond);
+  EXPECT_EQ(meter.last_second(kSecond - 1), 0U);
+  EXPECT_EQ(meter.last_second(kSecond), 10U);
+  EXPECT_EQ(meter.last_second(3 * kSecond - 1), 10U);
+  EXPECT_EQ(meter.last_second(3 * kSecond), 10U);
+  EXPECT_EQ(meter.last_second(4 * kSecond), 1U);
+  EXPECT_EQ(meter.last_second(5 * kSecond), 0U);
+}
+
+TEST(RateMeter, CountsWhatComesLateInItsSecond) {
+  cue::RateMeter meter;
+  meter.add(2 * kSecond);
+  meter.add(2 * kSecond - 1);
+  meter.add(0);
+  EXPECT_EQ(meter.last_second(2 * kSecond), 1U);
+  EXPECT_EQ(meter.last_second(kSecond), 1U);
+  meter.add(4 * kSecond);
+  meter.add(0);  // too late
+  EXPECT_EQ(meter.last_second(kSecond), 0U);
+}
+
+TEST(RateMeter, ForgetsASecondWhenItsPlaceIsTakenAgain) {
+  for (const std::int64_t pause : {1, 2, 3, 4, 5, 1'000'000}) {
+    cue::RateMeter meter;
+    meter.add(10 * kSecond);
+    meter.add((10 + pause) * kSecond);
+    EXPECT_EQ(meter.last_second((11 + pause) * kSecond), 1U) << pause;
+    EXPECT_EQ(meter.last_second((10 + pause) * kSecond), pause == 1 ? 1U : 0U) << pause;
+  }
+}
+
+TEST(JitterMeter, IsTheMeanDeviationOfTheIntervals) {
+  cue::JitterMeter even;
+  EXPECT_EQ(even.jitter(), 0);
+  for (int i = 0; i < 100; ++i) even.add(22'727'272);
+  EXPECT_EQ(even.jitter(), 0);
+
+  cue::JitterMeter uneven;
+  uneven.add(10);
+  EXPECT_EQ(uneven.jitter(), 0);
+  for (int i = 0; i < 1000; ++i) {
+    uneven.add(20);
+    uneven.add(10);
+  }
+  EXPECT_NEAR(uneven.jitter(), 5, 0.5);
+}
+
+TEST(JitterMeter, ForgetsAPause) {
+  cue::JitterMeter meter;
+  for (int i = 0; i < 20; ++i) meter.add(25'000'000);
+  meter.add(3600 * kSecond);
+  for (int i = 0; i < 1000; ++i) meter.add(25'000'000);
+  EXPECT_LT(meter.jitter(), 1000);
+}
+
+}  // namespace
