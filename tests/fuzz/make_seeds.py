@@ -258,6 +258,38 @@ CAPTURES = {
 }
 
 
+def traffic_raw(*payloads):
+    """Datagrams of 10.0.0.1 and others, 25 ms after each other, and a look at the figures."""
+    return b"".join(b"\0\x19" + struct.pack("<H", len(each)) + each + b"\1" for each in payloads) + b"\5\0"
+
+
+def traffic_dmx(universe, sequence, pause=25, sender=1):
+    return bytes([1, pause, universe, sequence, 4, 0, 4, 1, 2, 3, 255, sender])
+
+
+def traffic_sacn(cid, sequence, priority=100, options=0):
+    return bytes([2, 25, cid, 4]) + b"desk" + bytes([priority, 0, sequence, options, 200, 0, 255, 1])
+
+
+TRAFFIC = {
+    "packets": traffic_raw(DMX, SHORT_DMX, art_poll(), REPLY, header(0x5200), TRIGGER, *SACN, b"junk", b"Art-Net"),
+    "counted": b"".join(traffic_dmx(1, number) for number in (254, 255, 1, 2, 5, 4, 6)) + b"\5\0",
+    "from_zero": b"".join(traffic_dmx(1, number) for number in (254, 255, 0, 1, 2, 3)) + b"\5\0",
+    "shared": b"".join(traffic_dmx(i % 3, 1 + i, 8) for i in range(60)) + b"\5\0",
+    "two_senders": b"".join(traffic_dmx(1, 1 + i, 10, 1 + i % 2) for i in range(40)) + b"\5\0",
+    "two_counts": b"".join(traffic_dmx(1, 1 + i // 2 + i % 2 * 128, 10) for i in range(60)) + b"\5\0",
+    "sacn": b"".join(traffic_sacn(i % 2, 250 + i // 2, 100 + i % 4 // 3) for i in range(10)) + b"\5\0",
+    "sacn_not_live": b"".join(traffic_sacn(0, number, 100, (0, 7, 201, 6)[number]) for number in range(4)) + b"\5\0",
+    "names": b"".join(
+        b"\3\0\1" + name.ljust(18, b"\0") + b"\0\1" for name in (b"Dimmer \xe4", b"\x1b[2J", b"\xe2\x80\xae")
+    ) + traffic_dmx(0, 1) + b"\5\0",
+    "flood": b"\4\0\x87\x13\1\0" * 3 + b"\5\0",
+    "times": b"".join(
+        bytes([1, jump, bound]) + traffic_dmx(1, 1)[2:] for jump in (128, 240, 250) for bound in range(14)
+    ) + b"\5\0",
+}
+
+
 def captured(path):
     content, datagrams = path.read_bytes(), []
     while content:
@@ -277,6 +309,7 @@ def main():
         "capture": {name: b"\0" + content for name, content in CAPTURES.items()},
         "fseq": FSEQ,
         "ola_show": OLA_SHOWS,
+        "traffic": TRAFFIC,
         "relay": {name: struct.pack("<H", maker) + datagram for name, (maker, datagram) in RELAYS.items()},
     }
     for name, datagrams in captures.items():

@@ -117,6 +117,28 @@ TEST_F(Frames, CountsHeadersThatDoNotHold) {
   EXPECT_EQ(decoder.counts().broken, ++broken);
 }
 
+TEST_F(Frames, TellsWhetherTheFrameWentToMany) {
+  const std::string packet = ip("hello");
+  const auto to_many = [&](int link_type, const std::string& header) {
+    EXPECT_EQ(decode(link_type, header + packet), "hello");
+    return found->to_many;
+  };
+  const std::string rest = std::string(11, '\2') + high_first(0x0800);
+  EXPECT_TRUE(to_many(1, "\xFF" + rest));
+  EXPECT_TRUE(to_many(1, "\x01" + rest));
+  EXPECT_FALSE(to_many(1, "\x02" + rest));
+  const std::vector<bool> many = {false, true, true, false, false};
+  for (unsigned kind = 0; kind < many.size(); ++kind) {
+    EXPECT_EQ(to_many(113, high_first(kind) + std::string(12, '\0') + high_first(0x0800)), many[kind])
+        << kind;
+    EXPECT_EQ(
+        to_many(276, high_first(0x0800) + std::string(8, '\0') + packets::byte(kind) + std::string(9, '\0')),
+        many[kind])
+        << kind;
+  }
+  EXPECT_FALSE(to_many(101, ""));
+}
+
 TEST_F(Frames, MarksADatagramThatTheCaptureCutOff) {
   EXPECT_EQ(decode(101, ip("hello").substr(0, 30)), "he");
   EXPECT_TRUE(found->cut);

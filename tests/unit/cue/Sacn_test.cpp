@@ -78,7 +78,8 @@ TEST(SacnBuilder, RefusesWhatE131CannotSay) {
 
 TEST(SacnParser, ReadsEveryFieldOfADataPacket) {
   sacn::Data sent{"levels", 0x1234, 200, 77, 0x80, 0xDD, 9, "0123456789abcdef"};
-  cue::SacnPacket packet = parse(sacn::data(sent));
+  const std::string bytes = sacn::data(sent);
+  cue::SacnPacket packet = parse(bytes);
   EXPECT_EQ(packet.kind, SacnKind::Data);
   EXPECT_EQ(std::string(packet.cid.begin(), packet.cid.end()), sent.cid);
   EXPECT_EQ(packet.data.universe, 0x1234);
@@ -89,6 +90,13 @@ TEST(SacnParser, ReadsEveryFieldOfADataPacket) {
   EXPECT_TRUE(packet.data.preview);
   EXPECT_FALSE(packet.data.terminated);
   EXPECT_EQ(packet.data.slots.size, 6U);
+  EXPECT_EQ(text_of(packet.data.name), "desk");
+  const std::string long_name(64, 'n');
+  sent.name = long_name;
+  const std::string with_long_name = sacn::data(sent);
+  EXPECT_EQ(text_of(parse(with_long_name).data.name), long_name);
+  sent.name = "";
+  EXPECT_EQ(parse(sacn::data(sent)).data.name.size, 0U);
 
   const std::string with_tail = sacn::data({"levels", 1, 0, 100, 0x40}) + "padding";
   packet = parse(with_tail);
