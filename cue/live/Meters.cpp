@@ -8,22 +8,25 @@
 namespace cue {
 
 std::int64_t LiveClock::at(std::int64_t time) {
+  const std::int64_t now = look(time);
+  const bool is_disorder = begun && now < latest;
+  if (is_disorder) return now;
+  begun = true;
+  latest_given = time;
+  latest = now;
+  return now;
+}
+
+std::int64_t LiveClock::look(std::int64_t time) const {
   constexpr std::int64_t kDisorder = kSecond;
   constexpr std::int64_t kLongest = 120 * kSecond;
+  // So that what comes out of order after the first one is not before 0.
+  if (!begun) return kDisorder;
   std::int64_t step = 0;
-  if (!begun) {
-    begun = true;
-    latest_given = time;
-    // So that what comes out of order after the first one is not before 0.
-    latest = kDisorder;
-    return latest;
-  }
-  const bool too_far = __builtin_sub_overflow(time, latest_given, &step);
-  if (!too_far && step < 0 && step >= -kDisorder) return latest + step;
-  const bool is_later = time > latest_given;
-  latest_given = time;
-  if (is_later) latest += too_far ? kLongest : std::min(step, kLongest);
-  return latest;
+  if (__builtin_sub_overflow(time, latest_given, &step))
+    return time > latest_given ? latest + kLongest : latest;
+  if (step < -kDisorder) return latest;
+  return latest + std::min(step, kLongest);
 }
 
 void RateMeter::add(std::int64_t time) {

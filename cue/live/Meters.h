@@ -15,6 +15,9 @@ public:
   /// @param time  ns, any number. @return ns, 0 or more
   std::int64_t at(std::int64_t time);
 
+  /// The same without a step of the clock, which what is given next may lie before.
+  std::int64_t look(std::int64_t time) const;
+
 private:
   bool begun = false;
   std::int64_t latest_given = 0;

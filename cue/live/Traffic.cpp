@@ -397,7 +397,7 @@ void mark_contested(std::vector<StreamFigures>& streams) {
 }  // namespace
 
 TrafficFigures Traffic::Parts::figures(std::int64_t now) {
-  now = clock.at(now);
+  now = clock.look(now);
   forget(now);
   sharing = sharing_universes();
   TrafficFigures all;

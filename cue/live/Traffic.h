@@ -111,11 +111,11 @@ public:
   Traffic(Traffic&&) = delete;
   Traffic& operator=(Traffic&&) = delete;
 
-  /// @param time  ns on one clock, that of figures(). It may lie up to a second before a time that was given
-  ///              already; where it lies further back, the clock was set, and it counts on from there.
+  /// @param time  ns on one clock, that of figures(). It may lie up to a second before that of a datagram
+  ///              before; where it lies further back, the clock was set, and time counts on from there.
   void add(const UdpDatagram& datagram, std::int64_t time);
 
-  /// @param now  ns
+  /// @param now  ns; what is added later may lie before it
   TrafficFigures figures(std::int64_t now);
 
 private:

@@ -34,6 +34,16 @@ TEST(LiveClock, CountsOnFromATimeThatWasSetBack) {
   EXPECT_EQ(clock.at(5), start + 5);
 }
 
+TEST(LiveClock, CanBeLookedAtWithoutAStep) {
+  cue::LiveClock clock;
+  const std::int64_t start = clock.at(0);
+  EXPECT_EQ(clock.look(10 * kSecond), start + 10 * kSecond);
+  EXPECT_EQ(clock.look(-kSecond), start - kSecond);
+  EXPECT_EQ(clock.look(-2 * kSecond), start);
+  EXPECT_EQ(clock.look(3600 * kSecond), start + 120 * kSecond);
+  EXPECT_EQ(clock.at(5 * kSecond), start + 5 * kSecond);
+}
+
 TEST(LiveClock, StaysInItsBoundsWhateverItIsGiven) {
   constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
   constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();

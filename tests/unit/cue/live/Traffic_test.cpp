@@ -476,6 +476,16 @@ TEST_F(Traffic, GoesOnWhenTheClockIsSet) {
   }
 }
 
+TEST_F(Traffic, TakesWhatComesLaterThanALookAtTheFigures) {
+  for (int i = 0; i < 200; ++i) {
+    send(dmx("x"));
+    traffic.figures(now + 10 * kSecond);
+    now += 25 * kMillisecond;
+  }
+  EXPECT_EQ(stream().rate, 40);
+  EXPECT_EQ(stream().jitter, 0);
+}
+
 TEST_F(Traffic, StandsAnyTime) {
   using Limits = std::numeric_limits<std::int64_t>;
   unsigned number = 0;
