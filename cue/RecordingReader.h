@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cue/DatagramBounds.h"
 #include "cue/Input.h"
 
 namespace cue {
@@ -47,6 +48,13 @@ public:
   // Small enough to stay in the processor's cache between the read and the walk.
   static constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
 
+  /// From now on the file grows: the source delivers 0 when it has nothing now. next() and resume() return
+  /// false while more bytes could change what they say, and are called again.
+  void follow() { growing = true; }
+
+  /// The file does not grow any more.
+  void finish() { growing = false; }
+
   /// The next datagram. @return false at the end of the file and at damage
   /// @throws CueError when the file cannot be read
   bool next(Record& record);
@@ -72,6 +80,8 @@ private:
   std::uint64_t position() const { return base + begin; }
 
   void fill();
+  bool undecided() const;
+  bool can_change(const DatagramBounds& bounds) const;
   void skip(std::size_t size);
   void pass_delay();
   bool pause_counts(std::int64_t pause) const;
@@ -79,11 +89,11 @@ private:
   bool take_simple(Record& record);
   bool take(Record& record);
   void deliver(Record& record, std::size_t size);
-  void judge_delay(const Record& record);
+  void note_delay(const Record& record);
   void damaged_after(const Record& record, std::uint64_t offset, std::string what);
   bool find_good();
   bool find_identifier();
-  std::size_t take_up(bool after_delay);
+  std::size_t take_up(bool behind_damaged_delay);
   bool broken(std::string what);
 
   Source source;
@@ -93,15 +103,18 @@ private:
   std::size_t end = 0;
   std::uint64_t base = 0;             // offset in the file of the buffer's first byte
   std::uint64_t good_end = 0;         // of the last record in the file
+  bool growing = false;               // more may come when the source has nothing now
   bool at_end = false;                // the source has no more
   bool first = true;                  // no record has been delivered
   bool before_delay = false;          // a delay record follows the last record
+  bool after_delay = false;           // a delay record ends at `begin`
   std::size_t delivered = 0;          // size of the last record, which is at `begin`
   std::int64_t time = 0;              // at `begin`
   std::int64_t last_time = 0;         // of the last record
   std::optional<Damage> next_damage;  // after the last record
   std::optional<Damage> found_damage;
-  std::uint64_t lost = 0;  // see lost_bytes()
+  std::uint64_t search_from = 0;  // after damage: a delay record can begin here
+  std::uint64_t lost = 0;         // see lost_bytes()
 };
 
 }  // namespace cue

@@ -8,11 +8,15 @@
 
 namespace cue {
 
-/// Reads a recording while it is written: each datagram as soon as the file shows where it ends. Constant
-/// memory.
+/// Reads a recording while it is written. Constant memory.
+///
+/// A datagram is delivered when the delay record after it is in the file, so that the last one waits for the
+/// next or for finish(). Where there is damage, it waits until 16 KiB follow. In the end all that
+/// RecordingReader reads has been delivered, with the same bytes, pauses, times and offsets.
 class Follower {
 public:
-  /// From the front. @throws CueError when the file cannot be opened, or is no regular file
+  /// From the front. @throws CueError when the file cannot be opened, or is no regular file, or one of
+  /// another program (foreign_kind())
   explicit Follower(const std::string& path);
   ~Follower();
   Follower(const Follower&) = delete;
@@ -31,10 +35,14 @@ public:
   /// Bytes of the file by now.
   std::uint64_t size() const;
 
-  /// Bytes that belong to no good record so far.
+  /// Places so far where the file is damaged; without one it is whole.
+  std::uint64_t damages() const;
+
+  /// Bytes that belong to no good record so far; can be 0 at damage (RecordingReader::lost_bytes()).
   std::uint64_t damaged_bytes() const;
 
-  /// Whether the path has another file now, none, or this one was emptied: a new Follower is wanted.
+  /// Whether the path has another file now, none, or this one was emptied and perhaps written again: a new
+  /// Follower is wanted. Makes three system calls.
   bool is_replaced() const;
 
 private:
