@@ -290,6 +290,25 @@ TRAFFIC = {
 }
 
 
+def portions(content, seed=1, largest=40):
+    return struct.pack("<HH", seed, largest - 1) + content
+
+
+FULL = art_dmx(0, bytes(range(256)) * 2)
+
+GROWING = {
+    "lone_universe": portions(oem_vfps_ns(5).join([SHORT_DMX] * 4), largest=18),
+    "full_frames": portions(oem_vfps_ns(22_727_272).join([FULL] * 6), largest=600),
+    "padding": portions(oem_vfps_ns(1).join([SHORT_DMX + b"\0", SHORT_DMX.ljust(530, b"x"), SHORT_DMX + bytes(3)])),
+    "several_packets": portions(oem_vfps_ns(1).join([SHORT_DMX * 2, art_poll() + SHORT_DMX, SHORT_DMX + REPLY])),
+    "delay_in_slots": portions(oem_vfps_ns(3).join([art_dmx(0, oem_vfps_ns(5) + SHORT_DMX)] * 3), largest=1),
+    "damage": portions(SHORT_DMX + b"x" + oem_vfps_ns(2) + SHORT_DMX + oem_vfps_ns(-2) + FULL + bytes(9) + FULL),
+    "garbage": portions(SHORT_DMX + bytes(20_000) + oem_vfps_ns(2) + SHORT_DMX + oem_vfps_ns(2) + SHORT_DMX, largest=5000),
+    "cut_off": portions(SHORT_DMX + oem_vfps_ns(2)),
+    "empty": b"",
+}
+
+
 def captured(path):
     content, datagrams = path.read_bytes(), []
     while content:
@@ -306,6 +325,7 @@ def main():
         "parser": {name: parser_input(each) for name, each in {**STREAMS, **captures}.items()},
         "receive": {name: b"\x01" + steps for name, steps in SERVICE.items()},
         "brand": {name: text.encode() for name, text in BRANDS.items()},
+        "follower": GROWING,
         "capture": {name: b"\0" + content for name, content in CAPTURES.items()},
         "fseq": FSEQ,
         "ola_show": OLA_SHOWS,
