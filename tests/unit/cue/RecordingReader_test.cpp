@@ -422,6 +422,20 @@ TEST(RecordingReader, TakesNoArtDmxOutOfTheSlotsOfADamagedOne) {
   EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}, {kDmx, 11}}));
 }
 
+TEST(RecordingReader, TakesNoDamagedDelayRecordOutOfWhatIsBeforeTheDamage) {
+  // Identifier and OpCode of a delay record begin in good bytes, and an ArtDmx is where its pause would end.
+  const std::string header = delay(0).substr(0, 10);
+  const std::string broken = kDmx + "this is no end of a datagram";
+  const std::string in_slots = dmx(header) + std::string(8, 'x') + broken;
+  Reading reading = read_whole(in_slots);
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{dmx(header), 0}}));
+
+  const std::int64_t identifier = 0x0000'654E'2D74'7241;  // "Art-Ne", and two bytes that differ
+  const std::string in_pause = kDmx + delay(identifier) + header.substr(8) + std::string(8, 'x') + broken;
+  reading = read_whole(in_pause);
+  EXPECT_EQ(reading.datagrams, (std::vector<Datagram>{{kDmx, 0}}));
+}
+
 TEST(RecordingReader, CountsTheBytesThatAreLost) {
   std::string broken = kDmx;
   broken[0] = 'a';

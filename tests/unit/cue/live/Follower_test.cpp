@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -284,6 +285,13 @@ TEST(Follower, SeesThatItsFileIsEmptied) {
   recording.directory.write("show.cue", kDmx);
   EXPECT_TRUE(recording.follower->is_replaced());
   EXPECT_EQ(recording.grow(""), 0U);
+}
+
+TEST(Follower, SeesThatItsFileIsCutOff) {
+  Recording recording(kDmx + std::string(20000, 'x'));
+  recording.grow("");
+  ASSERT_EQ(truncate(recording.path.c_str(), 10000), 0);
+  EXPECT_TRUE(recording.follower->is_replaced());
 }
 
 TEST(Follower, SeesThatItsFileIsEmptiedAndHasGrownAgain) {
