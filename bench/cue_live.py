@@ -159,7 +159,7 @@ def last_object(path):
 def counted(path):
     """ArtDmx packets that top counted, and what it says was lost."""
     last = last_object(path)
-    return last["kinds"]["art_dmx"]["packets"], last["lost"]
+    return last["packets"]["art_dmx"]["packets"], last["lost"]
 
 
 def top_once(service, settings, view, universes, evenly):
@@ -171,7 +171,7 @@ def top_once(service, settings, view, universes, evenly):
         arguments.append("--json")
     if view == "prom":
         output = open(settings.scratch / "top.out", "wb")  # noqa: SIM115  closed below
-        arguments += ["--prom", service.site.inside("top.prom"), "--every", "1s"]
+        arguments += ["--prom", service.site.inside("top.prom"), "--every", "1"]
     cue = Cue(service, settings.cue, *arguments, output=output)
     wait_for(lambda: captures(cue.process.pid) or cue.process.poll() is not None, "top to listen", DEADLINE)
     load = Load(service, universes, settings.seconds, evenly)
