@@ -24,6 +24,10 @@
 
 namespace {
 
+// For what(1), and for kadrel-cue, which reads the version of a running kadrel in its program.
+[[gnu::used]] constexpr char kWhat[] = "@(#)kadrel " KADREL_VERSION;
+constexpr const char* kVersion = &kWhat[sizeof kWhat - sizeof KADREL_VERSION];
+
 // Self-pipe: signals go in at [1], the event loop reads [0].
 int signal_pipe[2] = {-1, -1};
 
@@ -149,7 +153,7 @@ int main(int argc, char** argv) {
     QCoreApplication::exit(0);
   });
   const Settings settings = configure();
-  KESTO_LOG(1, "Kadrel Version: %s", KADREL_VERSION);
+  KESTO_LOG(1, "Kadrel Version: %s", kVersion);
   for (const std::string& warning : settings.warnings) KESTO_LOG(-1, "%s", warning.c_str());
   try {
     return serve(static_cast<int>(strtol(port_text, nullptr, 10)), settings);
