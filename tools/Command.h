@@ -36,5 +36,6 @@ std::unique_ptr<Command> make_join();
 std::unique_ptr<Command> make_export();
 std::unique_ptr<Command> make_import();
 std::unique_ptr<Command> make_plot();
+std::unique_ptr<Command> make_record();
 
 }  // namespace kadrel_cue

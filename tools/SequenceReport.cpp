@@ -13,8 +13,9 @@ constexpr std::size_t kMostLines = 32;
 
 using Universes = std::vector<int>;  // counted from 1, in order
 
-/// "universe 3", "universes 1-4,7".
-std::string name_of(const Universes& universes) {
+}  // namespace
+
+std::string universe_list(const std::vector<int>& universes) {
   std::string text = universes.size() == 1 ? "universe " : "universes ";
   for (std::size_t at = 0; at < universes.size();) {
     std::size_t last = at;
@@ -26,8 +27,6 @@ std::string name_of(const Universes& universes) {
   }
   return text;
 }
-
-}  // namespace
 
 std::vector<std::string> sequence_report(const cue::RecordingInfo& info) {
   std::vector<std::pair<Universes, std::string>> groups;  // in the order of their first universe
@@ -43,7 +42,7 @@ std::vector<std::string> sequence_report(const cue::RecordingInfo& info) {
   std::size_t left_out = 0;
   for (const auto& [universes, text] : groups) {
     if (lines.size() < kMostLines)
-      lines.push_back(name_of(universes) + ": " + text);
+      lines.push_back(universe_list(universes) + ": " + text);
     else
       left_out += universes.size();
   }
