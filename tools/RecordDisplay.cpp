@@ -1,6 +1,5 @@
 #include "tools/RecordDisplay.h"
 
-#include "cue/Time.h"
 #include "tools/Terminal.h"
 
 namespace kadrel_cue {
@@ -26,7 +25,7 @@ void RecordDisplay::show(const RecordLine& line) {
   if (live) write_line(line_text(line, terminal_columns() - 1));
 }
 
-void RecordDisplay::show_waiting(const std::string& what, double seconds) {
+void RecordDisplay::show_waiting(double seconds) {
   if (seconds < kQuiet) {
     waited = 0;
     return;
@@ -35,10 +34,12 @@ void RecordDisplay::show_waiting(const std::string& what, double seconds) {
   if (whole == waited) return;
   const bool first = waited == 0;
   waited = whole;
+  const std::string words =
+      "kadrel does not answer for " + std::to_string(whole) + " s (its disk may stand still)";
   if (live)
-    write_line(what + " for " + cue::clock_text(whole * cue::kSecond, 0));
+    write_line(words);
   else if (first)
-    say(what + " for " + std::to_string(whole) + " s; still waiting");
+    say(words + "; still waiting");
 }
 
 void RecordDisplay::finish() {

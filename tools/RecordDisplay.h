@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <ostream>
 #include <string>
 
@@ -22,9 +21,8 @@ public:
   void show(const RecordLine& line);
 
   /// A call waits for the service: shown every second, or said once, when that takes long.
-  /// @param what     what is waited for, "kadrel does not answer"
   /// @param seconds  so far
-  void show_waiting(const std::string& what, double seconds);
+  void show_waiting(double seconds);
 
   /// Leaves the live line as it stands.
   void finish();

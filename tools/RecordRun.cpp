@@ -470,11 +470,10 @@ bool judge(const RecordOptions& options, const std::string& path, std::ostream& 
 struct Patience {
   RecordDisplay* display = nullptr;
   const std::atomic<bool>* stop = nullptr;  // set as long as nothing has been asked that must be known of
-  const char* what = "kadrel does not answer";
 
   void wait(double seconds) const {
     if (stop != nullptr && *stop) throw cue::CueError("stopped before the recording began");
-    if (display != nullptr) display->show_waiting(what, seconds);
+    if (display != nullptr) display->show_waiting(seconds);
   }
 };
 
