@@ -103,7 +103,9 @@ std::string line_text(const RecordLine& line, std::size_t columns) {
   if (line.phase != RecordLine::Phase::Armed) {
     text += "  " + cue::counted(line.universes, "universe") + "  " + std::to_string(line.rate) + "/s  " +
             size_text(line.bytes);
-    if (line.phase == RecordLine::Phase::Recording) text += "  lost " + std::to_string(line.lost);
+  }
+  if (line.phase == RecordLine::Phase::Recording) {
+    text += "  lost " + std::to_string(line.lost);
     if (line.dropped > 0) text += "  dropped " + std::to_string(line.dropped);
     if (line.silence && line.unchanged)
       text += "  still " + cue::clock_text(*line.unchanged, 0) + " of " + cue::clock_text(*line.silence, 0);

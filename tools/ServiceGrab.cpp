@@ -36,8 +36,8 @@ void ServiceGrab::check_idle(ServiceClient& client) {
                       "; it goes on, and nothing was touched");
 }
 
-ServiceGrab::ServiceGrab(ServiceClient& of, const ReservedFile& file)
-    : client(of), ended_before(client.latest_grab()) {
+ServiceGrab::ServiceGrab(ServiceClient& asked, const ReservedFile& file)
+    : client(asked), ended_before(client.latest_grab()) {
   service = client.process();
   if (service) port = look_at_service(*service).port;
   note_drops();

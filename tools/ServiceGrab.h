@@ -24,9 +24,9 @@ public:
   /// @throws cue::CueError when the service does not answer or is busy; nothing is touched then
   static void check_idle(ServiceClient& client);
 
-  /// Begins. @param client, file  outlive it
+  /// Begins. @param asked, file  outlive it
   /// @throws cue::CueError when the service is busy or cannot write the file; nothing is recorded then
-  ServiceGrab(ServiceClient& client, const ReservedFile& file);
+  ServiceGrab(ServiceClient& asked, const ReservedFile& file);
 
   /// Asks how it is.
   Standing look();

@@ -73,8 +73,8 @@ TEST(RecordWords, SizesHaveUnits) {
 TEST(RecordWords, UniversesThatDoNotComeAreFound) {
   cue::UniverseSet wanted;
   cue::UniverseSet present;
-  for (const std::uint16_t number : {0, 1, 7, 65535}) wanted.insert(number);
-  for (const std::uint16_t number : {1, 2}) present.insert(number);
+  for (const unsigned number : {0U, 1U, 7U, 65535U}) wanted.insert(static_cast<std::uint16_t>(number));
+  for (const unsigned number : {1U, 2U}) present.insert(static_cast<std::uint16_t>(number));
   EXPECT_EQ(kadrel_cue::missing_universes(wanted, present), (std::vector<int>{1, 8, 65536}));
   EXPECT_TRUE(kadrel_cue::missing_universes(present, present).empty());
 }
