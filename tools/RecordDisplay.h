@@ -14,6 +14,11 @@ class RecordDisplay {
 public:
   /// @param on_terminal  show the live line
   RecordDisplay(std::ostream& errors, bool on_terminal) : err(errors), live(on_terminal) {}
+  ~RecordDisplay() { finish(); }
+  RecordDisplay(const RecordDisplay&) = delete;
+  RecordDisplay& operator=(const RecordDisplay&) = delete;
+  RecordDisplay(RecordDisplay&&) = delete;
+  RecordDisplay& operator=(RecordDisplay&&) = delete;
 
   /// A line of its own, above the live line.
   void say(const std::string& words);

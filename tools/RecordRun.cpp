@@ -54,6 +54,7 @@ constexpr auto kLate = milliseconds(1500);
 
 // The service writes what has waited for a second.
 constexpr auto kStandstill = std::chrono::seconds(5);
+constexpr auto kDropsPeriod = std::chrono::seconds(2);
 
 // A disk with less than this takes no portion of the service any more.
 constexpr std::uint64_t kFull = 64UL << 10;
@@ -188,6 +189,7 @@ private:
   Clock::time_point begun;                 // the recording, at the service
   std::optional<Clock::time_point> first;  // datagram of the recording
   Clock::time_point next_look;
+  Clock::time_point drops_noted;
 };
 
 void Run::begin() {
@@ -277,7 +279,12 @@ void Run::look(Clock::time_point now) {
 void Run::look_at_service(Clock::time_point now) {
   note_standing(part.grab->look());
   if (ended) return;
-  if (waiting || !first) part.grab->note_drops();
+  // Drops before the first datagram do not count. A change shows in the file up to a second late.
+  const bool armed = part.grab->state() == ServiceClient::State::Armed;
+  if (armed || (waiting && now - drops_noted >= kDropsPeriod)) {
+    drops_noted = now;
+    part.grab->note_drops();
+  }
   // The service has begun another recording between two looks, when this one does not grow.
   if (size == 0 || checked_standstill || now - grown < kStandstill) return;
   checked_standstill = true;

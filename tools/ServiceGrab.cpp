@@ -40,7 +40,7 @@ ServiceGrab::ServiceGrab(ServiceClient& asked, const ReservedFile& file)
     : client(asked), ended_before(client.latest_grab()) {
   service = client.process();
   if (service) port = look_at_service(*service).port;
-  note_drops();
+  drops_before = drops_noted = socket_drops();
   client.grab(file.path());
   latest_state = client.status();
   if (!file.was_emptied()) refuse(file);

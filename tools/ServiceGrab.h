@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tools/ReservedFile.h"
 #include "tools/ServiceClient.h"
@@ -41,12 +42,12 @@ public:
   /// @return Ours: stopped; or how it had ended before
   Standing stop();
 
-  /// Datagrams that the service's socket has dropped since note_drops(); nothing where the kernel does not
+  /// Datagrams that the service's socket has dropped, see note_drops(); nothing where the kernel does not
   /// tell.
   std::optional<std::uint64_t> drops() const;
 
-  /// What has been dropped until now does not count.
-  void note_drops() { drops_before = socket_drops(); }
+  /// What had been dropped at the call before does not count.
+  void note_drops() { drops_before = std::exchange(drops_noted, socket_drops()); }
 
 private:
   std::optional<std::uint64_t> socket_drops() const;
@@ -58,6 +59,7 @@ private:
   std::string ended_before;  // the latest recording that had ended
   ServiceClient::State latest_state = ServiceClient::State::Off;
   std::optional<std::uint64_t> drops_before;
+  std::optional<std::uint64_t> drops_noted;
 };
 
 }  // namespace kadrel_cue

@@ -14,6 +14,7 @@ from harness.artnet import art_dmx, dmx_data, slots
 from harness.faults import FILE
 from harness.sanitizers import environment
 from test_cue_play_keys import Terminal
+from test_kernel_drops import FLOOD, overflow
 
 CONTROL_UNIVERSE, CHANNEL, THRESHOLD = 4, 5, 128
 ENDED = "kadrel-cue: the recording was ended by the record channel, or by another program\n"
@@ -139,6 +140,19 @@ def test_a_relative_path_begins_where_the_tool_runs(service, record, folder):
     code, _, errors = record.stop(process)
     assert (code, errors) == (0, INTO.format(f"{folder}/act.cue"))
     assert os.listdir(folder) == ["act.cue"]
+
+
+def test_datagrams_that_the_socket_of_the_service_drops_are_a_failure(service, record, folder):
+    path = f"{folder}/act.cue"
+    process = record.begin(path)
+    service.feed([art_dmx(0, bytes(512))])  # of a sender that does not count
+    dropped = overflow(service, lambda: service.world.console.send(*[art_dmx(0, bytes(512))] * FLOOD))
+    service.settle()
+    code, out, errors = record.stop(process)
+    assert code == 1
+    assert errors == (INTO.format(path) + f"kadrel-cue: {dropped} datagrams dropped by the socket of kadrel: its receive "
+                      "buffer was full\n" + NOT_WHOLE.format(path))
+    assert f"{path}: whole" in out
 
 
 # ---- names ----
