@@ -84,7 +84,6 @@ bool Dump::may_wait(std::size_t waiting) {
 
 void Dump::take_concluded_grabs() {
   for (ConcludedGrab& grab : writer->take_concluded()) {
-    latest_grab_summary = std::move(grab.summary);
     if (grab.recovered_at_end) KESTO_LOG(-1, "[Dump::finalize_grabbing] File takes data again (dropped:0)");
     if (grab.dropped_at_end > 0) {
       KESTO_LOG(-1, "[Dump::finalize_grabbing] File took no data at the end (dropped:%llu)",
@@ -96,7 +95,15 @@ void Dump::take_concluded_grabs() {
           static_cast<unsigned long long>(grab.losses.kernel),
           static_cast<unsigned long long>(grab.losses.writer),
           static_cast<long long>(grab.losses.began / kMillisecond));
+    } else {
+      const long long milliseconds = grab.length / kMillisecond;
+      KESTO_LOG(3,
+                "[Dump::finalize_grabbing] Recording lost nothing (universes:%zu, datagrams:%lld, "
+                "duration:%lld.%03lld s)",
+                grab.summary.universes.size(), static_cast<long long>(grab.datagrams), milliseconds / 1000,
+                milliseconds % 1000);
     }
+    latest_grab_summary = std::move(grab.summary);
   }
 }
 

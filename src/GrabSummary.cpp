@@ -31,10 +31,14 @@ ConcludedGrab conclude(GrabFigures figures, const ClosedFile& file) {
   grab.dropped_at_end = figures.dropped + file.given_up;
   grab.recovered_at_end = figures.waits && grab.dropped_at_end == 0;
   grab.losses = figures.losses;
+  grab.datagrams = figures.packet_count;
+  grab.length = figures.length;
   if (file.given_up > 0) {
     // These may be older than what was dropped when there was no room left.
     grab.losses.note(0, file.given_up, figures.length - file.given_up_pauses);
     const qint64 kept = figures.packet_count - static_cast<qint64>(file.given_up);
+    grab.datagrams = kept;
+    grab.length -= file.given_up_pauses;
     figures.universe_ceiling = -1;
     for (const FirstRecord& first : figures.first_records) {
       if (first.number > kept)

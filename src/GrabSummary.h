@@ -35,12 +35,12 @@ struct GrabLosses {
 /// A universe, and how many records were kept when its first one was, itself included.
 struct FirstRecord {
   qint32 universe;
-  qint32 number;
+  qint64 number;
 };
 
 /// The figures of a recording, without dropped datagrams.
 struct GrabFigures {
-  qint32 packet_count = 0;
+  qint64 packet_count = 0;
   qint32 universe_ceiling = -1;
   std::unordered_set<qint32> universes;
   std::vector<FirstRecord> first_records;  // one for each of them
@@ -61,6 +61,8 @@ struct ClosedFile {
 /// A recording that is complete in its file.
 struct ConcludedGrab {
   GrabSummary summary;
+  qint64 datagrams = 0;
+  qint64 length = 0;              // ns from the first of them to the last
   quint64 dropped_at_end = 0;     // datagrams
   bool recovered_at_end = false;  // the file took all that had waited
   GrabLosses losses;

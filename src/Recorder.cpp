@@ -44,7 +44,7 @@ void Recorder::record(const kesto::net::Datagram& datagram, Verdict& verdict) {
   verdict.recorded = true;
   prev_rx_time = rx_time;
   grab_max_universe = std::max(grab_max_universe, universe);
-  if (grab_packet_count < std::numeric_limits<qint32>::max()) ++grab_packet_count;
+  ++grab_packet_count;
   if (!grab_universe_noted.test(static_cast<std::size_t>(universe))) {
     grab_universe_noted.set(static_cast<std::size_t>(universe));
     grab_universes.insert(universe);
@@ -84,7 +84,7 @@ void Recorder::finalize_grabbing() {
   figures.universe_ceiling = std::exchange(grab_max_universe, -1);
   figures.universes = std::exchange(grab_universes, {});
   figures.first_records = std::exchange(first_records, {});
-  figures.length = prev_rx_time - first_rx_time;
+  figures.length = figures.packet_count > 0 ? prev_rx_time - first_rx_time : 0;
   figures.dropped = std::exchange(dropped, 0);
   figures.waits = std::exchange(outage, Outage::None) != Outage::None;
   figures.losses = std::exchange(losses, {});

@@ -38,6 +38,19 @@ public:
   /// "off", "on" or "run".
   const char* status() const;
 
+  /// The recording so far.
+  struct Progress {
+    GrabState state = Off;
+    qint64 datagrams = 0;
+    std::size_t universes = 0;
+    quint64 lost = 0;      // datagrams, as far as it is known
+    bool refuses = false;  // the file takes no data, and the log has been told
+  };
+  Progress progress() const {
+    return {static_cast<GrabState>(grab_state), grab_packet_count, first_records.size(),
+            losses.kernel + losses.writer, outage != Outage::None};
+  }
+
   /// Records from now on, into the file that the writer has begun. Only while off.
   /// @param by_record_channel  wait for the record channel to be on
   void arm(bool by_record_channel) { grab_state = by_record_channel ? Armed : StartPending; }
@@ -94,7 +107,7 @@ private:
 
   // About the current recording, without dropped datagrams.
   qint64 prev_rx_time = 0;  // the latest, ns on kesto::Clock; kept from one recording to the next
-  qint32 grab_packet_count = 0;
+  qint64 grab_packet_count = 0;
   qint32 grab_max_universe = -1;
   std::unordered_set<qint32> grab_universes;  // 0-based port-addresses
   std::bitset<65536> grab_universe_noted;     // the same set, for a quick look

@@ -16,6 +16,8 @@ from texts import (
     STOP_IDLE,
     grab_text,
     has_ended,
+    lost_nothing,
+    wait_until_complete,
 )
 
 CONTROL_UNIVERSE = 4  # counted from 1
@@ -75,7 +77,8 @@ def test_a_recording_goes_from_off_over_on_and_run_to_off(service, client, cue):
     client.stop()
     assert client.get_status() == "off"
     assert Recording.read(cue).datagrams == MUSIC
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    expected = [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(len(MUSIC), len(MUSIC))]
+    assert service.world.log.entries(lines) == expected
 
 
 def test_asking_for_the_status_logs_nothing(service, client):
@@ -98,7 +101,7 @@ def test_stop_before_the_first_datagram_leaves_an_empty_recording(service, clien
     client.grab(cue)
     client.stop()
     assert client.get_status() == "off"
-    assert service.world.log.entries(lines) == [GRAB, STOP, FINALIZED]
+    assert service.world.log.entries(lines) == [GRAB, STOP, FINALIZED, lost_nothing(0, 0)]
     assert client.latest_grab() == grab_text(cue, True, -1, [])
     assert os.path.getsize(cue) == 0
 
@@ -116,7 +119,8 @@ def test_grab_while_start_pending_or_running_keeps_the_current_file(service, cli
     service.feed(MUSIC[1:])
     client.stop()
     assert service.world.log.entries(lines) == [
-        *(GRAB, GRAB, GRAB_NOT_IDLE, GRABBING_STARTED, GRAB, GRAB_NOT_IDLE, GRAB, GRAB_NOT_IDLE, STOP, FINALIZED)
+        *(GRAB, GRAB, GRAB_NOT_IDLE, GRABBING_STARTED, GRAB, GRAB_NOT_IDLE, GRAB, GRAB_NOT_IDLE, STOP, FINALIZED),
+        lost_nothing(len(MUSIC), len(MUSIC)),
     ]
     assert not os.path.exists(other)
     assert Recording.read(cue).datagrams == MUSIC
@@ -275,7 +279,9 @@ def test_a_value_below_the_threshold_ends_the_running_recording(with_record_chan
     lines = service.world.log.mark()
     client.grab(cue)
     service.feed([ON, *MUSIC, control(value), MUSIC[0]])
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, FINALIZED]
+    wait_until_complete(service.world.log, lines)
+    expected = [GRAB, GRABBING_STARTED, FINALIZED, lost_nothing(len(MUSIC), len(MUSIC))]
+    assert service.world.log.entries(lines) == expected
     assert has_ended(client)
     assert Recording.read(cue).datagrams == MUSIC
 
@@ -286,7 +292,8 @@ def test_a_value_below_the_threshold_before_the_first_datagram_ends_an_empty_rec
     client.grab(cue)
     service.feed([ON, OFF])
     assert client.get_status() == "off"
-    assert service.world.log.entries(lines) == [GRAB, FINALIZED]
+    wait_until_complete(service.world.log, lines)
+    assert service.world.log.entries(lines) == [GRAB, FINALIZED, lost_nothing(0, 0)]
     assert client.latest_grab() == grab_text(cue, True, -1, [])
 
 
@@ -333,7 +340,7 @@ def test_stop_ends_every_state(with_record_channel, client, cue, fed):
     service.feed(fed)
     lines = service.world.log.mark()
     client.stop()
-    assert service.world.log.entries(lines) == [STOP, FINALIZED]
+    assert service.world.log.entries(lines) == [STOP, FINALIZED, lost_nothing(len(fed[1:]), len(fed[1:]))]
     assert client.get_status() == "off"
     assert Recording.read(cue).datagrams == fed[1:]
 

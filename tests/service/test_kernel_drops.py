@@ -4,7 +4,7 @@ import pytest
 from harness import Recording, spin_until
 from harness.artnet import art_dmx
 from harness.show import Show
-from texts import FINALIZED, GRAB, GRABBING_STARTED, STOP, has_ended, losses, without_losses
+from texts import FINALIZED, GRAB, GRABBING_STARTED, STOP, has_ended, losses, lost_nothing, without_losses
 
 # Frames that no receive buffer of a default system holds.
 FLOOD = 2000
@@ -104,7 +104,8 @@ def test_datagrams_that_the_kernel_dropped_before_a_recording_do_not_count(servi
         show.send()
         service.client.stop()
         assert show.kept(Recording.read(path)) == list(range(len(show.frames)))
-        assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+        complete = lost_nothing(1, len(show.frames))
+        assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED, complete]
 
 
 def test_a_recording_counts_its_own_losses_only(service, show, path):
@@ -118,7 +119,7 @@ def test_a_recording_counts_its_own_losses_only(service, show, path):
     again = show.send()
     service.client.stop()
     assert show.kept(Recording.read(path)) == list(again)
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, len(again))]
 
 
 def test_without_a_recording_losses_are_not_told(service, show):

@@ -7,7 +7,17 @@ from pathlib import Path
 import pytest
 from harness import BadRecording, Recording
 from harness.artnet import art_dmx, art_poll, art_trigger, oem_vfps, oem_vfps_ns, slots
-from texts import FINALIZED, GRAB, GRABBING_STARTED, STOP, has_ended, split_grab_text, unparsed
+from texts import (
+    FINALIZED,
+    GRAB,
+    GRABBING_STARTED,
+    STOP,
+    has_ended,
+    lost_nothing,
+    split_grab_text,
+    unparsed,
+    wait_until_complete,
+)
 
 A = art_dmx(1, bytes([10, 20]), sequence=7, physical=3)
 B = art_dmx(2, bytes(range(100)))
@@ -238,7 +248,8 @@ def test_a_packet_behind_the_stop_in_the_same_datagram_is_recorded_before_the_en
     service, path = armed
     lines = service.world.log.mark()
     service.feed([CONTROL_ON, A, CONTROL_OFF + B])
-    assert service.world.log.entries(lines) == [GRABBING_STARTED, FINALIZED]
+    wait_until_complete(service.world.log, lines)
+    assert service.world.log.entries(lines) == [GRABBING_STARTED, FINALIZED, lost_nothing(2, 2)]
     assert has_ended(service.client)
     assert Recording.of_datagrams(path, [A, CONTROL_OFF + B]).delays != []
 
@@ -248,7 +259,8 @@ def test_stop_and_a_broken_packet_in_one_datagram_still_end_the_recording(armed)
     broken = CONTROL_OFF + art_dmx(2, bytes(5), length=50)
     lines = service.world.log.mark()
     service.feed([CONTROL_ON, A, broken])
-    assert service.world.log.entries(lines) == [GRABBING_STARTED, unparsed(broken), FINALIZED]
+    wait_until_complete(service.world.log, lines)
+    assert service.world.log.entries(lines) == [GRABBING_STARTED, unparsed(broken), FINALIZED, lost_nothing(1, 1)]
     assert has_ended(service.client)
     assert Path(path).read_bytes() == A
 
@@ -300,7 +312,19 @@ def test_the_whole_file_is_there_when_stop_has_answered(service):
     service.feed([A])
     client.stop()
     assert Path(path).read_bytes() == A
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, 1)]
+
+
+def test_a_recording_that_lost_nothing_says_what_it_holds(service):
+    client, path = service.client, service.world.path("cue")
+    lines = service.world.log.mark()
+    client.grab(path)
+    service.feed([A, B])
+    service.feed([B] * 5)
+    client.stop()
+    duration = wait_until_complete(service.world.log, lines)
+    assert service.world.log.entries(lines)[-1] == lost_nothing(2, 7)
+    assert round(duration * 1000) == sum(Recording.read(path).delays) // 1_000_000
 
 
 # The reader on which these tests rely.

@@ -21,6 +21,7 @@ from texts import (
     dropped_to_the_end,
     grab_text,
     losses,
+    lost_nothing,
     takes_data_again,
     waits_in_memory,
     without_losses,
@@ -140,7 +141,8 @@ def test_a_disk_that_is_full_for_a_while_costs_nothing(service, client, disk):
     show.send_until(AGAIN, lines)
     client.stop()
     assert show.kept(Recording.read(f"{outside}/cue")) == list(range(len(show.frames)))
-    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, FULL, takes_data_again(0), STOP, FINALIZED]
+    complete = lost_nothing(1, len(show.frames))
+    assert service.world.log.entries(lines) == [GRAB, GRABBING_STARTED, FULL, takes_data_again(0), STOP, FINALIZED, complete]
     assert_records_again(service)
 
 
@@ -282,7 +284,7 @@ def test_the_slow_reader_of_a_pipe_gets_every_record_and_holds_nobody_up(service
     stop.result()
     assert show.kept(Recording.parse(content + read_whole(reader))) == list(range(840))
     assert client.latest_grab() == grab_text(path, True, 1, [1])
-    assert service.world.log.entries(lines)[:-1] == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    assert service.world.log.entries(lines)[:-1] == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, 840)]
     assert_records_again(service)
 
 

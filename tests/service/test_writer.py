@@ -29,6 +29,7 @@ from texts import (
     end_waits,
     grab_text,
     losses,
+    lost_nothing,
     takes_data_again,
     waits_in_memory,
     without_losses,
@@ -142,7 +143,8 @@ def test_a_disk_that_takes_its_time_costs_no_datagram_and_bends_no_pause(stall, 
     stall.client.stop()
     assert stall.whole()
     assert stall.client.latest_grab() == grab_text(stall.path, False, 1, [1])
-    assert stall.log.entries(lines)[:-1] == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    entries = stall.log.entries(lines)[:-1]
+    assert entries == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, len(stall.show.frames))]
 
 
 def test_calls_and_nodes_are_served_while_a_write_is_held(stall):
@@ -202,7 +204,7 @@ def test_writes_that_fail_for_a_while_cost_no_datagram(stall, error):
     stall.client.stop()
     assert stall.whole()
     expected = [GRAB, GRABBING_STARTED, waits_in_memory(error), takes_data_again(0), STOP, FINALIZED]
-    assert stall.log.entries(lines) == expected
+    assert stall.log.entries(lines) == [*expected, lost_nothing(1, len(stall.show.frames))]
 
 
 @pytest.mark.parametrize("call", ["sync_file_range", "close"])
@@ -214,7 +216,7 @@ def test_calls_of_a_file_that_fail_cost_no_datagram(stall, call):
     stall.client.stop()
     assert stall.faults.struck(call) > 0
     assert stall.whole()
-    assert stall.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    assert stall.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, TOO_MANY)]
 
 
 def test_a_lone_frame_reaches_the_file_while_the_recording_runs(service):
@@ -489,7 +491,7 @@ def test_recordings_after_a_full_memory_lose_nothing(small):
     sent = small.show.send(TOO_MANY)
     small.client.stop()
     assert small.kept(again) == list(sent)
-    assert small.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED]
+    assert small.log.entries(lines) == [GRAB, GRABBING_STARTED, STOP, FINALIZED, lost_nothing(1, TOO_MANY)]
 
 
 def test_recordings_that_wait_share_the_memory(small):

@@ -105,6 +105,37 @@ def without_losses(entries):
     return [entry for entry in entries if not _LOST.fullmatch(entry[1])]
 
 
+_LOST_NOTHING = re.compile(
+    r"\[Dump::finalize_grabbing\] Recording lost nothing \(universes:(\d+), datagrams:(\d+), duration:(\d+)\.(\d{3}) s\)"
+)
+
+
+class lost_nothing:
+    """Equal to the entry about a complete recording of so many universes and datagrams, however long it took.
+
+    `universes` None: of any recording.
+    """
+
+    def __init__(self, universes=None, datagrams=None):
+        self.universes, self.datagrams = universes, datagrams
+
+    def __eq__(self, entry):
+        match = _LOST_NOTHING.fullmatch(entry[1])
+        if match is None or entry[0] != INFO:
+            return False
+        return self.universes is None or (int(match[1]), int(match[2])) == (self.universes, self.datagrams)
+
+    def __repr__(self):
+        return f"lost_nothing({self.universes}, {self.datagrams})"
+
+
+def wait_until_complete(log, start):
+    """Waits for the line about a recording that the record channel has ended and that lost nothing; its duration in seconds."""
+    line = log.wait_for(lambda line: lost_nothing() == line.entry, "a complete recording", start)
+    _, _, seconds, milliseconds = _LOST_NOTHING.fullmatch(line.message).groups()
+    return int(seconds) + int(milliseconds) / 1000
+
+
 _STILL_WAITING = re.compile(r"\[Dump::~Dump\] Waiting for the file, at most 10 s \(bytes:(\d+)\)")
 _GIVEN_UP = re.compile(r"\[Dump::~Dump\] File took no data at the end \(bytes:(\d+)\)")
 
