@@ -15,6 +15,13 @@ foreach(path IN ITEMS "${KADREL_EXECUTABLE}" "${KADREL_SESSION}" "${KADREL_SETTI
   endif()
 endforeach()
 
+set(KADREL_UNIT_TYPE dbus)
+set(KADREL_UNIT_WATCHDOG)
+if(KADREL_SYSTEMD)
+  set(KADREL_UNIT_TYPE notify)
+  set(KADREL_UNIT_WATCHDOG "# Started anew when its threads do not go on. Below 5 s this would end a healthy one.\nWatchdogSec=30s\n")
+endif()
+
 foreach(file IN ITEMS kadrel-session kadrel.service com.tolvekserver.Kadrel.service)
   configure_file("data/${file}.in" "${CMAKE_BINARY_DIR}/data/${file}" @ONLY)
 endforeach()

@@ -109,7 +109,7 @@ QString new_cue_path(const QString& destpath) {
   return {};
 }
 
-bool copy_cue(const QString& from, const QString& to) {
+bool copy_cue(const QString& from, const QString& to, const std::function<void()>& between) {
   const std::unique_ptr<char[]> portion(new (std::nothrow) char[kPortion]);
   if (portion == nullptr) return false;
   // Looked at before it is opened: opening a device may do something.
@@ -127,6 +127,7 @@ bool copy_cue(const QString& from, const QString& to) {
     if (size == 0) break;
     if (size < 0 || end_requested() || !copy.write(portion.get(), static_cast<std::size_t>(size)))
       return false;
+    between();
   }
   struct stat status {};
   if (fstat(source.handle(), &status) == 0) copy.set_permissions(status.st_mode);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 
 /// Path of a new file in the directory @p destpath; its name is a time-based UUID.
 /// @return empty when three names in a row exist already or could not be made
@@ -13,5 +14,7 @@ QString new_cue_path(const QString& destpath);
 /// name or, on file systems that need one, the hidden name ".NAME.kadrel-copy" in the same folder. Gives up,
 /// and leaves nothing, when the service is to end (end_requested()). Only a killed process can leave the
 /// hidden file.
+/// @param between  called after each MiB, which may take a disk long
 /// @return true when @p to holds all of @p from
-bool copy_cue(const QString& from, const QString& to);
+bool copy_cue(
+    const QString& from, const QString& to, const std::function<void()>& between = [] {});

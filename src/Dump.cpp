@@ -19,6 +19,21 @@ constexpr std::chrono::milliseconds kQuietWait(500);
 
 constexpr qint64 kMillisecond = 1000000;  // ns
 
+ServiceStatus::Grabber grabber_of(Recorder::GrabState state) {
+  switch (state) {
+    case Recorder::Armed:
+      return ServiceStatus::Grabber::WaitsForChannel;
+    case Recorder::StartPending:
+      return ServiceStatus::Grabber::WaitsForFrame;
+    case Recorder::Running:
+    case Recorder::StopPending:
+      return ServiceStatus::Grabber::Records;
+    case Recorder::Off:
+      break;
+  }
+  return ServiceStatus::Grabber::Off;
+}
+
 }  // namespace
 
 Dump::Dump(int port, qint32 announced, std::size_t write_buffer)
@@ -38,7 +53,7 @@ Dump::Dump(Device own, qint32 announced, std::size_t write_buffer)
       responder({device.device_ip_hex, device.device_mac, kesto::device::oem_id(),
                  kesto::device::manufacturer_id(), kesto::device::short_name(), kesto::device::long_name()},
                 announced),
-      receive_loop(device.device_ip_hex, {state, responder, detector, triggers}) {
+      receive_loop(device.device_ip_hex, {state, responder, detector, triggers, service_report}) {
   register_node_types();
   connect(&triggers, &TriggerQueue::OnArtnetTrigger, this, &Dump::OnArtnetTrigger);
   // Never at once: the writer thread emits.
@@ -53,6 +68,7 @@ Dump::Device Dump::look_at_device() {
 }
 
 Dump::~Dump() {
+  service_report.end();
   receive_loop.stop();
   detector.stop();
   if (listen_thread.joinable()) listen_thread.join();
@@ -71,13 +87,17 @@ Dump::~Dump() {
 // ---- recorder ----
 
 bool Dump::may_wait(std::size_t waiting) {
-  if (!ending && !end_requested()) return true;
   const auto now = kesto::Clock::now();
+  if (!ending && !end_requested()) {
+    service_report.tick(now);
+    return true;
+  }
   if (!last_wait) last_wait = now;
   const auto waited = now - *last_wait;
   if (waited >= kQuietWait && !std::exchange(said_to_wait, true)) {
     KESTO_LOG(-1, "[Dump::~Dump] Waiting for the file, at most %d s (bytes:%llu)",
               static_cast<int>(kLastWait.count()), static_cast<unsigned long long>(waiting));
+    service_report.end(waiting, kLastWait);
   }
   return waited < kLastWait;
 }
@@ -108,6 +128,7 @@ void Dump::take_concluded_grabs() {
 }
 
 bool Dump::settle_grabs(std::optional<FileIdentity> file) {
+  const ServiceReport::DiskCall disk(service_report);
   const bool complete =
       writer->wait_for_ended([this](std::size_t waiting) { return may_wait(waiting); }, file);
   take_concluded_grabs();
@@ -125,6 +146,7 @@ void Dump::grab(const QString& filename) {
     KESTO_LOG(3, "[Dump::grab] Failed to start grabber, not idle");
     return;
   }
+  const ServiceReport::DiskCall disk(service_report);
   // Only this thread starts a recording, so it stays off meanwhile. One that has ended goes into its file
   // before a new one of the same name empties it; another file does not wait for it.
   const auto identity = FileIdentity::of(filename);
@@ -135,6 +157,8 @@ void Dump::grab(const QString& filename) {
     return;
   }
   writer->begin(std::move(file));
+  grab_name = filename;
+  ++grab_number;
   GuardedState::Writer guard(state);
   guard.recorder().arm(guard.control().ctrl_record_enabled());
 }
@@ -174,15 +198,41 @@ QString Dump::latest_grab() {
 
 QString Dump::dup_cue(const QString& destpath, const QString& filename) {
   KESTO_LOG(3, "[Dump::dup_cue] Preparing to clone cue");
+  const ServiceReport::DiskCall disk(service_report);
   const auto identity = FileIdentity::of(filename);
   const bool complete = !identity || settle_grabs(identity);
   if (!QFile::exists(filename)) return QString::fromLatin1("");
   KESTO_LOG(3, "[Dump::dup_cue] Generating new cue path");
   QString path = new_cue_path(destpath);
   KESTO_LOG(3, "[Dump::dup_cue] New cue path is: %s", path.toLocal8Bit().constData());
-  if (complete && !path.isEmpty()) copy_cue(filename, path);
+  if (complete && !path.isEmpty())
+    copy_cue(filename, path, [this] { service_report.tick(kesto::Clock::now()); });
   KESTO_LOG(3, "[Dump::dup_cue] cue cloned");
   return path;
+}
+
+// ---- service manager ----
+
+void Dump::report_to(const ServiceManager& manager) {
+  service_report.begin(manager, [this] { return look(); });
+}
+
+ServiceStatus Dump::look() {
+  Recorder::Progress progress;
+  {
+    GuardedState::Writer guard(state);
+    progress = guard.recorder().progress();
+  }
+  ServiceStatus status;
+  status.grabber = grabber_of(progress.state);
+  status.has_port = !receive_loop.is_without_port();
+  status.file = grab_name;
+  status.universes = progress.universes;
+  status.rate = rate_meter.rate(grab_number, progress.datagrams, kesto::Clock::now());
+  status.refuses = progress.refuses;
+  status.lost = progress.lost;
+  status.late = writer->held_up(GrabWriter::Clock::now());
+  return status;
 }
 
 // ---- control universe ----

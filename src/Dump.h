@@ -19,6 +19,7 @@
 #include "src/NodeDetector.h"
 #include "src/PollResponder.h"
 #include "src/ReceiveLoop.h"
+#include "src/ServiceReport.h"
 #include "src/SignalRelays.h"
 #include "src/TriggerQueue.h"
 
@@ -52,6 +53,9 @@ public:
 
   /// See TriggerQueue. Main thread.
   void watch_bus(const QDBusConnection& watched) { triggers.watch_bus(watched); }
+
+  /// The service is ready; from now on @p manager, which outlives it, is told how it is. Main thread.
+  void report_to(const ServiceManager& manager);
 
 public slots:
   // Recorder.
@@ -111,6 +115,9 @@ private:
   /// Whether to wait on for the disk. @param waiting  bytes in memory
   bool may_wait(std::size_t waiting);
 
+  /// How the service is now.
+  ServiceStatus look();
+
   /// Logs and emits the node-update message of @p method, if there is one. @return whether there is one
   bool announce(const char* method, const std::optional<QString>& message);
 
@@ -133,6 +140,9 @@ private:
 
   // Main thread only.
   GrabSummary latest_grab_summary;
+  QString grab_name;        // of the latest recording that has begun
+  quint64 grab_number = 0;  // how many have begun
+  RateMeter rate_meter;
   bool ending = false;
   std::optional<kesto::Clock::time_point>
       last_wait;  // for the disk, when the service is to end: its beginning
@@ -144,6 +154,9 @@ private:
 
   // Its own thread and locks.
   NodeDetector detector;
+
+  // Main thread; the receive thread proves that it goes on.
+  ServiceReport service_report;
 
   // Receive thread only.
   PollResponder responder;

@@ -28,6 +28,9 @@ constexpr auto kPatience = seconds(1);
 // But no longer than this in all.
 constexpr auto kLastPatience = seconds(10);
 
+// Records that have waited for so long wait for their disk: without it they take a second at most.
+constexpr auto kHeldUp = seconds(2);
+
 // Time between two looks at the patience of who waits.
 constexpr auto kLook = milliseconds(50);
 
@@ -85,11 +88,25 @@ bool GrabWriter::has_ended_grab(std::optional<FileIdentity> file) const {
 }
 
 bool GrabWriter::wait_for_ended(const Patience& patience, std::optional<FileIdentity> file) {
-  const kesto::MutexLock lock(mutex);
-  while (has_ended_grab(file)) {
-    if (!settled.wait_until(mutex, Clock::now() + kLook) && !patience(waiting_bytes())) return false;
+  for (;;) {
+    std::size_t waiting = 0;
+    {
+      const kesto::MutexLock lock(mutex);
+      if (!has_ended_grab(file)) return true;
+      if (settled.wait_until(mutex, Clock::now() + kLook)) continue;
+      waiting = waiting_bytes();
+    }
+    if (!patience(waiting)) return false;
   }
-  return true;
+}
+
+std::optional<std::size_t> GrabWriter::held_up(Clock::time_point now) {
+  const kesto::MutexLock lock(mutex);
+  if (grabs.empty()) return std::nullopt;
+  const Grab& oldest = grabs.front();
+  const bool has_work = oldest.records.bytes() > 0 || oldest.ended;
+  if (!has_work || now - oldest.went_on < kHeldUp) return std::nullopt;
+  return waiting_bytes();
 }
 
 std::vector<ConcludedGrab> GrabWriter::take_concluded() {
@@ -170,6 +187,7 @@ bool GrabWriter::step(Clock::time_point now) {
     grab->error = error;
     if (error == 0) {
       if (written > 0) emptied = grab->records.take(written);
+      grab->went_on = now;
       grab->has_portion = grab->records.bytes() >= kPortion / 2;
       if (grab->records.bytes() == 0) grab->emptied = now;
       grab->give_up.reset();

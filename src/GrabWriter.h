@@ -70,6 +70,9 @@ public:
   /// Hands out the recordings that are complete since the last call, oldest first.
   std::vector<ConcludedGrab> take_concluded() EXCLUDES(mutex);
 
+  /// @return bytes that wait for their files, when the oldest recording's file has taken nothing for seconds
+  std::optional<std::size_t> held_up(Clock::time_point now) EXCLUDES(mutex);
+
   struct Finished {
     bool all = false;          // false: the thread still waits for a disk; never destroy its object
     std::size_t given_up = 0;  // bytes that are in no file, of recordings that are not concluded
@@ -84,7 +87,7 @@ private:
 
   struct Grab {
     Grab(std::unique_ptr<RecordingSink> sink, BlockBudget& budget, Clock::time_point now)
-        : file(std::move(sink)), identity(file->identity()), records(budget), emptied(now) {}
+        : file(std::move(sink)), identity(file->identity()), records(budget), emptied(now), went_on(now) {}
 
     std::unique_ptr<RecordingSink> file;  // the writer thread's
     const FileIdentity identity;
@@ -93,6 +96,7 @@ private:
     bool has_portion = false;                  // enough for a write
     int error = 0;                             // of the last write
     Clock::time_point emptied;                 // when nothing waited last
+    Clock::time_point went_on;                 // when the file took something last, or nothing waited
     Clock::time_point retry;                   // after a write that failed
     std::optional<Clock::time_point> give_up;  // the end waits for room until then
     std::optional<Clock::time_point> refused;  // since then

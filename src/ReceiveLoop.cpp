@@ -14,6 +14,7 @@
 #include "src/NodeDetector.h"
 #include "src/PollResponder.h"
 #include "src/RelayRequest.h"
+#include "src/ServiceReport.h"
 #include "src/TriggerQueue.h"
 #include "src/UdpReplySender.h"
 
@@ -71,6 +72,7 @@ void ReceiveLoop::listen_incoming_data(int port) {
   socket = std::make_unique<kesto::net::UdpSocket>();
   const bool has_port = socket->bind("0.0.0.0", port);
   if (!has_port) KESTO_LOG(-2, "Failed to bind grabber socket");
+  without_port.store(!has_port);
   set_bound(has_port);
   KESTO_LOG(3, "[Dump::listen_incoming_data] This device IP is: %s", this_device_ip.text().c_str());
   {
@@ -87,6 +89,7 @@ void ReceiveLoop::listen_incoming_data(int port) {
       waited = !ready;
       if (!ready) {
         state.let_go();
+        parts.report.come_round();
         if (fruitless_waits > kFruitlessWaits) kesto::sleep_for(kFruitlessPause);
         const Wait result = socket->waitFor(wait_ms);
         if (result == Wait::Failed) kesto::sleep_for(kFailedWaitPause);

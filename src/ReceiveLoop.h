@@ -14,12 +14,13 @@
 struct ArtPollRequest;
 class NodeDetector;
 class PollResponder;
+class ServiceReport;
 class TriggerQueue;
 
 /// The body of the receive thread: receives and sends everything that goes by UDP.
 ///
 /// It owns the socket and the parser and hands each packet to its part. Receive thread only, but for the
-/// construction, kernel_drops() and stop().
+/// construction, kernel_drops(), is_without_port() and stop().
 class ReceiveLoop {
 public:
   /// The parts that packets go to. They outlive the loop.
@@ -28,6 +29,7 @@ public:
     PollResponder& responder;
     NodeDetector& detector;
     TriggerQueue& triggers;
+    ServiceReport& report;
   };
 
   /// @param device_ip_hex  the appliance's address, 8 hexadecimal digits: datagrams from there are dropped
@@ -39,6 +41,9 @@ public:
   /// What the kernel has dropped by now for a full receive buffer, modulo 2^32. Any thread.
   /// @return nothing when nobody counts
   std::optional<std::uint32_t> kernel_drops() EXCLUDES(socket_mutex);
+
+  /// Whether the UDP port could not be bound. Any thread.
+  bool is_without_port() const { return without_port.load(); }
 
   /// Ends the loop: at once, or within a second when the port could not be bound. Any thread.
   void stop() EXCLUDES(socket_mutex);
@@ -79,6 +84,7 @@ private:
   const Consumers parts;
 
   std::atomic<bool> running{true};
+  std::atomic<bool> without_port{false};
 
   // Other threads use the socket only while it is sure to be there.
   kesto::Mutex socket_mutex;

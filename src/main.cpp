@@ -19,6 +19,7 @@
 #include "kesto/logger.h"
 #include "kesto/standard_descriptors.h"
 #include "src/Dump.h"
+#include "src/ServiceManager.h"
 #include "src/Settings.h"
 #include "src/ThreadSignals.h"
 
@@ -100,6 +101,7 @@ Settings configure() {
 
 /// Runs the service until a signal ends it. @return exit code of the process
 int serve(int port, const Settings& settings) {
+  const ServiceManager manager;
   Dump dump(port, settings.universe_count, static_cast<std::size_t>(settings.write_buffer_mib) << 20U);
   {
     // The first use of D-Bus starts the framework's own thread for it, which must not get the signals.
@@ -124,6 +126,7 @@ int serve(int port, const Settings& settings) {
     return 1;
   }
   dump.watch_bus(bus);
+  dump.report_to(manager);
   starting.store(false);
   return QCoreApplication::exec();
 }

@@ -101,8 +101,49 @@ def test_every_file_is_where_it_belongs_and_nothing_else(prefix):
         assert mode == (0o755 if name.startswith(("bin/", "libexec/")) else 0o644), name
 
 
-def test_the_user_unit_verifies_clean(prefix, tmp_path):
-    unit = (prefix / "lib/systemd/user/kadrel.service").read_text(encoding="utf-8")
+@pytest.fixture(scope="session")
+def other_build(tmp_path_factory):
+    """Configures a build with or without libsystemd; its unit."""
+
+    def configure(with_systemd):
+        build = tmp_path_factory.mktemp("build")
+        subprocess.run(
+            ["cmake", "-S", TOP, "-B", build, "-DKADREL_BUILD_TESTS=OFF", "-DKADREL_BUILD_TOOLS=OFF",
+             f"-DKADREL_SYSTEMD={with_systemd}"],
+            check=True, capture_output=True,
+        )
+        return (build / "data/kadrel.service").read_text(encoding="utf-8")
+
+    return {choice: configure(choice) for choice in ("ON", "OFF")}
+
+
+def settings_of(unit):
+    """The unit's settings, but for those that may be there several times."""
+    parser = configparser.RawConfigParser(strict=False)
+    parser.optionxform = str
+    parser.read_string(unit)
+    return parser["Service"]
+
+
+def test_the_unit_expects_of_kadrel_what_it_was_built_for(other_build, prefix):
+    told, silent = other_build["ON"], other_build["OFF"]
+    watchdog = [line for line in told.splitlines() if line not in silent.splitlines()]
+    assert watchdog[0] == "Type=notify" and watchdog[-1] == "WatchdogSec=30s" and len(watchdog) == 3
+    assert settings_of(silent)["Type"] == "dbus" and "WatchdogSec" not in settings_of(silent)
+    # Nothing else differs, and nothing is left of the places where it stands.
+    assert told.replace("Type=notify", "Type=dbus").replace("\n".join(watchdog[1:]) + "\n", "") == silent
+    assert settings_of(told)["BusName"] == settings_of(silent)["BusName"] == BUS_NAME
+    for unit in (told, silent):
+        # What the manager is told comes from kadrel itself, and nothing is read again while it runs.
+        assert not {"NotifyAccess", "ExecReload"} & set(settings_of(unit))
+    has_systemd = b"NOTIFY_SOCKET" in (prefix / "bin/kadrel").read_bytes()
+    installed = (prefix / "lib/systemd/user/kadrel.service").read_text(encoding="utf-8")
+    assert settings_of(installed)["Type"] == ("notify" if has_systemd else "dbus")
+
+
+@pytest.mark.parametrize("with_systemd", ["ON", "OFF"])
+def test_the_user_unit_verifies_clean(other_build, prefix, tmp_path, with_systemd):
+    unit = other_build[with_systemd]
     started = re.search(r"^ExecStart=(.*)$", unit, re.MULTILINE).group(1)
     copy = tmp_path / "kadrel.service"
     copy.write_text(unit.replace(started, str(prefix / "libexec/kadrel/kadrel-session")), encoding="utf-8")

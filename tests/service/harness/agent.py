@@ -257,6 +257,14 @@ class Agent:
         descriptor = made.detach()
         return {}, [descriptor], [descriptor]
 
+    def do_notify_socket(self, name):
+        """The socket of a service manager: a path, or "@" and a name of the appliance's own network namespace."""
+        self.enter("appliance")
+        made = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        made.bind(name.replace("@", "\0", 1) if name.startswith("@") else name)
+        descriptor = made.detach()
+        return {}, [descriptor], [descriptor]
+
     def do_packet(self, network, interface):
         """A raw socket that sees every IP packet of one interface."""
         self.enter(network)

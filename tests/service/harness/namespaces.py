@@ -133,6 +133,10 @@ class Namespaces:
         _, (descriptor,) = self._ask("log_socket", descriptors=1, path=path, queue=queue)
         return socket.socket(fileno=descriptor)
 
+    def notify_socket(self, name):
+        _, (descriptor,) = self._ask("notify_socket", descriptors=1, name=name)
+        return socket.socket(fileno=descriptor)
+
     def packet_socket(self, network, interface):
         _, (descriptor,) = self._ask("packet", descriptors=1, network=network, interface=interface)
         return socket.socket(fileno=descriptor)
