@@ -16,6 +16,9 @@ constexpr std::chrono::milliseconds kLeastPeriod(900);
 // Proofs in the time after which the manager would end the process: one or two may be late or lost.
 constexpr int kProofs = 4;
 
+// A receive thread that has not come round for so long hangs, and may hold its lock. It needs 1.1 s.
+constexpr std::chrono::seconds kHang(3);
+
 // What is left to do when the disk has had its time.
 constexpr std::chrono::seconds kAfterDisk(5);
 
@@ -51,17 +54,18 @@ void ServiceReport::tick(Time now) {
   if (manager == nullptr || ending || now < next) return;
   next = now + kLeastPeriod;
   const quint64 round = rounds.load(std::memory_order_relaxed);
+  if (std::exchange(rounds_seen, round) != round || !ready) came_round = now;
   std::string message = ready ? "" : "READY=1\n";
-  // A receive thread that hangs may hold its lock: nothing is asked of it.
-  const bool goes_on = std::exchange(rounds_seen, round) != round || !ready;
-  const bool proves = goes_on && is_due(now);
+  const bool proves = is_due(now) && (round != rounds_proved || !ready);
   if (proves) message += kProof;
-  std::string status = goes_on ? status_text(look()) : told;
+  std::string status = now - came_round < kHang ? status_text(look()) : told;
   if (status != told) message += status_line(status);
   if (message.empty() || !manager->tell(message)) return;
   ready = true;
   told = std::move(status);
-  if (proves) fed.store(now);
+  if (!proves) return;
+  fed.store(now);
+  rounds_proved = round;
 }
 
 void ServiceReport::feed_alone() {

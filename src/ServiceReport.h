@@ -89,7 +89,9 @@ private:
   std::unique_ptr<QTimer> timer;
   Time next = Time::min();  // no earlier tick does anything
   quint64 rounds_seen = 0;
-  bool ready = false;   // the manager knows
-  bool ending = false;  // likewise
-  std::string told;     // the status it knows
+  Time came_round = Time::min();  // when they were seen to change last
+  quint64 rounds_proved = 0;      // with the last proof of this thread
+  bool ready = false;             // the manager knows
+  bool ending = false;            // likewise
+  std::string told;               // the status it knows
 };
