@@ -37,5 +37,6 @@ std::unique_ptr<Command> make_export();
 std::unique_ptr<Command> make_import();
 std::unique_ptr<Command> make_plot();
 std::unique_ptr<Command> make_record();
+std::unique_ptr<Command> make_ready();
 
 }  // namespace kadrel_cue

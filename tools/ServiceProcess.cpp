@@ -1,7 +1,6 @@
 #include "tools/ServiceProcess.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -13,7 +12,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -22,59 +20,15 @@
 #include <string_view>
 
 #include "artnet/ArtNet.h"
+#include "tools/KernelFile.h"
 
 namespace kadrel_cue {
 namespace {
 
-constexpr std::size_t kProcLimit = std::size_t{4} << 20;      // of a file in /proc
 constexpr std::size_t kProgramLimit = std::size_t{64} << 20;  // of a program that is searched
 constexpr std::size_t kPiece = std::size_t{64} << 10;
 constexpr std::size_t kLongestVersion = 64;
 constexpr std::string_view kWhat = "@(#)kadrel ";
-
-class Descriptor {
-public:
-  explicit Descriptor(int descriptor) : number(descriptor) {}
-  ~Descriptor() {
-    if (number != -1) close(number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  Descriptor(Descriptor&&) = delete;
-  Descriptor& operator=(Descriptor&&) = delete;
-  explicit operator bool() const { return number != -1; }
-  int get() const { return number; }
-
-private:
-  int number;
-};
-
-int open_to_read(const std::string& path) {
-  return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-}
-
-/// As read(), but no signal interrupts it.
-ssize_t read_some(int descriptor, char* bytes, std::size_t most) {
-  for (;;) {
-    const ssize_t count = read(descriptor, bytes, most);
-    if (count != -1 || errno != EINTR) return count;
-  }
-}
-
-/// Up to kProcLimit bytes; nothing when the file cannot be read.
-std::optional<std::string> read_whole(const std::string& path) {
-  const Descriptor file(open_to_read(path));
-  if (!file) return std::nullopt;
-  std::string text;
-  std::array<char, 16384> piece{};
-  while (text.size() < kProcLimit) {
-    const ssize_t count = read_some(file.get(), piece.data(), piece.size());
-    if (count == -1) return std::nullopt;
-    if (count == 0) break;
-    text.append(piece.data(), static_cast<std::size_t>(count));
-  }
-  return text;
-}
 
 template <typename Number>
 bool take(std::string_view text, Number& number, int base = 10) {
@@ -164,7 +118,7 @@ bool take_answer(const char* bytes, std::size_t size, std::vector<UdpSocketInfo>
 
 /// Asks the kernel for the receive buffers. Where it does not answer they stay unknown.
 void ask_for_buffers(int family, int port, std::vector<UdpSocketInfo>& sockets) {
-  const Descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  const OpenDescriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
   if (!netlink) return;
   const timeval most{1, 0};
   setsockopt(netlink.get(), SOL_SOCKET, SO_RCVTIMEO, &most, sizeof most);
@@ -212,7 +166,7 @@ bool holds(pid_t pid, const std::string& link) {
 }
 
 std::string printable_name(pid_t pid) {
-  std::string name = read_whole(proc_path(pid, "comm")).value_or("");
+  std::string name = read_kernel_file(proc_path(pid, "comm")).value_or("");
   if (!name.empty() && name.back() == '\n') name.pop_back();
   for (char& one : name)
     if (one < ' ' || one > '~') one = '?';
@@ -270,9 +224,9 @@ std::vector<UdpSocketInfo> parse_udp_table(const std::string& text, int port) {
 }
 
 std::vector<UdpSocketInfo> udp_sockets(int port) {
-  std::vector<UdpSocketInfo> sockets = parse_udp_table(read_whole("/proc/net/udp").value_or(""), port);
+  std::vector<UdpSocketInfo> sockets = parse_udp_table(read_kernel_file("/proc/net/udp").value_or(""), port);
   if (!sockets.empty()) ask_for_buffers(AF_INET, port, sockets);
-  auto others = parse_udp_table(read_whole("/proc/net/udp6").value_or(""), port);
+  auto others = parse_udp_table(read_kernel_file("/proc/net/udp6").value_or(""), port);
   if (!others.empty()) ask_for_buffers(AF_INET6, port, others);
   sockets.insert(sockets.end(), others.begin(), others.end());
   return sockets;
@@ -310,7 +264,7 @@ LogOutput log_output_in(const std::string& environment) {
 }
 
 std::string version_in(const std::string& path) {
-  const Descriptor program(open_to_read(path));
+  const OpenDescriptor program(open_at_once(path));
   struct stat status {};
   if (!program || fstat(program.get(), &status) == -1 || !S_ISREG(status.st_mode)) return "";
   // What stands across two pieces is found in the second.
@@ -332,8 +286,8 @@ std::string version_in(const std::string& path) {
 ServiceProcess look_at_service(pid_t pid) {
   ServiceProcess service;
   service.pid = pid;
-  service.port = port_in(read_whole(proc_path(pid, "cmdline")).value_or(""));
-  if (const auto environment = read_whole(proc_path(pid, "environ"))) {
+  service.port = port_in(read_kernel_file(proc_path(pid, "cmdline")).value_or(""));
+  if (const auto environment = read_kernel_file(proc_path(pid, "environ"))) {
     service.announced = announced_in(*environment);
     service.log = log_output_in(*environment);
   }

@@ -8,7 +8,7 @@ from harness import EXECUTABLE
 from harness.sanitizers import REPOSITORY
 
 CUE = EXECUTABLE.parent / "kadrel-cue"
-COMMANDS = ("info", "verify", "play", "cut", "join", "export", "import", "plot")
+COMMANDS = ("info", "verify", "play", "cut", "join", "export", "import", "plot", "ready")
 
 
 def help_of(*command):

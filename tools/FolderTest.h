@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "tools/ReadyChecks.h"
+
+namespace kadrel_cue {
+
+/// How far the test of a folder goes.
+struct FolderTest {
+  std::uint64_t most = std::uint64_t{16} << 20;  // bytes written; never more than an eighth of what is free
+  std::chrono::milliseconds writing{2000};       // no write begins after this time
+  std::chrono::milliseconds patience{8000};      // with a disk that does not answer
+};
+
+/// Looks at the space of a folder, and how quickly it takes data: a file without a name, which is never seen,
+/// is written through to the disk and removed. It never waits for longer than the patience, twice.
+/// @param recording  a recording runs, which a test would disturb: nothing is written
+FolderLook look_at_folder(const std::string& folder, bool recording, const FolderTest& test = {});
+
+}  // namespace kadrel_cue
