@@ -36,7 +36,7 @@ install(FILES data/com.tolvekserver.Kadrel.Dump.xml DESTINATION "${CMAKE_INSTALL
 install(FILES "${CMAKE_BINARY_DIR}/data/kadrel.service" DESTINATION lib/systemd/user)
 install(FILES data/50-kadrel.conf DESTINATION lib/sysctl.d)
 install(FILES data/kadrel.nft DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
-install(FILES docs/conversions.md docs/dbus.md docs/operations.md docs/recording-format.md docs/reliability.md docs/security.md
+install(FILES docs/conversions.md docs/dbus.md docs/operations.md docs/recording-format.md docs/reliability.md docs/security.md docs/top.md
   DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 
 set(manual_pages kadrel.1 com.tolvekserver.Kadrel.5)

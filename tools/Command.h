@@ -38,5 +38,6 @@ std::unique_ptr<Command> make_import();
 std::unique_ptr<Command> make_plot();
 std::unique_ptr<Command> make_record();
 std::unique_ptr<Command> make_ready();
+std::unique_ptr<Command> make_top();
 
 }  // namespace kadrel_cue

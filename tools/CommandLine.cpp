@@ -12,8 +12,8 @@ namespace {
 constexpr int kUsageError = 2;
 
 /// Every command, in the order of the help.
-constexpr auto kCommands = {make_info,   make_verify, make_play, make_cut,    make_join,
-                            make_export, make_import, make_plot, make_record, make_ready};
+constexpr auto kCommands = {make_info,   make_verify, make_play,   make_cut, make_join, make_export,
+                            make_import, make_plot,   make_record, make_top, make_ready};
 
 }  // namespace
 

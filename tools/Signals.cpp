@@ -5,6 +5,7 @@
 
 #include "cue/AtomicFile.h"
 #include "tools/Keyboard.h"
+#include "tools/TopScreen.h"
 
 namespace kadrel_cue {
 namespace {
@@ -30,6 +31,7 @@ void request_stop(int signal) {
     first_request = seconds();
   } else if (seconds() - first_request > kPatience) {
     Keyboard::restore_terminal();
+    TopScreen::restore_terminal();
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
     sigaction(signal, &action, nullptr);

@@ -42,6 +42,7 @@ FILES = {
     "share/doc/kadrel/recording-format.md",
     "share/doc/kadrel/reliability.md",
     "share/doc/kadrel/security.md",
+    "share/doc/kadrel/top.md",
     "share/man/man1/kadrel-cue.1",
     "share/man/man1/kadrel.1",
     "share/man/man5/com.tolvekserver.Kadrel.5",

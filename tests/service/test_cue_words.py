@@ -8,7 +8,7 @@ from harness import EXECUTABLE
 from harness.sanitizers import REPOSITORY
 
 CUE = EXECUTABLE.parent / "kadrel-cue"
-COMMANDS = ("info", "verify", "play", "cut", "join", "export", "import", "plot", "ready")
+COMMANDS = ("info", "verify", "play", "cut", "join", "export", "import", "plot", "record", "top", "ready")
 
 
 def help_of(*command):
@@ -64,3 +64,7 @@ def test_the_completion_offers_files_and_leaves_values_alone(tmp_path):
     assert completions("import", "-o", here) == {f"{tmp_path}/a show.cue", f"{tmp_path}/wire.pcapng"}
     assert completions("play", "--to", here) == set()
     assert completions("play", "--loop", "") == {"forever"}
+    assert completions("top", here) == {f"{tmp_path}/a show.cue", f"{tmp_path}/wire.pcapng"}
+    assert completions("top", "--prom", here) == {f"{tmp_path}/a show.cue", f"{tmp_path}/wire.pcapng"}
+    assert "lo" in completions("top", "l") and "any" in completions("top", "an")
+    assert completions("top", "--listen", here) == set()
