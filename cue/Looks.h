@@ -15,6 +15,11 @@ public:
   /// Takes every ArtDmx of a datagram.
   void take(const Bytes& datagram);
 
+  /// Takes the looks of @p others, also of universes that it has.
+  void take_all(const Looks& others) {
+    for (const auto& [port_address, packet] : others.packets) packets[port_address] = packet;
+  }
+
   void forget() { packets.clear(); }
 
   /// By port-address.

@@ -116,9 +116,16 @@ void Player::obey(const PlayCommand& command, Time now, Time before) {
   if (command.kind == PlayCommand::Kind::Quit) quit = true;
   if (play.holding) return;
   const std::int64_t start = options.selection.start;
-  if (command.kind == PlayCommand::Kind::Pause) pause_or_go_on(now);
+  if (command.kind == PlayCommand::Kind::Pause) {
+    pause_or_go_on(now);
+    // Nothing has been shown: the pause goes to where there is something to see.
+    if (play.paused && !jump && looks.all().empty()) jump = position_at(now);
+  }
   if (command.kind == PlayCommand::Kind::Home) jump = start;
   if (command.kind == PlayCommand::Kind::Seek) {
+    // A fade stands while the system has stopped the program.
+    if (!play.paused && command.by == 0 && fade_start)
+      *fade_start += std::max(now - before, Clock::duration(0));
     const std::int64_t here = play.paused       ? position_at(paused_at)
                               : command.by == 0 ? position_after_stop(before)
                                                 : position_at(now);
@@ -328,9 +335,11 @@ void Player::send_look(const Looks& look, std::int64_t spread) {
   std::int64_t number = 0;
   for (const auto& [port_address, bytes] : look.all()) {
     const std::int64_t ns = spread * number++ / count - spread;
-    if (!wait(ns, Pausing::No)) return;
+    if (!wait(ns, Pausing::No)) break;
     send_timed(bytes_of(bytes), after(origin, ns));
   }
+  // After a jump from here the looks go on from all of them.
+  if (leaving() && keeps_looks) looks.take_all(look);
 }
 
 /// Plays from the position to the end of the pass. @return false when it is left before
@@ -372,13 +381,14 @@ std::optional<Player::Time> Player::play_pass(std::optional<Time> arrival) {
     if (stop || quit) return std::nullopt;
     std::int64_t position = *std::exchange(jump, std::nullopt);
     look = records.go_to(position, looks);
-    if (play.paused && look.all().empty()) {
+    const bool before_all = play.paused && look.all().empty();
+    if (!options.look) look.forget();
+    if (before_all) {
       // Before the first datagrams there is nothing to see: the pause stands behind their first frame.
       position = add_bounded(position, default_gap());
       look = records.go_to(position, look);
     }
     if (!stop && !records.has_more()) position = std::min(position, records.end().time);
-    if (!options.look) look.forget();
     something = true;
     begin_at(look, position, std::nullopt);
   }

@@ -166,7 +166,6 @@ def test_keys_move_through_a_playback(operate, node, path):
 
 def test_a_pause_lasts_until_the_next_space(operate, node, path):
     terminal = operate(path, "--to", NODE, "--speed", "20x", "--loop", "forever")
-    node.receive()
     spin_until(lambda: terminal.is_raw, "the keys")
     terminal.press(b" ")
     paused = rb"\r\x1b\[K(\S+?)(?: s)?  PAUSED"

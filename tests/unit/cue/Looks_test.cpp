@@ -27,6 +27,17 @@ TEST(Looks, KeepsTheLastPacketOfEachUniverse) {
   EXPECT_TRUE(looks.all().empty());
 }
 
+TEST(Looks, TakesThoseOfOthersOverItsOwn) {
+  cue::Looks looks;
+  looks.take(bytes_of(dmx("a", 1) + dmx("b", 2)));
+  cue::Looks others;
+  others.take(bytes_of(dmx("B", 2) + dmx("C", 3)));
+  looks.take_all(others);
+  std::string all;
+  for (const auto& [port_address, packet] : looks.all()) all.append(packet.begin(), packet.end());
+  EXPECT_EQ(all, dmx("a", 1) + dmx("B", 2) + dmx("C", 3));
+}
+
 TEST(Looks, ScalesEveryLevelOfADatagramAndNothingElse) {
   std::string datagram = "\xFF" + dmx("\xFF\x01\x80", 1, 255) + "\xFF" + dmx("\x02", 0xFFFF);
   cue::scale_levels(writable(datagram), datagram.size(), 0.5);

@@ -774,6 +774,83 @@ TEST_F(PlayerTest, HomeDuringAPauseShowsTheFirstFrame) {
   EXPECT_EQ(sink.sent.back().bytes, dmx("d", 0));
 }
 
+class PauseBeforeTheFirstDatagramTest : public PlayerTest {
+protected:
+  /// Two universes in the first frame, and a later level. Space is pressed at once, and again after 3.5 s.
+  PauseBeforeTheFirstDatagramTest() {
+    record({{dmx("a", 0), 0}, {dmx("b", 1), 10 * kMs}, {dmx("c", 0), 10 * kSecond}});
+    command_at({{-kLead, {Kind::Pause}}, {3500 * kMs, {Kind::Pause}}});
+  }
+
+  std::string levels_within(std::int64_t from, std::int64_t to) const {
+    std::string levels;
+    for (const Sent& one : sent_within(from, to)) levels += one.bytes.back();
+    return levels;
+  }
+};
+
+TEST_F(PauseBeforeTheFirstDatagramTest, ShowsTheFirstFrameAndStands) {
+  play();
+  EXPECT_EQ(levels_within(0, 50 * kMs), "ab");
+  EXPECT_EQ(levels_within(50 * kMs, 3500 * kMs), "ababab");
+  EXPECT_EQ(levels_within(3500 * kMs, 20 * kSecond), "c");
+  EXPECT_NEAR(static_cast<double>(sink.sent.back().time), static_cast<double>(13'500 * kMs), 50.0 * kMs);
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, ShowsItWithoutLooksToo) {
+  options.look = false;
+  play();
+  EXPECT_EQ(levels_within(0, 3500 * kMs), "abababab");
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, ShowsTheWholeLookOfTheStart) {
+  options.selection.start = 5 * kSecond;
+  play();
+  EXPECT_EQ(levels_within(500 * kMs, 3500 * kMs), "ababab");
+  EXPECT_EQ(levels_within(3500 * kMs, 20 * kSecond), "c");
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, AFadeBeginsAfterIt) {
+  record({{dmx("\xC8"), 0}, {dmx("\xC8"), 10 * kSecond}});
+  options.fade_in = 2 * kSecond;
+  play();
+  EXPECT_EQ(levels_within(0, 3500 * kMs), std::string(4, '\0'));
+  const std::vector<Sent> after = sent_within(4500 * kMs, 4550 * kMs);
+  ASSERT_FALSE(after.empty());
+  EXPECT_NEAR(static_cast<std::uint8_t>(after.front().bytes.back()), 100, 6);
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, StandsInTheDarkWhereTheRecordingIsDark) {
+  options.selection.only = cue::UniverseSet();
+  options.selection.only->insert(1);
+  record({{dmx("a", 0), 0}, {dmx("b", 1), 5 * kSecond}});
+  play();
+  ASSERT_EQ(sink.sent.size(), 1U);
+  EXPECT_NEAR(static_cast<double>(sink.sent[0].time), static_cast<double>(8500 * kMs), 50.0 * kMs);
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, APauseThatEndsAtOnceLosesNothing) {
+  command_at({{-kLead, {Kind::Pause}}, {-kLead, {Kind::Pause}}});
+  play();
+  EXPECT_EQ(levels_within(0, 20 * kSecond), "abc");
+}
+
+TEST_F(PauseBeforeTheFirstDatagramTest, AJumpInTheSameMomentIsTheOneThatCounts) {
+  command_at({{-kLead, {Kind::Pause}}, {-kLead, {Kind::Seek, 5 * kSecond}}, {500 * kMs, {Kind::Pause}}});
+  play();
+  EXPECT_EQ(levels_within(0, 20 * kSecond), "abc");
+  EXPECT_NEAR(static_cast<double>(sink.sent.back().time), static_cast<double>(5500 * kMs), 50.0 * kMs);
+}
+
+TEST_F(PlayerTest, AJumpWithinALookShowsAllUniversesOfIt) {
+  record({{dmx("a", 0), 0}, {dmx("b", 1), 0}, {dmx("c", 2), 0}, {dmx("A", 0), 10 * kSecond}});
+  options.selection.start = 5 * kSecond;
+  command_at({{-kLead, {Kind::Seek, kSecond}}});
+  std::string levels;
+  for (const Sent& one : play()) levels += one.bytes.back();
+  EXPECT_EQ(levels, "abcA");
+}
+
 TEST_F(PlayerTest, AFadeStandsDuringAPause) {
   record({{dmx("\xC8"), 0}, {dmx("\xC8"), 4 * kSecond}});
   options.fade_in = 2 * kSecond;
@@ -880,22 +957,31 @@ TEST_F(PauseWithinARepeatTest, DoesNotFlashAfterAJump) {
   expect_no_flash();
 }
 
-TEST_F(PlayerTest, GoesOnWhereTheSystemHadStoppedIt) {
+class StopBySystemTest : public PlayerTest {
+protected:
+  /// The system stops the program after a second for two and a half.
+  StopBySystemTest() {
+    clock.on_sleep = [this](std::int64_t) {
+      if (now() < kSecond || was_stopped) return;
+      was_stopped = continued = true;
+      clock.time += std::chrono::milliseconds(2500);
+    };
+    next_command = [this]() -> std::optional<cue::PlayCommand> {
+      if (!std::exchange(continued, false)) return std::nullopt;
+      return cue::PlayCommand{Kind::Seek, 0};
+    };
+  }
+
+private:
+  bool was_stopped = false;
+  bool continued = false;
+};
+
+TEST_F(StopBySystemTest, GoesOnWhereItWas) {
   std::vector<recordings::Datagram> datagrams;
   for (int i = 0; i < 100; ++i)
     datagrams.emplace_back(dmx(packets::byte(static_cast<unsigned>(i))), 100 * kMs);
   record(datagrams);
-  bool continued = false;
-  bool was_stopped = false;
-  clock.on_sleep = [&](std::int64_t) {
-    if (now() < kSecond || was_stopped) return;
-    was_stopped = continued = true;
-    clock.time += std::chrono::milliseconds(2500);
-  };
-  next_command = [&]() -> std::optional<cue::PlayCommand> {
-    if (!std::exchange(continued, false)) return std::nullopt;
-    return cue::PlayCommand{Kind::Seek, 0};
-  };
   play();
   // Each level once, and the look at the place of the stop.
   ASSERT_EQ(sink.sent.size(), 101U);
@@ -904,6 +990,15 @@ TEST_F(PlayerTest, GoesOnWhereTheSystemHadStoppedIt) {
     if (levels.empty() || levels.back() != one.bytes.back()) levels += one.bytes.back();
   EXPECT_EQ(levels.size(), 100U);
   EXPECT_NEAR(static_cast<double>(sink.sent.back().time), static_cast<double>(12'400 * kMs), 50.0 * kMs);
+}
+
+TEST_F(StopBySystemTest, AFadeStandsMeanwhile) {
+  record({{dmx("\xC8"), 0}, {dmx("\xC8"), 40 * kSecond}});
+  options.fade_in = 4 * kSecond;
+  play();
+  const std::vector<Sent> after = sent_within(3500 * kMs, 3600 * kMs);
+  ASSERT_FALSE(after.empty());
+  for (const Sent& one : after) EXPECT_NEAR(static_cast<std::uint8_t>(one.bytes.back()), 51, 7) << one.time;
 }
 
 TEST_F(PlayerTest, StopsDuringAPause) {
