@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <limits>
 #include <optional>
+#include <string>
 #include <utility>
 
+#include "cue/CueError.h"
 #include "cue/DatagramWalk.h"
 #include "cue/Looks.h"
 #include "cue/RecordingWriter.h"
@@ -134,12 +136,16 @@ Written cut(const CutOptions& options) {
       selection.stop ? std::min(*selection.stop - selection.start, default_gap()) : default_gap();
   Looks looks;
   bool begun = false;
+  std::optional<std::int64_t> last;
+  bool past = false;
   Record record;
   while (reader.next(record)) {
     const bool before = record.time < selection.start;
+    past = selection.is_past(record.time);
+    if (!past) last = record.time;
     if (before && !options.look) continue;
     if (!before && !std::exchange(begun, true) && span > 0) timeline.begin_with(looks, selection.start, span);
-    if (selection.is_past(record.time)) break;
+    if (past) break;
     const auto picked = selector.pick_universes(record.data, record.size);
     if (!picked) continue;
     if (before)
@@ -148,6 +154,8 @@ Written cut(const CutOptions& options) {
       timeline.add(*picked, record.time);
   }
   timeline.finish_looks();
+  if (timeline.empty())
+    throw CueError(options.file.name() + ": nothing to cut: " + why_nothing(selection, last, past));
   return timeline.commit();
 }
 
@@ -173,6 +181,9 @@ Written join(const JoinOptions& options) {
     }
     timeline.finish_looks();
   }
+  if (timeline.empty())
+    throw CueError(std::string("nothing to join: none of the recordings holds a ") +
+                   (options.selection.only ? "wanted universe" : "datagram"));
   return timeline.commit();
 }
 

@@ -43,11 +43,13 @@ struct Written {
 /// it was recorded. The looks are spread over one frame, in the order of the universes, and what was recorded
 /// keeps its time from the start; of a universe that comes again before its look does, the look is left out.
 /// Universes that have not come yet have none, and behind the end of the recording there is no look.
-/// @throws CueError when the file is damaged or cannot be read, or the output cannot be written
+/// @throws CueError when the file is damaged or cannot be read, when it holds nothing of the selection, or
+/// the output cannot be written; no output is there then
 Written cut(const CutOptions& options);
 
 /// Writes recordings as one, in order. Each file but the first begins, in the same way, with the look that
-/// each universe has at the end of the files before it. @throws CueError as cut()
+/// each universe has at the end of the files before it. @throws CueError as cut(), when none of them holds
+/// anything of the selection
 Written join(const JoinOptions& options);
 
 }  // namespace cue

@@ -121,15 +121,8 @@ std::optional<PassReader::End> PassReader::find_end() const {
 }
 
 std::string PassReader::why_nothing() const {
-  const std::string text = input.name() + ": nothing to play: ";
-  const std::string end_text = last ? "it ends at " + format_time(*last) : "";
-  if (!last && !(pending && selection.is_past(record.time))) return text + "it holds no datagrams";
-  if (!pending && *last < selection.start)
-    return text + end_text + ", before " + format_time(selection.start);
-  const std::string range = (selection.start > 0 ? " from " + format_time(selection.start) + " on" : "") +
-                            (selection.stop ? " before " + format_time(*selection.stop) : "");
-  if (selection.only) return text + "it holds none of the wanted universes" + range;
-  return text + "it holds no datagram" + range;
+  return input.name() +
+         ": nothing to play: " + cue::why_nothing(selection, last, pending && selection.is_past(record.time));
 }
 
 }  // namespace cue

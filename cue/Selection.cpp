@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "cue/DatagramWalk.h"
+#include "cue/Time.h"
 
 namespace cue {
 namespace {
@@ -52,6 +53,15 @@ std::optional<Bytes> Selector::wanted_packets(const std::uint8_t* data, std::siz
   if (changed.empty()) return std::nullopt;
   if (all) return Bytes{data, size};
   return Bytes{changed.data(), changed.size()};
+}
+
+std::string why_nothing(const Selection& selection, std::optional<std::int64_t> last, bool goes_on) {
+  if (!last && !goes_on) return "it holds no datagrams";
+  if (!goes_on && *last < selection.start)
+    return "it ends at " + format_time(*last) + ", before " + format_time(selection.start);
+  const std::string range = (selection.start > 0 ? " from " + format_time(selection.start) + " on" : "") +
+                            (selection.stop ? " before " + format_time(*selection.stop) : "");
+  return (selection.only ? "it holds none of the wanted universes" : "it holds no datagram") + range;
 }
 
 }  // namespace cue

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -33,6 +34,11 @@ struct Selection {
 
   bool is_past(std::int64_t time) const { return stop && time >= *stop; }
 };
+
+/// Why a recording has nothing of a selection: "it ends at 2.000 s, before 3.000 s".
+/// @param last     ns, time of the last datagram before selection.stop; nothing: there is none
+/// @param goes_on  there are datagrams from selection.stop on
+std::string why_nothing(const Selection& selection, std::optional<std::int64_t> last, bool goes_on);
 
 /// Bytes of a datagram. They belong to the function that returned them, see there.
 struct Bytes {

@@ -2,7 +2,6 @@
 
 import gzip
 import os
-import shutil
 import struct
 import subprocess
 
@@ -71,7 +70,6 @@ def test_a_capture_goes_through_pipes(tmp_path, exported):
     assert outcome == (0, SHOW, said)
 
 
-@pytest.mark.skipif(shutil.which("editcap") is None, reason="editcap comes with tshark")
 @pytest.mark.parametrize("form", ["pcapng", "nsecpcap"])
 def test_what_wireshark_writes_is_read(tmp_path, exported, form):
     other = tmp_path / "other"
@@ -79,7 +77,6 @@ def test_what_wireshark_writes_is_read(tmp_path, exported, form):
     assert run("import", other, "-o", "-")[:2] == (0, SHOW)
 
 
-@pytest.mark.skipif(shutil.which("mergecap") is None, reason="mergecap comes with tshark")
 def test_interfaces_of_several_link_types_are_read_from_one_file(tmp_path, exported):
     raw, both = tmp_path / "raw.pcap", tmp_path / "both.pcapng"
     frame = udp_frame(SECOND)[14:]
@@ -90,7 +87,6 @@ def test_interfaces_of_several_link_types_are_read_from_one_file(tmp_path, expor
     assert (code, out) == (0, SHOW + oem_vfps_ns(974_999_999) + SECOND)
 
 
-@pytest.mark.skipif(shutil.which("tshark") is None, reason="tshark is not installed")
 def test_tshark_decodes_an_exported_capture(exported):
     fields = ["artnet.output.universe", "ip.checksum.status", "udp.dstport"]
     words = [word for field in fields for word in ("-e", field)]

@@ -55,10 +55,29 @@ TEST_F(Cut, KeepsThePausesBetweenWhatItTakes) {
   EXPECT_EQ(cut(selection), file_of({{dmx("b", 1), 0}, {dmx("d", 1), 20}}));
 }
 
-TEST_F(Cut, MakesAnEmptyRecordingOfNothing) {
-  cue::Selection selection;
-  selection.start = 31;
-  EXPECT_EQ(cut(selection, true), "");
+TEST_F(Cut, SaysWhyAPartHoldsNothingAndWritesNoFile) {
+  cue::Selection behind_end;
+  behind_end.start = 31;
+  cue::Selection other_universe;
+  other_universe.only = cue::UniverseSet();
+  other_universe.only->insert(7);
+  cue::Selection early_part = other_universe;
+  early_part.only->insert(1);
+  early_part.stop = 10;
+  cue::Selection no_time;
+  no_time.stop = 0;
+  const std::vector<std::pair<cue::Selection, std::string>> expected{
+      {behind_end, "it ends at 0.000 s, before 0.000 s"},
+      {other_universe, "it holds none of the wanted universes"},
+      {early_part, "it holds none of the wanted universes before 0.000 s"},
+      {no_time, "it holds no datagram before 0.000 s"}};
+  for (const auto& [selection, reason] : expected) {
+    for (const bool look : {false, true}) {
+      EXPECT_EQ(error_of([&, &wanted = selection] { cut(wanted, look); }),
+                show + ": nothing to cut: " + reason);
+    }
+  }
+  EXPECT_EQ(directory.names(), std::vector<std::string>{"show.cue"});
 }
 
 TEST_F(Cut, ExchangesUniverses) {
@@ -157,11 +176,13 @@ TEST_F(CutWithLooks, FitsIntoAPartThatIsShorterThanAFrame) {
   datagrams.emplace_back(dmx("three", 3), 150 * kMs);
   EXPECT_EQ(cut(datagrams), file_at({{dmx("one", 1, 8), 0}, {dmx("two", 2), 1}, {dmx("four", 4, 3), 2}}));
   options.selection.stop = options.selection.start;
-  EXPECT_EQ(cut(datagrams), "");
+  EXPECT_EQ(error_of([&] { cut(datagrams); }),
+            options.file.path() + ": nothing to cut: it holds no datagram from 0.100 s on before 0.100 s");
 }
 
 TEST_F(CutWithLooks, HasNoLookBehindTheEnd) {
-  EXPECT_EQ(cut(before), "");
+  EXPECT_EQ(error_of([&] { cut(before); }),
+            directory / "show.cue" + ": nothing to cut: it ends at 0.099 s, before 0.100 s");
 }
 
 TEST_F(CutWithLooks, CountsOnWhenItIsToRenumber) {
@@ -330,6 +351,22 @@ TEST(Join, RefusesMoreTimeThanThereIs) {
   options.gap = std::numeric_limits<std::int64_t>::max();
   options.output = directory / "out.cue";
   EXPECT_EQ(error_of([&] { cue::join(options); }), "longer than 292 years");
+}
+
+TEST(Join, SaysThatThereIsNothingAndWritesNoFile) {
+  const unit::Directory directory;
+  cue::JoinOptions options;
+  options.output = directory / "out.cue";
+  const std::string empty = directory.write("empty.cue", "");
+  options.files = {empty, empty};
+  EXPECT_EQ(error_of([&] { cue::join(options); }),
+            "nothing to join: none of the recordings holds a datagram");
+  options.files = {empty, directory.write("show.cue", kDmx)};
+  options.selection.only = cue::UniverseSet();
+  options.selection.only->insert(7);
+  EXPECT_EQ(error_of([&] { cue::join(options); }),
+            "nothing to join: none of the recordings holds a wanted universe");
+  EXPECT_EQ(directory.names(), (std::vector<std::string>{"empty.cue", "show.cue"}));
 }
 
 TEST(Join, NeverReplacesOneOfItsInputs) {

@@ -75,7 +75,6 @@ TEST(Commands, SayWhatTheyWrote) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> expected{
       {{"cut", show, "--stop", "1", "-o", out}, out + ": 1 datagram, 0.000 s\n"},
       {{"join", show, show, "--gap", "2", "-o", out}, out + ": 4 datagrams, 5.000 s\n"},
-      {{"join", show, show, "--only", "7", "-o", out}, out + ": 0 datagrams, 0.000 s\n"},
       {{"export", show, "--pcap", pcap, "--csv", out, "--universe", "5"},
        pcap + ": 2 datagrams\n" + out + ": universe 5, 2 lines\n"},
       {{"import", pcap, "-o", out}, out + ": 2 datagrams, 1.500 s\n"},
@@ -86,6 +85,21 @@ TEST(Commands, SayWhatTheyWrote) {
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.code, 0);
     std::filesystem::remove(out);
+  }
+}
+
+TEST(Commands, FailWhereThereIsNothingToWrite) {
+  const unit::Directory directory;
+  const std::string show = directory.write("show.cue", file_of({{dmx("a", 4), 0}}));
+  const std::string out = directory.write("out", "of another day");
+  const std::vector<std::pair<std::vector<std::string>, std::string>> expected{
+      {{"cut", show, "--only", "7", "--force", "-o", out},
+       show + ": nothing to cut: it holds none of the wanted universes"},
+      {{"join", show, show, "--only", "7", "--force", "-o", out},
+       "nothing to join: none of the recordings holds a wanted universe"}};
+  for (const auto& [words, reason] : expected) {
+    EXPECT_EQ(unit::error_of([&, &line = words] { run(line); }), reason);
+    EXPECT_EQ(directory.content("out"), "of another day");
   }
 }
 
