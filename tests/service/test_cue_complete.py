@@ -5,8 +5,9 @@ import os
 import subprocess
 
 import pytest
-from harness import EXECUTABLE, Recording, spin_until
+from harness import BROADCAST, EXECUTABLE, Recording, spin_until
 from harness.artnet import OP_DMX, art_dmx, oem_vfps_ns, opcode_of
+from harness.dmxnet import DmxNet
 from harness.olad import is_frame
 from harness.qlcplus import QlcPlus
 from harness.sanitizers import environment
@@ -31,6 +32,10 @@ def judged(path):
     (info,) = json.loads(cue("info", "--json", path)[1])
     assert info["verdict"] == verdict[len(f"{path}: ") :]
     return code, info["verdict"], info["universes"]
+
+
+def is_dmx(datagram):
+    return opcode_of(datagram.data) == OP_DMX
 
 
 def write(path, frames):
@@ -90,14 +95,36 @@ def test_a_recording_of_qlcplus_proves_itself_complete(service):
     with QlcPlus(world, host, [11, 22, 33, 44]):
         capture.wait_for(lambda datagram: is_frame(datagram, 1, [11, 22, 33, 44]), "ArtDmx of the scene")
         count = 60
-        spin_until(
-            lambda: sum(opcode_of(datagram.data) == OP_DMX for datagram in capture.datagrams()) >= count, "frames of QLC+"
-        )
+        spin_until(lambda: sum(map(is_dmx, capture.datagrams())) >= count, "frames of QLC+")
         service.settle()
         service.client.stop()
     code, verdict, universes = judged(path)
     assert [(universe["universe"], universe["missing"]) for universe in universes] == [(1, 0), (2, 0)]
     assert (code, verdict) == (0, "complete")
+
+
+def test_a_recording_of_dmxnet_proves_itself_complete(service, tmp_path):
+    world = service.world
+    host = world.network.peer("dmxnet", "10.77.0.7")
+    capture = host.capture()
+    path = world.path("cue")
+    service.client.grab(path)
+    with DmxNet(world, host, [0, 17, 0x1234], BROADCAST, frame_ms=10):
+        # It counts from 1 to 255, and again from 1.
+        for number in (255, 32):
+            mark = len(capture.datagrams())
+            capture.wait_for_next(
+                mark, lambda datagram, wanted=number: is_dmx(datagram) and datagram.data[12] == wanted, f"number {number}"
+            )
+    service.settle(host.endpoint())
+    service.client.stop()
+    assert Recording.read(path).datagrams == [datagram.data for datagram in capture.datagrams() if is_dmx(datagram)]
+    code, verdict, universes = judged(path)
+    assert (code, verdict) == (0, "complete")
+    assert [(universe["universe"], universe["counting"]) for universe in universes] == [(1, "own"), (18, "own"), (4661, "own")]
+    assert cue("verify", "--strict", path)[0] == 0
+    code, verdict, _ = judged(without(path, {300, 303, 401}, tmp_path / "cut"))
+    assert (code, verdict) == (1, "3 datagrams missing in 2 universes")
 
 
 # How other senders count, as bytes on the wire.
