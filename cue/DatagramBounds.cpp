@@ -147,7 +147,7 @@ public:
       if (!begins_packet(all.from(at))) break;
     }
     if (others && good > plain && !shape_of(all.bytes, good).recordable()) return {plain, Behind::Unknown};
-    return {good, behind};
+    return {good, behind, !others && behind != Behind::TooLong};
   }
 
 private:
@@ -162,8 +162,8 @@ private:
       behind = look(rest);
       return false;
     }
-    const std::size_t dmx = dmx_size(rest.bytes, rest.size);
-    const std::size_t size = dmx > 0 ? dmx + padding_of(rest, dmx) : other_size(rest);
+    const std::size_t dmx = padded_dmx_size(rest.bytes, rest.size);
+    const std::size_t size = dmx > 0 ? dmx : other_size(rest);
     if (size == 0 || at + size > kLongestDatagram) {
       behind = size == 0 ? Behind::Unknown : Behind::TooLong;
       return false;
@@ -238,6 +238,11 @@ std::size_t dmx_size(const std::uint8_t* bytes, std::size_t available) {
       static_cast<std::size_t>(bytes[kDmxSlotsOffset] << 8) | bytes[kDmxSlotsOffset + 1];
   const std::size_t size = kDmxHeaderSize + slots;
   return slots <= kDmxSlots && size <= available ? size : 0;
+}
+
+std::size_t padded_dmx_size(const std::uint8_t* bytes, std::size_t available) {
+  const std::size_t size = dmx_size(bytes, available);
+  return size > 0 ? size + padding_of({bytes, available}, size) : 0;
 }
 
 const char* text_of(Behind behind) {

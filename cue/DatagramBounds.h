@@ -19,6 +19,9 @@ std::int64_t delay_pause(const std::uint8_t* bytes);
 /// Size of the whole ArtDmx at @p bytes, 0 when there is none.
 std::size_t dmx_size(const std::uint8_t* bytes, std::size_t available);
 
+/// Size of the ArtDmx at @p bytes with what its sender has added up to a rounded size, 0 when there is none.
+std::size_t padded_dmx_size(const std::uint8_t* bytes, std::size_t available);
+
 /// What follows a datagram.
 enum class Behind {
   Delay,         // a delay record
@@ -38,6 +41,7 @@ const char* text_of(Behind behind);
 struct DatagramBounds {
   std::size_t size = 0;  // of the datagram at the beginning; 0 when there is none with an ArtDmx
   Behind behind = Behind::Unknown;
+  bool row = false;  // nothing but ArtDmx packets: one that begins with a later of them ends in the same way
 
   /// Whether what follows shows that the datagram ends there.
   bool ends_well() const {

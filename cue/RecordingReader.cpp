@@ -197,6 +197,9 @@ bool RecordingReader::find_good() {
 /// @return 0 when they are one, or the number of bytes in which none begins
 std::size_t RecordingReader::take_up(bool behind_damaged_delay) {
   if (!behind_damaged_delay && dmx_size(data(), available()) == 0) return 1;
+  const bool in_bad_row = position() == bad_row_next && position() < bad_row_end;
+  if (in_bad_row) bad_row_next += padded_dmx_size(data(), available());
+  if (in_bad_row && !behind_damaged_delay) return 1;
   const DatagramBounds bounds = bounds_of(data(), available());
   if (bounds.size == 0) return 1;
   if (behind_damaged_delay) {
@@ -205,6 +208,10 @@ std::size_t RecordingReader::take_up(bool behind_damaged_delay) {
     return 0;
   }
   if (bounds.ends_well()) return 0;
+  if (bounds.row && position() >= bad_row_end) {
+    bad_row_next = position() + padded_dmx_size(data(), available());
+    bad_row_end = position() + bounds.size;
+  }
   // All packets of an endless row end alike.
   return bounds.behind == Behind::TooLong ? bounds.size : 1;
 }

@@ -115,6 +115,9 @@ private:
   std::optional<Damage> found_damage;
   std::uint64_t search_from = 0;  // after damage: a delay record can begin here
   std::uint64_t lost = 0;         // see lost_bytes()
+  // A row of packets that ends badly, as find_good() has seen: offsets of its next packet and of its end.
+  std::uint64_t bad_row_next = 0;
+  std::uint64_t bad_row_end = 0;
 };
 
 }  // namespace cue

@@ -484,6 +484,22 @@ TEST(RecordingReader, GoesOnBehindADamage) {
   EXPECT_EQ(reading.times, (std::vector<std::int64_t>{0, 5, 18, 26}));
 }
 
+TEST(RecordingReader, PassesOverRowsOfPacketsThatEndBadly) {
+  std::string row;
+  for (int i = 0; i < 300; ++i) row += dmx("ab") + (i % 7 == 0 ? std::string(2, '\0') : "");
+  // The second row is within the slots of a packet of the first.
+  const std::string file = dmx("a") + "junk" + row + dmx(row.substr(0, 500)) + row + "junk" + row + "junk" +
+                           delay(9) + dmx("z") + delay(5) + dmx("y");
+  cue::RecordingReader reader(recordings::source_of(file, 4096), "show.cue");
+  std::vector<std::string> found;
+  cue::Record record;
+  do {
+    while (reader.next(record)) found.emplace_back(reinterpret_cast<const char*>(record.data), record.size);
+  } while (reader.resume());
+  EXPECT_EQ(found, (std::vector<std::string>{dmx("a"), dmx("z"), dmx("y")}));
+  EXPECT_EQ(reader.lost_bytes(), file.size() - found.size() * dmx("a").size() - 2 * delay(1).size());
+}
+
 TEST(RecordingReader, FindsTheFirstDatagramBehindABrokenBeginning) {
   cue::RecordingReader reader =
       recordings::reader_of(std::string(9000, 'x') + delay(7) + kDmx + delay(8) + kDmx);
