@@ -40,7 +40,8 @@ class DmxNet:
             "long_name": LONG_NAME,
             "frame_ms": frame_ms,
             "universes": [
-                {"net": number >> 8, "subnet": number >> 4 & 15, "universe": number & 15, "ip": target} for number in port_addresses
+                {"net": number >> 8, "subnet": number >> 4 & 15, "universe": number & 15, "ip": target}
+                for number in port_addresses
             ],
         }
         self.host = host

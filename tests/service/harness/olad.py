@@ -32,10 +32,11 @@ class Olad:
 
     Output port p of sub-net 0 has the port-address of the universe that it is patched to, modulo 16. Without
     `always_broadcast` it sends only to nodes that announced the port-address. With `e131_inputs` it also receives E1.31
-    on so many ports of another device (`e131_device`); such a port has the number of the universe that it is patched to.
+    on so many ports of another device (`e131_device`), and with `e131_outputs` it sends E1.31 on so many of that device; such a
+    port has the number of the universe that it is patched to.
     """
 
-    def __init__(self, world, host, always_broadcast=True, ports=4, net=0, subnet=0, e131_inputs=0):
+    def __init__(self, world, host, always_broadcast=True, ports=4, net=0, subnet=0, e131_inputs=0, e131_outputs=0):
         self.host = host
         self._namespaces = world.namespaces
         directory = world.path(f"ola-{host.name}")
@@ -54,10 +55,10 @@ class Olad:
             "use_loopback": "false",
         }
         settings["ola-e131.conf"] = {
-            "enabled": str(e131_inputs > 0).lower(),
+            "enabled": str(e131_inputs + e131_outputs > 0).lower(),
             "ip": host.address,
             "input_ports": e131_inputs,
-            "output_ports": 0,
+            "output_ports": e131_outputs,
         }
         for name, values in settings.items():
             with open(f"{directory}/{name}", "w", encoding="ascii") as file:
@@ -86,7 +87,7 @@ class Olad:
         )
         assert started, f"olad ended: {self.lines.items}"
         self.device = self._device("ArtNet")
-        self.e131_device = self._device("E1.31") if e131_inputs else None
+        self.e131_device = self._device("E1.31") if e131_inputs + e131_outputs else None
 
     def _device(self, name):
         """Number of the device whose name begins so, when it is there."""
@@ -110,6 +111,10 @@ class Olad:
     def patch_input(self, port, universe):
         """Has an input port of E1.31 feed a universe of olad's own."""
         self.tool("ola_patch", "-d", self.e131_device, "-i", "-p", str(port), "-u", str(universe))
+
+    def patch_e131(self, port, universe):
+        """Has an output port of E1.31 send a universe of olad's own."""
+        self.tool("ola_patch", "-d", self.e131_device, "-p", str(port), "-u", str(universe))
 
     def set_dmx(self, universe, values):
         """Sends one frame and keeps it as the universe's state."""
