@@ -129,7 +129,8 @@ FseqHeader decode_fseq_header(const std::vector<std::uint8_t>& bytes, const std:
                             std::to_string(kFseqMostChannels));
   if (header.step == 0) throw refused(file, "the step from frame to frame is 0 ms");
   const std::size_t variables = header.version == 1 ? fixed : decode_tables(bytes, file, header);
-  header.media = media_name(bytes, std::max<std::size_t>(variables, get(bytes.data() + kVariablesOffset, 2)));
+  header.media = media_name(
+      bytes, std::max(variables, static_cast<std::size_t>(get(bytes.data() + kVariablesOffset, 2))));
   return header;
 }
 

@@ -59,8 +59,9 @@ std::vector<Piece> pieces_of(const FseqHeader& header) {
   std::size_t at = 0;
   for (const ChannelRange& range : ranges) {
     for (std::uint64_t channel = range.first; channel < range.end();) {
-      const std::size_t slot = channel % kDmxSlots;
-      const std::size_t count = std::min<std::uint64_t>(kDmxSlots - slot, range.end() - channel);
+      const auto slot = static_cast<std::size_t>(channel % kDmxSlots);
+      const auto count =
+          static_cast<std::size_t>(std::min<std::uint64_t>(kDmxSlots - slot, range.end() - channel));
       pieces.push_back({static_cast<std::uint16_t>(channel / kDmxSlots), static_cast<std::uint16_t>(slot),
                         static_cast<std::uint16_t>(count), at});
       channel += count;

@@ -1,7 +1,6 @@
 #include "cue/FseqWriter.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <limits>
@@ -18,6 +17,7 @@
 #include "cue/Selection.h"
 #include "cue/Text.h"
 #include "cue/Time.h"
+#include "kesto/wall_clock.h"
 
 namespace cue {
 namespace {
@@ -72,7 +72,7 @@ std::uint64_t sum_of(const std::vector<ChannelRange>& ranges) {
 class Frame {
 public:
   Frame(const std::vector<UniverseInfo>& universes, const std::vector<ChannelRange>& ranges)
-      : levels(sum_of(ranges), 0), places(UniverseSet::kPortAddresses) {
+      : levels(static_cast<std::size_t>(sum_of(ranges)), 0), places(UniverseSet::kPortAddresses) {
     std::size_t range = 0;
     std::size_t before = 0;  // channels of the ranges before
     for (const UniverseInfo& universe : universes) {
@@ -190,9 +190,7 @@ FseqHeader header_of(const RecordingInfo& info, const FseqOptions& options) {
   // A frame of version 1 begins with channel 0.
   if (options.version == 1) header.ranges = {{0, static_cast<std::uint32_t>(header.ranges.front().end())}};
   header.channels = static_cast<std::uint32_t>(sum_of(header.ranges));
-  header.identifier = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                                     std::chrono::system_clock::now().time_since_epoch())
-                                                     .count());
+  header.identifier = static_cast<std::uint64_t>(kesto::wall_time() / 1000);  // us
   return header;
 }
 

@@ -6,7 +6,7 @@
 namespace cue {
 
 std::size_t Lateness::bucket_of(std::uint64_t late) {
-  if (late < (1U << kSubBits)) return late;
+  if (late < (1U << kSubBits)) return static_cast<std::size_t>(late);
   const auto exponent = static_cast<unsigned>(63 - __builtin_clzll(late)) - kSubBits;
   return (std::size_t{exponent} << kSubBits) + static_cast<std::size_t>(late >> exponent);
 }

@@ -1,7 +1,5 @@
 #include "cue/Pcap.h"
 
-#include <pcap/pcap.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -16,6 +14,7 @@
 #include "cue/ByteOrder.h"
 #include "cue/CueError.h"
 #include "cue/DatagramWalk.h"
+#include "cue/Libpcap.h"
 #include "cue/RecordingReader.h"
 #include "cue/Sacn.h"
 #include "cue/Selection.h"
@@ -221,8 +220,7 @@ public:
     frame.link_type = link_type;
     frame.interface = 0;
     frame.bytes = {bytes, header->caplen};
-    // With nanoseconds asked for, tv_usec holds them. The seconds have 32 bits in the file.
-    frame.time = static_cast<std::int64_t>(header->ts.tv_sec) * kSecond + header->ts.tv_usec;
+    frame.time = packet_time(header->ts);
     return true;
   }
 

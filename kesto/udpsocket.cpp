@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -22,6 +21,7 @@
 
 #include "kesto/arrival_clock.h"
 #include "kesto/delay.h"
+#include "kesto/wall_clock.h"
 
 namespace kesto::net {
 namespace {
@@ -44,17 +44,6 @@ sockaddr_in socket_address(in_addr_t address, int port) {
 
 std::int64_t steady_time() {
   return Clock::now().time_since_epoch().count();
-}
-
-std::int64_t wall_time() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-}
-
-/// Wraps around where the sum is too large.
-std::int64_t nanoseconds(const timespec& time) {
-  return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 +
-                                   static_cast<std::uint64_t>(time.tv_nsec));
 }
 
 /// What the kernel tells about a datagram beside it.
@@ -137,7 +126,7 @@ struct UdpSocket::Batch {
   static constexpr size_t kSlotSize = 65536 + 576;
 
   // Control messages of one datagram: its stamp and the drops. The C library of a system of 32 bits may add
-  // the stamp once more, in 64 bits; that fits, too.
+  // the stamp once more, in the other width; that fits, too.
   struct Control {
     alignas(cmsghdr) std::array<char, 64> bytes;
   };

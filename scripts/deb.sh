@@ -5,8 +5,8 @@
 # Builds a copy of the tree SOURCE in PLACE, with options for dpkg-buildpackage; the package arrives beside PLACE. The
 # tree itself stays as it is. The time in all files is that of debian/changelog, so the same tree gives the same package.
 #
-# The unit tests do not run here: ./test runs them in three builds, sanitizers among them, and ./package --arch arm64
-# under qemu.
+# The unit tests do not run here: ./test runs them in three builds, sanitizers among them, and ./package --arch
+# under qemu, ./package --releases on two Debians.
 build_deb() {
   local source=$1 place=$2
   shift 2

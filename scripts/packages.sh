@@ -38,11 +38,10 @@ KADREL_PACKAGE_TEST_PACKAGES=(
   man-db
 )
 
-# What ./package --arch arm64 needs besides: a root with the cross compiler, and the processor.
-KADREL_ARM64_PACKAGES=(
+# What ./package needs besides to make roots of other Debians and to enter them.
+KADREL_ROOT_PACKAGES=(
   iproute2
   mmdebstrap
-  qemu-user-static
   util-linux
 )
 

@@ -138,6 +138,16 @@ TEST_F(PcapExport, SaysWhatE131DoesNotHold) {
   EXPECT_EQ(exported.losses, losses);
 }
 
+TEST(PcapReader, ReadsTimesUntil2106) {
+  for (const unsigned seconds : {0U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
+    const std::string file = pcap_head() + frame("x", seconds, 999'999'999);
+    const auto frames = cue::open_pcap(recordings::source_of(file), "in.pcap");
+    cue::Frame found;
+    ASSERT_TRUE(frames->next(found));
+    EXPECT_EQ(found.time, seconds * std::int64_t{1'000'000'000} + 999'999'999);
+  }
+}
+
 TEST(PcapReader, PassesTheFailureOfItsSourceOn) {
   const std::string head = pcap_head() + frame("x");
   std::size_t left = head.size();

@@ -95,8 +95,8 @@ ssize_t __wrap_sendto(int fd, const void* data, size_t size, int flags, const so
                       socklen_t length);
 kesto::Clock::time_point __real__ZN5kesto5Clock3nowEv();
 kesto::Clock::time_point __wrap__ZN5kesto5Clock3nowEv();
-std::chrono::system_clock::time_point __real__ZNSt6chrono3_V212system_clock3nowEv();
-std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv();
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __wrap_clock_gettime(clockid_t clock, timespec* time);
 int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout);
 
@@ -165,9 +165,12 @@ kesto::Clock::time_point __wrap__ZN5kesto5Clock3nowEv() {
   return kesto::Clock::time_point(kesto::Clock::duration(system_calls().steady_time()));
 }
 
-std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv() {
-  if (!system_calls().wall_time) return __real__ZNSt6chrono3_V212system_clock3nowEv();
-  return std::chrono::system_clock::time_point(std::chrono::nanoseconds(system_calls().wall_time()));
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  if (clock != CLOCK_REALTIME || !system_calls().wall_time) return __real_clock_gettime(clock, time);
+  const std::int64_t wall = system_calls().wall_time();
+  time->tv_sec = static_cast<time_t>(wall / 1'000'000'000);
+  time->tv_nsec = static_cast<long>(wall % 1'000'000'000);
+  return 0;
 }
 
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
@@ -871,6 +874,7 @@ TEST_F(UdpSocketTest, WorksWhereTheSystemRefusesToTellMore) {
 /// Clocks that stand still but for what a test lets pass.
 struct Clocks {
   static constexpr std::int64_t kDifference = 1'800'000'000'000'000'000;
+  static constexpr std::int64_t k2038 = 2'147'483'648'000'000'000;  // 2^31 s
 
   /// The socket's clocks from now on. They are read in the order steady, wall, steady.
   void install() {
@@ -879,7 +883,7 @@ struct Clocks {
       return steady;
     };
     system_calls().wall_time = [this] {
-      const std::int64_t wall = steady + kDifference;
+      const std::int64_t wall = steady + difference;
       if (!preemptions.empty()) {
         steady += preemptions.front();
         preemptions.pop_front();
@@ -889,8 +893,9 @@ struct Clocks {
   }
 
   std::int64_t steady = 1'000'000'000'000;
-  std::deque<std::int64_t> preemptions;  // ns that pass after each reading of the wall clock
-  int readings = 0;                      // of the steady clock
+  std::int64_t difference = kDifference;  // of the wall clock to the steady one
+  std::deque<std::int64_t> preemptions;   // ns that pass after each reading of the wall clock
+  int readings = 0;                       // of the steady clock
 };
 
 TEST_F(UdpSocketTest, LooksAtTheClocksOnceAfterAFetchUnlessItWasPreempted) {
@@ -923,6 +928,28 @@ TEST_F(UdpSocketTest, LooksAtTheClocksOnceAfterAFetchUnlessItWasPreempted) {
     EXPECT_FALSE(other.takeDatagram(datagram));
     EXPECT_EQ(clocks.readings, row.readings);
     reset();
+  }
+}
+
+TEST_F(UdpSocketTest, StampsBeforeAndBeyond2038) {
+  constexpr std::int64_t kMs = 1'000'000;
+  bind_somewhere();
+  const Peer peer;
+  Clocks clocks;
+  clocks.install();
+  for (const std::int64_t wall :
+       {Clocks::k2038 - kMs, Clocks::k2038, Clocks::k2038 + kMs, 2 * Clocks::k2038 + kMs}) {
+    SCOPED_TRACE(wall);
+    clocks.difference = wall - clocks.steady;
+    for (const std::int64_t age : {std::int64_t{0}, 2 * kMs}) {
+      come_with(control_message(SOL_SOCKET, SCM_TIMESTAMPNS, stamp(wall - age)));
+      peer.send("abc", port);
+      Datagram datagram;
+      ASSERT_TRUE(socket.takeDatagram(datagram));
+      EXPECT_TRUE(datagram.stamped);
+      EXPECT_EQ(datagram.rx_time, clocks.steady - age);
+    }
+    clocks.steady += 120'000 * kMs;
   }
 }
 

@@ -484,7 +484,7 @@ private:
       EXPECT_TRUE(grab.ended);
       EXPECT_TRUE(grab.disk.closed);
       ASSERT_LE(done.dropped_at_end, grab.kept.size());
-      grab.kept.resize(grab.kept.size() - done.dropped_at_end);
+      grab.kept.resize(grab.kept.size() - static_cast<std::size_t>(done.dropped_at_end));
       given_up += static_cast<int>(done.dropped_at_end);
       std::string expected;
       for (const std::string& record : grab.kept) expected += record;

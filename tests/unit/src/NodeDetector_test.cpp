@@ -23,16 +23,17 @@ bool no_thread_to_be_had = false;
 
 }  // namespace
 
-// std::thread::_M_start_thread(), the one step of std::thread that can fail.
+// std::thread::_M_start_thread(), the one step of std::thread that can fail. The state is a std::unique_ptr
+// to a private type, which is passed by its address.
 extern "C" {
 void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread* thread, std::thread::_State_ptr state, void (*depend)());
+    std::thread* thread, void* state, void (*depend)());
 void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread* thread, std::thread::_State_ptr state, void (*depend)()) {
+    std::thread* thread, void* state, void (*depend)()) {
   if (no_thread_to_be_had)
     throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-  __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-      thread, std::move(state), depend);
+  __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(thread, state,
+                                                                                               depend);
 }
 }
 
