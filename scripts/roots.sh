@@ -47,9 +47,9 @@ make_root() {
 }
 
 # copy_tree ROOT
-# Puts this tree into a root, as /src, and forgets what was built there.
+# Puts this tree into a root, as /src, with the times of its files: what is not new is not compiled again. Forgets the package.
 copy_tree() {
-  rm -rf -- "$1/src" "$1/build"
+  rm -rf -- "$1/src" "$1/build/package"
   mkdir -p -- "$1/src"
   tar -C "$KADREL_TOP" --exclude=./build --exclude=./out --exclude=./.git --exclude=__pycache__ --exclude=.pytest_cache -c . |
     tar -C "$1/src" -x
@@ -66,6 +66,8 @@ enter() {
     mount --bind "$root" "$root"
     mount -t proc proc "$root/proc"
     mount -t tmpfs tmpfs "$root/tmp"
+    mount -t devpts -o newinstance,ptmxmode=0666 devpts "$root/dev/pts"
+    mount --bind "$root/dev/pts/ptmx" "$root/dev/ptmx"
     ip link set lo up
     exec chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root "$@"
   ' enter "$@"

@@ -1,23 +1,19 @@
-"""The recorder of another processor, under qemu, beside the one of this machine: the same traffic, the same file.
+"""The recorder of another processor, under qemu, beside the one of this machine: the same traffic, the same file."""
 
-./package --arch arm64 runs this and names the executables.
-"""
-
-import os
 import random
 import struct
+import time
 from pathlib import Path
 
 import harness.service
-import pytest
+from both import EMULATOR, FOREIGN, OWN
 from harness import Recording
 from harness.artnet import IDENTIFIER, OP_OEM_VFPS_NS, art_dmx, art_trigger
 from harness.world import World
 
-FOREIGN = os.environ["KADREL_FOREIGN_EXE"]
-EMULATOR = [os.environ["KADREL_FOREIGN_EMULATOR"], "-L", os.environ["KADREL_FOREIGN_ROOT"]]
 UNIVERSES = (0, 1, 15, 16, 255, 256, 4096, 32767)
 FRAMES = 50
+LONG_PAUSE = 2.2  # seconds: more than 2^31 ns
 
 
 def traffic():
@@ -46,7 +42,10 @@ def recorded(name, prefix, executable, monkeypatch):
         assert client.add_manual_node((2, "Wäsche", "Wash 1 to 8", 5, "10.0.0.9", 6454)) is True
         path = world.path("cue")
         client.grab(path)
-        service.feed(traffic())
+        packets = traffic()
+        service.feed(packets[: len(packets) // 2])
+        time.sleep(LONG_PAUSE)
+        service.feed(packets[len(packets) // 2 :])
         assert client.get_status() == "run"
         client.stop()
         report = client.latest_grab().replace(world.directory, "")
@@ -72,12 +71,13 @@ def without_delays(content):
     return bytes(bare)
 
 
-@pytest.mark.skipif(not os.path.exists(FOREIGN), reason="no foreign executable")
 def test_both_processors_record_the_same_file(monkeypatch):
-    own, own_report, own_signals = recorded("this machine", (), harness.service.EXECUTABLE, monkeypatch)
-    foreign, foreign_report, foreign_signals = recorded("arm64 under qemu", EMULATOR, FOREIGN, monkeypatch)
+    own, own_report, own_signals = recorded("this machine", (), OWN, monkeypatch)
+    foreign, foreign_report, foreign_signals = recorded("the other under qemu", EMULATOR, FOREIGN, monkeypatch)
     assert Recording.parse(own).datagrams == [packet for packet in traffic() if packet[8:10] == b"\x00\x50"]
     assert without_delays(foreign) == without_delays(own)
     assert own != foreign, "two recordings never have the same pauses"
+    for content in (own, foreign):
+        assert any(delay >= LONG_PAUSE * 1e9 for delay in Recording.parse(content).delays)
     assert sorted(foreign_report) == sorted(own_report)
     assert foreign_signals == own_signals

@@ -1,9 +1,11 @@
-"""A root that is thrown away: this machine's own, with everything that is changed kept in memory."""
+"""A root that is thrown away: another one, with everything that is changed kept in memory."""
 
 import hashlib
 import os
 import stat
 
+# This machine's own, or that of another Debian.
+BASE = os.path.realpath(os.environ.get("KADREL_ROOT", "/"))
 PLACE = "/mnt"
 ROOT = f"{PLACE}/root"
 # Seen by the mount namespace of one world only. The directory of the world lies in the root under its own name, and with it
@@ -12,10 +14,10 @@ ROOT = f"{PLACE}/root"
 SCRIPT = """
 mount -t tmpfs -o mode=755 tmpfs {place}
 mkdir {place}/upper {place}/work {root}
-mount -t overlay -o lowerdir=/,upperdir={place}/upper,workdir={place}/work overlay {root}
+mount -t overlay -o lowerdir={base},upperdir={place}/upper,workdir={place}/work overlay {root}
 mount -t tmpfs -o mode=755 tmpfs {root}/run
 mount -t tmpfs -o mode=1777 tmpfs {root}/tmp
-mkdir {root}{directory}
+mkdir -p {root}{directory}
 mount --bind {directory} {root}{directory}
 mount --rbind /dev {root}/dev
 mount -t proc proc {root}/proc
@@ -29,7 +31,7 @@ chmod 755 {root}/usr/sbin/policy-rc.d
 class ThrowawayRoot:
     def __init__(self, world):
         self._namespaces = world.namespaces
-        self._namespaces.run(["sh", "-euc", SCRIPT.format(place=PLACE, root=ROOT, directory=world.directory)])
+        self._namespaces.run(["sh", "-euc", SCRIPT.format(base=BASE, place=PLACE, root=ROOT, directory=world.directory)])
 
     def path(self, name):
         """A file of the root, as this process can open it."""
@@ -49,8 +51,8 @@ class ThrowawayRoot:
         return self._namespaces.run(self.command(*command, **arguments), directory="/", deadline=deadline)
 
     def changes(self):
-        """Every file that differs from this machine's: {path: type, mode and content}. Folders that are only passed through
-        do not count."""
+        """Every file that differs from those of the base: {path: type, mode and content}. Folders that are only passed
+        through do not count."""
         upper = f"{self._namespaces.root}{PLACE}/upper"
         found = {}
         for directory, folders, files in os.walk(upper):
@@ -60,7 +62,7 @@ class ThrowawayRoot:
             for name in folders:
                 if os.path.islink(f"{directory}/{name}"):
                     found[f"{inside}/{name}"] = _state(f"{directory}/{name}")
-                elif not os.path.isdir(f"{inside}/{name}"):
+                elif not os.path.isdir(f"{BASE}{inside}/{name}"):
                     found[f"{inside}/{name}/"] = "folder"
         return found
 

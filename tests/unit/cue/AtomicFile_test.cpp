@@ -15,6 +15,7 @@
 #include "unit/cue/directory.h"
 #include "unit/cue/errors.h"
 #include "unit/cue/refused_call.h"
+#include "unit/support/emulator.h"
 
 using cue::AtomicFile;
 using cue::Output;
@@ -123,6 +124,7 @@ TEST_F(AtomicFileTest, KeepsTheModeOfTheFileThatItReplaces) {
 }
 
 TEST_F(AtomicFileTest, KeepsTheOwnerOfTheFileThatItReplaces) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   directory.write("out", "earlier");
   ASSERT_EQ(chown(out.c_str(), 1234, 5678), 0);
@@ -173,6 +175,7 @@ TEST_F(AtomicFileTest, NamesWhatCannotBeAFile) {
 }
 
 TEST_F(AtomicFileTest, TakesTheLongestNames) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   const std::string longest(255, 'n');
   for (const bool unnamed : {true, false}) {
     const auto make = [&] { write(replacing(directory / longest), "all"); };
@@ -269,6 +272,7 @@ TEST_F(AtomicFileTest, LeavesNothingWhereTheDiskTakesNoMore) {
 }
 
 TEST_F(AtomicFileTest, HasAShortNameWhereEveryFileNeedsOne) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   unit::with_refused({kNoUnnamedFiles}, [&] {
     {
       AtomicFile file(out, {});
@@ -292,6 +296,7 @@ TEST_F(AtomicFileTest, HasAShortNameWhereEveryFileNeedsOne) {
 }
 
 TEST_F(AtomicFileTest, SparesOtherFilesWhereARenameCannot) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   unit::with_refused({kNoUnnamedFiles, kNoCarefulRename}, [&] {
     write(out, "one");
     EXPECT_EQ(directory.content("out"), "one");
@@ -307,6 +312,7 @@ TEST_F(AtomicFileTest, SparesOtherFilesWhereARenameCannot) {
 }
 
 TEST_F(AtomicFileTest, IsRemovedByAHandlerOfASignal) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   AtomicFile::remove_unfinished();
   unit::with_refused({kNoUnnamedFiles}, [&] {
     const AtomicFile file(out, {});
@@ -317,6 +323,7 @@ TEST_F(AtomicFileTest, IsRemovedByAHandlerOfASignal) {
 }
 
 TEST_F(AtomicFileTest, SaysWhatTheSystemRefuses) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   unit::with_refused({{SYS_linkat, EPERM}}, [&] {
     EXPECT_EQ(error_of([&] { write(out, "all"); }), out + ": Operation not permitted");
     EXPECT_EQ(error_of([&] { write(replacing(out), "all"); }), out + ": Operation not permitted");

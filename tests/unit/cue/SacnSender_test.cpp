@@ -9,6 +9,7 @@
 #include "unit/cue/receiver.h"
 #include "unit/cue/recordings.h"
 #include "unit/cue/sacn.h"
+#include "unit/support/emulator.h"
 
 using packets::dmx;
 using unit::Receiver;
@@ -126,6 +127,7 @@ void join(const char* group, int fd) {
 }
 
 TEST_F(SacnSenderTest, SendsToTheGroupOfTheUniverseFromTheInterfaceThatIsAskedFor) {
+  NOT_UNDER_AN_EMULATOR("IP_MULTICAST_IF");
   Receiver group("239.255.18.52", cue::kSacnPort);
   join("239.255.18.52", group.descriptor());
   options.targets.clear();
@@ -141,6 +143,7 @@ TEST_F(SacnSenderTest, SendsToTheGroupOfTheUniverseFromTheInterfaceThatIsAskedFo
 }
 
 TEST_F(SacnSenderTest, NamesAnAddressThatItCannotSendFrom) {
+  NOT_UNDER_AN_EMULATOR("IP_MULTICAST_IF");
   options.targets.clear();
   options.from = cue::Destination{"192.0.2.1", 0};
   EXPECT_EQ(unit::error_of([&] { sender(); }), "192.0.2.1:0: Cannot assign requested address");

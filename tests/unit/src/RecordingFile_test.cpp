@@ -2,15 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -247,6 +251,60 @@ TEST(RecordingFile, IsTheSameByEachOfItsNames) {
   EXPECT_FALSE(*FileIdentity::of(QStringLiteral("/dev/null")) == recording->identity());
   EXPECT_FALSE(FileIdentity::of(QStringLiteral("/does/not/exist")));
   unlink(link.c_str());
+}
+
+/// The descriptor of this process for a file.
+int descriptor_of(const std::string& path) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    if (std::filesystem::read_symlink(entry.path(), ignored) == path)
+      return std::stoi(entry.path().filename());
+  }
+  return -1;
+}
+
+TEST(RecordingFile, GrowsBeyond2And4GiB) {
+  const unit::TemporaryFile file("");
+  const auto recording = RecordingFile::open(text(file.path()));
+  ASSERT_NE(recording, nullptr);
+  const int fd = descriptor_of(file.path());
+  for (const qint64 border : {qint64{1} << 31, qint64{1} << 32}) {
+    // What lies before takes no room.
+    ASSERT_EQ(lseek(fd, border - 3, SEEK_SET), border - 3);
+    EXPECT_EQ(recording->write("across"), 6);
+    EXPECT_EQ(recording->write("beyond"), 6);
+    EXPECT_EQ(recording->size(), border + 9);
+    std::ifstream read(file.path(), std::ios::binary);
+    read.seekg(border - 3);
+    std::string found(12, ' ');
+    read.read(found.data(), 12);
+    EXPECT_EQ(found, "acrossbeyond");
+  }
+}
+
+TEST(RecordingFile, CountsBeyond4GiBWhatTheDiskIsToldToTake) {
+  constexpr std::size_t kPortion = 1 << 30;
+  // Never touched, so it takes no memory.
+  void* const bytes = mmap(nullptr, kPortion, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(bytes, MAP_FAILED);
+  const auto recording = RecordingFile::open(QStringLiteral("/dev/null"));
+  ASSERT_NE(recording, nullptr);
+  told.clear();
+  std::vector<Told> expected;
+  for (off64_t i = 0; i < 5; ++i) {
+    ASSERT_EQ(recording->write({static_cast<const char*>(bytes), kPortion}), static_cast<ssize_t>(kPortion));
+    expected.emplace_back(i << 30, kPortion, SYNC_FILE_RANGE_WRITE);
+  }
+  EXPECT_EQ(told, expected);
+  munmap(bytes, kPortion);
+}
+
+TEST(FileIdentity, IsThatOfAFileOf2040) {
+  const unit::TemporaryFile file("");
+  constexpr time_t k2040 = 2'208'988'800;
+  const timespec times[2] = {{k2040, 0}, {k2040, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file.path().c_str(), times, 0), 0);
+  EXPECT_TRUE(FileIdentity::of(text(file.path())));
 }
 
 }  // namespace
