@@ -15,7 +15,7 @@ def answers(*arguments, directory, network=()):
     WHO in an argument is a name of its own for each. `network`: what is called to run them in a network of their own.
     """
     found = []
-    for who, prefix, program in ("own", (), OWN), ("foreign", EMULATOR, FOREIGN):
+    for who, prefix, program in ("by-this-one", (), OWN), ("by-the-other", EMULATOR, FOREIGN):
         outcome = subprocess.run(
             [*network, *prefix, program.parent / "kadrel-cue", *(str(word).replace("WHO", who) for word in arguments)],
             cwd=directory, capture_output=True, timeout=900, check=False, text=True,

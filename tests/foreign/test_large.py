@@ -15,6 +15,7 @@ import pytest
 from both import EMULATOR, FOREIGN, answers
 from harness import Recording
 from harness.artnet import IDENTIFIER, OP_OEM_VFPS_NS, art_dmx
+from harness.waiting import spin_until
 from harness.world import World
 
 UNIVERSES = 3
@@ -22,6 +23,8 @@ PAUSE = 3_000_000_000  # ns, more than 2^31
 SYS_PIDFD_GETFD = 438  # on every processor
 IN_2040 = 2_208_988_800  # s since 1970
 FRAMES_OF_A_BLOCK = 255 * 40
+DELAY = 18  # bytes of a pause
+RECORD = DELAY + 530
 
 
 def frame(number):
@@ -39,7 +42,7 @@ def directory():
 
 @pytest.fixture
 def large(directory):
-    """A recording of more than 4 GiB and of 274 days, and its number of datagrams."""
+    """A recording of more than 4 GiB and of 273 days, and its number of datagrams."""
     block = b"".join(map(frame, range(FRAMES_OF_A_BLOCK)))
     blocks = 2**32 // len(block) + 1
     with open(directory / "show.cue", "wb") as file:
@@ -64,7 +67,8 @@ def test_a_recording_beyond_4_gib_is_read_and_cut_the_same(directory, large):
     own, foreign = answers("cut", "show.cue", "--start", start, "--no-look", "-o", "WHO.cue", directory=directory)
     assert foreign == own and foreign[0] == 0
     last = b"".join(map(frame, range(FRAMES_OF_A_BLOCK - 10, FRAMES_OF_A_BLOCK)))
-    assert (directory / "own.cue").read_bytes() == (directory / "foreign.cue").read_bytes() == last[18:]
+    assert (directory / "by-this-one.cue").read_bytes() == last[DELAY:]
+    assert (directory / "by-the-other.cue").read_bytes() == last[DELAY:]
 
     own, foreign = answers(
         "play", "show.cue", "--to", "127.0.0.1", "--start", start, "--speed", "100x", "--stats",
@@ -91,6 +95,11 @@ class SharedFile:
         os.close(self.descriptor)
 
 
+def wait_for_position(descriptor, position):
+    """Returns when the process has written up to there."""
+    spin_until(lambda: os.lseek(descriptor, 0, os.SEEK_CUR) >= position, "the recorder to write")
+
+
 def test_the_recorder_writes_and_copies_beyond_2_and_4_gib(monkeypatch):
     monkeypatch.setattr(harness.service, "EXECUTABLE", FOREIGN)
     # The file system of the world may have little room; a file with a hole needs none, and its copy does.
@@ -104,20 +113,22 @@ def test_the_recorder_writes_and_copies_beyond_2_and_4_gib(monkeypatch):
         service.feed(frames[:1])
         ends = []
         with SharedFile(service.pid, path) as file:
+            wait_for_position(file, RECORD - DELAY)
             for number, border in enumerate((2**31, 2**32)):
                 # Some datagrams before the border, one across it, some after it.
                 begin = os.lseek(file, border - 5000, os.SEEK_SET)
                 service.feed(frames[1 + 15 * number : 16 + 15 * number])
-                ends.append((begin, os.lseek(file, 0, os.SEEK_CUR)))
+                ends.append((begin, begin + 15 * RECORD))
+                wait_for_position(file, ends[-1][1])
         world.client.stop()
         assert ends[-1][1] > 2**32 and os.path.getsize(path) == ends[-1][1]
-        copy = world.client.dup_cue(place, path)
+        copy = world.client.call("dup_cue", place, path, deadline=900)
         for name in (path, copy):
             with open(name, "rb") as cue:
                 for number, (begin, end) in enumerate(ends):
                     cue.seek(begin)
                     # Without the pause before the first of them.
-                    part = cue.read(end - begin)[18:]
+                    part = cue.read(end - begin)[DELAY:]
                     assert Recording.parse(part).datagrams == frames[1 + 15 * number : 16 + 15 * number]
         assert os.path.getsize(copy) == os.path.getsize(path)
 
@@ -128,8 +139,12 @@ def test_files_and_folders_of_2040_are_like_all_others(directory, monkeypatch):
     os.utime(directory / "show.cue", (IN_2040, IN_2040))
     own, foreign = answers("verify", "show.cue", directory=directory)
     assert foreign == own and foreign[0] == 0 and "31 datagrams" in foreign[1]
-    own, foreign = answers("cut", "show.cue", "--start", "3", "-o", "show.cue", "--force", directory=directory)
-    assert foreign[0] == own[0] == 0
+    for name in ("by-this-one", "by-the-other"):
+        (directory / name).write_bytes(b"an earlier one")
+        os.utime(directory / name, (IN_2040, IN_2040))
+    own, foreign = answers("cut", "show.cue", "--start", "3", "-o", "WHO", "--force", directory=directory)
+    assert foreign == own and foreign[0] == 0
+    assert (directory / "by-this-one").read_bytes() == (directory / "by-the-other").read_bytes()
 
     monkeypatch.setattr(harness.service, "EXECUTABLE", FOREIGN)
     with World() as world:
