@@ -16,6 +16,8 @@
 #define NCURSES_NOMACROS
 #include <curses.h>
 #include <term.h>
+// A name of that header for what a terminal can do.
+#undef lines
 
 namespace kadrel_cue {
 namespace {
@@ -191,10 +193,10 @@ unsigned TopScreen::attributes_of(TopStyle style) const {
   return A_NORMAL;
 }
 
-void TopScreen::draw(const std::vector<TopLine>& screen) {
+void TopScreen::draw(const std::vector<TopLine>& lines) {
   werase(stdscr);
-  for (std::size_t row = 0; row < screen.size(); ++row) {
-    const TopLine& line = screen[row];
+  for (std::size_t row = 0; row < lines.size(); ++row) {
+    const TopLine& line = lines[row];
     const int y = static_cast<int>(row);
     wattrset(stdscr, static_cast<int>(attributes_of(line.style)));
     mvwaddnstr(stdscr, y, 0, line.text.data(), static_cast<int>(line.text.size()));

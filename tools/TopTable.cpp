@@ -139,7 +139,7 @@ std::string address_text(std::uint16_t universe) {
 
 std::string way_text(const cue::StreamFigures& stream) {
   const bool sacn = stream.protocol == cue::Protocol::Sacn;
-  const std::string protocol = sacn ? "sACN" : "Art";
+  std::string protocol = sacn ? "sACN" : "Art";
   if (stream.sender == 0) return protocol;
   return protocol + (stream.unicast ? " uc" : sacn ? " mc" : " bc");
 }
@@ -147,7 +147,7 @@ std::string way_text(const cue::StreamFigures& stream) {
 std::string short_count(std::uint64_t count) {
   constexpr std::uint64_t kWhole = 100'000;
   if (count < kWhole) return std::to_string(count);
-  double number = static_cast<double>(count);
+  auto number = static_cast<double>(count);
   for (const char unit : {'k', 'M', 'G', 'T', 'P'}) {
     number /= 1000;
     if (number < 999.5) return fixed(number, number < 99.95 ? 1 : 0) + unit;
@@ -156,10 +156,11 @@ std::string short_count(std::uint64_t count) {
 }
 
 std::string short_number(double number, std::size_t width) {
-  const std::string text = fixed(number, 1);
-  if (text.size() <= width) return text;
-  const std::string whole = fixed(number, 0);
-  return whole.size() <= width ? whole : std::string(width, '9');
+  for (const int decimals : {1, 0}) {
+    std::string text = fixed(number, decimals);
+    if (text.size() <= width) return text;
+  }
+  return std::string(width, '9');
 }
 
 std::string left_aligned(const std::string& text, std::size_t width) {

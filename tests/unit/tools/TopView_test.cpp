@@ -442,7 +442,7 @@ TEST(TopLevels, SayWhenTheSenderIsForgotten) {
 }
 
 TEST(TopHelp, FitsOnAnUsualTerminal) {
-  for (const int key : {'?', 'h'}) {
+  for (const char key : {'?', 'h'}) {
     TopView view = view_of(usual());
     view.press(key);
     const Lines help = screen_of(view, {1000, 1000});
@@ -471,7 +471,7 @@ TEST(TopHelp, ScrollsOnASmallOne) {
 }
 
 TEST(TopKeys, EndTheProgram) {
-  for (const int key : {'q', 'Q'}) {
+  for (const char key : {'q', 'Q'}) {
     TopView view = view_of(usual());
     EXPECT_FALSE(view.press(key));
     view.press(top_key::kEnter);
@@ -508,7 +508,8 @@ TEST(TopView, ShowsNoControlCharacters) {
   for (auto& one : figures.traffic.streams)
     one.name =
         "\x1b[2J\n\x9b"
-        "1m\xE2\x80\xAE";
+        "1m\xE2"
+        "\x80\xAE";
   TopView view = view_of(figures);
   for (const int page : {0, top_key::kEnter, static_cast<int>('?')}) {
     view.press(page);
