@@ -18,6 +18,7 @@
 #include "cue/live/LiveCapture.h"
 #include "cue/live/Traffic.h"
 #include "kesto/network_interface.h"
+#include "kesto/wall_clock.h"
 #include "tools/Arguments.h"
 #include "tools/Command.h"
 #include "tools/Finding.h"
@@ -37,10 +38,6 @@ constexpr std::int64_t kLongestListening = 3600 * cue::kSecond;
 
 // A service that works answers within milliseconds.
 constexpr double kServicePatience = 5;  // seconds
-
-std::int64_t time_now() {
-  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
-}
 
 ServiceLook look_at_bus() {
   ServiceLook look;
@@ -102,7 +99,7 @@ Heard listen(std::int64_t time) {
     cue::LiveCapture capture(kLightingInterface);
     cue::Traffic traffic;
     const double seconds = follow(capture, traffic, time);
-    take_figures(traffic.figures(time_now()), seconds, own_address(), heard);
+    take_figures(traffic.figures(kesto::wall_time()), seconds, own_address(), heard);
     heard.lost = capture.lost();
   } catch (const cue::NoCaptureRight&) {
     heard.error = "no right to capture";

@@ -14,6 +14,7 @@
 #include "cue/CueError.h"
 #include "cue/Time.h"
 #include "kesto/delay.h"
+#include "kesto/wall_clock.h"
 #include "tools/Arguments.h"
 #include "tools/Command.h"
 #include "tools/Keyboard.h"
@@ -59,10 +60,6 @@ private:
   Clock::duration period;
   Clock::time_point next;
 };
-
-std::int64_t unix_now() {
-  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
-}
 
 /// Waits for a key, or a moment without one. @return false when the terminal is gone
 bool wait(bool for_keys) {
@@ -198,12 +195,13 @@ private:
   }
 
   static void write_json(const TopFigures& figures, std::ostream& out) {
-    out << traffic_json(figures.traffic, figures.source, unix_now(), figures.lost) << std::endl;
+    out << traffic_json(figures.traffic, figures.source, kesto::wall_time(), figures.lost) << std::endl;
   }
 
   /// @throws cue::CueError
   void write_prom(const TopFigures& figures) const {
-    replace_text_file(prom_path, traffic_prom(figures.traffic, figures.source, unix_now(), figures.lost));
+    replace_text_file(prom_path,
+                      traffic_prom(figures.traffic, figures.source, kesto::wall_time(), figures.lost));
   }
 
   /// A full disk, for example, is said, and may pass.

@@ -16,6 +16,7 @@
 #include "cue/live/LiveCapture.h"
 #include "cue/live/Traffic.h"
 #include "kesto/delay.h"
+#include "kesto/wall_clock.h"
 
 namespace kadrel_cue {
 namespace {
@@ -28,10 +29,6 @@ constexpr std::int64_t kEnded = 5 * cue::kSecond;
 // Keys and the screen wait no longer than this for a long recording.
 constexpr std::int64_t kReadTime = cue::kSecond / 10;
 constexpr int kRecordsBetweenLooks = 1000;
-
-std::int64_t unix_now() {
-  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
-}
 
 class LiveSource : public TopSource {
 public:
@@ -47,7 +44,7 @@ public:
 
   void finish() override {}
 
-  TopFigures figures() override { return {traffic.figures(unix_now()), name, capture.lost(), {}}; }
+  TopFigures figures() override { return {traffic.figures(kesto::wall_time()), name, capture.lost(), {}}; }
 
 private:
   std::string name;
