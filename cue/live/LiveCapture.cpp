@@ -39,7 +39,7 @@ constexpr std::size_t kSll2Interface = 4;
 /// What the kernel hands over. The part after "or" is for frames with VLAN tags that the kernel did not take
 /// off; each "vlan" moves all that follows it.
 std::string filter(bool with_tags) {
-  const std::string wanted = "(ip and udp and (udp port 6454 or udp port 5568 or ip[6:2] & 0x3fff != 0))";
+  std::string wanted = "(ip and udp and (udp port 6454 or udp port 5568 or ip[6:2] & 0x3fff != 0))";
   if (!with_tags) return wanted;
   return wanted + " or (vlan and " + wanted + ") or (vlan and " + wanted + ")";
 }
@@ -66,10 +66,10 @@ std::string program_path() {
 NoCaptureRight no_right(const std::string& interface) {
   const std::string program = program_path();
   const std::string setcap = "sudo setcap cap_net_raw+ep " + program;
-  return NoCaptureRight(interface + ": you have no right to capture; give it to all users with \"" + setcap +
-                        "\", or to the members of one group alone with \"sudo groupadd -f kadrel && sudo "
-                        "usermod -aG kadrel $USER && sudo chgrp kadrel " +
-                        program + " && sudo chmod 750 " + program + " && " + setcap + "\" and a new login");
+  const std::string group = "sudo groupadd -f kadrel && sudo usermod -aG kadrel $USER && sudo chgrp kadrel " +
+                            program + " && sudo chmod 750 " + program + " && " + setcap;
+  return NoCaptureRight{interface + ": you have no right to capture; give it to all users with \"" + setcap +
+                        "\", or to the members of one group alone with \"" + group + "\" and a new login"};
 }
 
 }  // namespace

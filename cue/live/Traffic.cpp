@@ -29,7 +29,7 @@ struct StreamKey {
 
   /// All but the CID as one number.
   std::uint64_t number() const {
-    return std::uint64_t{universe} << 33 | std::uint64_t{protocol == Protocol::Sacn} << 32 | sender;
+    return std::uint64_t{universe} << 33 | std::uint64_t{protocol == Protocol::Sacn ? 1U : 0U} << 32 | sender;
   }
   bool operator<(const StreamKey& other) const {
     const std::uint64_t a = number();

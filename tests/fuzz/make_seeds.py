@@ -283,7 +283,7 @@ TRAFFIC = {
     "names": b"".join(
         b"\3\0\1" + name.ljust(18, b"\0") + b"\0\1" for name in (b"Dimmer \xe4", b"\x1b[2J", b"\xe2\x80\xae")
     ) + traffic_dmx(0, 1) + b"\5\0",
-    "flood": b"\4\0\x87\x13\1\0" * 3 + b"\5\0",
+    "flood": b"".join(b"\4\0" + struct.pack("<HH", 512, 512 * i) for i in range(9)) + b"\5\0",
     "times": b"".join(
         bytes([1, jump, bound]) + traffic_dmx(1, 1)[2:] for jump in (128, 240, 250) for bound in range(14)
     ) + b"\5\0",
