@@ -39,7 +39,7 @@ std::string cid_text(const cue::SacnCid& cid) {
 std::string decimal_text(double number, int decimals) {
   // The longest double has 309 digits before its point.
   std::array<char, 400> text{};
-  const auto end =
+  char* const end =
       std::to_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed, decimals).ptr;
   return {text.data(), end};
 }

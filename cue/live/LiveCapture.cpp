@@ -12,7 +12,9 @@
 #include <exception>
 #include <optional>
 
+#include "artnet/ArtNet.h"
 #include "cue/ByteOrder.h"
+#include "cue/Sacn.h"
 #include "cue/Time.h"
 #include "cue/live/Copies.h"
 #include "cue/live/PrintableText.h"
@@ -127,20 +129,10 @@ void LiveCapture::Handle::open() {
   pcap_set_timeout(capture, kBatch);
   pcap_set_buffer_size(capture, kBufferSize);
   pcap_set_tstamp_precision(capture, PCAP_TSTAMP_PRECISION_NANO);
-  switch (const int result = pcap_activate(capture)) {
-    case PCAP_ERROR_PERM_DENIED:
-    case PCAP_ERROR_PROMISC_PERM_DENIED:
-      throw no_right(shown);
-    case PCAP_ERROR_NO_SUCH_DEVICE:
-      throw error("there is no such interface");
-    case PCAP_ERROR_IFACE_NOT_UP:
-      throw error("the interface is down");
-    case PCAP_ERROR:
-      throw error(pcap_geterr(capture));
-    default:
-      // Above 0: it works, but not in every way that was asked for (PCAP_WARNING_PROMISC_NOTSUP at "any").
-      if (result < 0) throw error(pcap_statustostr(result));
-  }
+  const int result = pcap_activate(capture);
+  if (result == PCAP_ERROR_PERM_DENIED || result == PCAP_ERROR_PROMISC_PERM_DENIED) throw no_right(shown);
+  // Above 0: it works, but not in every way that was asked for; "any" is never promiscuous.
+  if (result < 0) throw error(result == PCAP_ERROR ? pcap_geterr(capture) : pcap_statustostr(result));
   if (name == kAny) pcap_set_datalink(capture, kLinuxSll2);
 }
 
@@ -196,8 +188,13 @@ void LiveCapture::Handle::take(const pcap_pkthdr& header, const std::uint8_t* by
   frame.time = time;
   if (link_type == kLinuxSll2 && header.caplen >= kSll2Interface + 4)
     frame.interface = high_byte_first_long(bytes + kSll2Interface);
+  const std::uint64_t fragments = decoder.counts().fragments;
   const std::optional<UdpDatagram> datagram = decoder.decode(frame);
-  if (!datagram || (copies && copies->is_copy(*datagram, frame.interface, time))) return;
+  if (!datagram) return;
+  // The kernel cannot know the ports of fragments, and hands over those of all datagrams.
+  if (decoder.counts().fragments != fragments && datagram->port != kArtNetPort && datagram->port != kSacnPort)
+    return;
+  if (copies && copies->is_copy(*datagram, frame.interface, time)) return;
   (*visitor)(*datagram, time);
 }
 

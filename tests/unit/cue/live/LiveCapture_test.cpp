@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,7 +27,11 @@ namespace {
 
 class LiveCapture : public testing::Test {
 protected:
-  void SetUp() override { ASSERT_TRUE(unit::enter_private_network()); }
+  void SetUp() override {
+    if (getenv("KADREL_TEST_EMULATOR") != nullptr)
+      GTEST_SKIP() << "the emulator has no packet sockets with a ring in shared memory";
+    ASSERT_TRUE(unit::enter_private_network());
+  }
 
   /// Sends from a port of its own.
   static void send(const std::string& payload, const char* receiver, int port, int from = 0) {
@@ -95,6 +100,7 @@ TEST_F(LiveCapture, SeesWhatGoesToAndFromThePortsOfLighting) {
 TEST_F(LiveCapture, PutsFragmentsTogether) {
   ASSERT_TRUE(shell("ip link set lo mtu 1500"));
   cue::LiveCapture capture("lo");
+  send(std::string(8000, 'y'), "127.0.0.1", 80);
   send(std::string(8000, 'x'), "127.0.0.1", 6454);
   send("last", "127.0.0.1", 6454);
   const std::vector<Seen> seen = read_until(capture, "last");
