@@ -18,7 +18,7 @@ public:
 };
 
 /// Looks at the Art-Net and E1.31 datagrams over IPv4 of an interface with libpcap: at those to or from the
-/// ports of the two. Binds no port and sends nothing.
+/// ports of the two, of those in fragments only at those to them. Binds no port and sends nothing.
 ///
 /// The interface takes frames to others, too, as a mirror port delivers them (promiscuous). At "any", which
 /// cannot do so, a datagram that passes several interfaces is handed over once.
