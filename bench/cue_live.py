@@ -150,7 +150,7 @@ def spread(values):
 
 
 def last_object(path):
-    lines = Path(path).read_text(encoding="utf-8").splitlines()
+    lines = [line for line in Path(path).read_text(encoding="utf-8").splitlines(True) if line.endswith("\n")]
     if not lines:
         raise Trouble("top wrote nothing")
     return json.loads(lines[-1])
@@ -160,6 +160,14 @@ def counted(path):
     """ArtDmx packets that top counted, and what it says was lost."""
     last = last_object(path)
     return last["packets"]["art_dmx"]["packets"], last["lost"]
+
+
+def count_all(path, sent):
+    """The same when all have been counted, or two objects later: there is one each second."""
+    end = time.monotonic() + 2.5
+    while counted(path)[0] < sent and time.monotonic() < end:
+        time.sleep(0.1)
+    return counted(path)
 
 
 def top_once(service, settings, view, universes, evenly):
@@ -178,8 +186,7 @@ def top_once(service, settings, view, universes, evenly):
     (used,) = load.measure(cue)
     missing = None
     if view == "json":
-        wait_for(lambda: counted(output.name)[0] >= load.sent or not time.sleep(0.5), "top to count all", 4)
-        found, lost = counted(output.name)
+        found, lost = count_all(output.name, load.sent)
         missing = load.sent - found
         if missing or lost:
             print(f"    {missing} of {load.sent} are missing, top says that {lost} were lost", file=sys.stderr)
