@@ -74,9 +74,11 @@ std::string json_value(const Figure& figure) {
 }
 
 std::string json_of(const Finding& finding) {
-  std::string text = std::string("{\"name\": \"") + finding.name + "\", \"level\": \"" +
-                     level_word(finding.level) + "\", \"text\": " + json_string(finding.text) +
-                     ", \"advice\": " + json_string(finding.advice) + ", \"figures\": {";
+  std::string text = "{\"name\": " + json_string(finding.name);
+  text += ", \"level\": " + json_string(level_word(finding.level));
+  text += ", \"text\": " + json_string(finding.text);
+  text += ", \"advice\": " + json_string(finding.advice);
+  text += ", \"figures\": {";
   const char* separator = "";
   for (const Figure& figure : finding.figures) {
     text += std::string(separator) + "\"" + figure.name + "\": " + json_value(figure);
@@ -113,10 +115,11 @@ std::string screen_of(const std::vector<Finding>& findings) {
 }
 
 std::string json_of(const std::vector<Finding>& findings) {
-  std::string text =
-      std::string("{\"ready\": ") + (is_ready(findings) ? "true" : "false") + ", \"verdict\": \"" +
-      verdict_of(findings) + "\", \"bad\": " + std::to_string(count_of(findings, Level::Bad)) +
-      ", \"warnings\": " + std::to_string(count_of(findings, Level::Warning)) + ", \"checks\": [";
+  std::string text = std::string("{\"ready\": ") + (is_ready(findings) ? "true" : "false");
+  text += ", \"verdict\": " + json_string(verdict_of(findings));
+  text += ", \"bad\": " + std::to_string(count_of(findings, Level::Bad));
+  text += ", \"warnings\": " + std::to_string(count_of(findings, Level::Warning));
+  text += ", \"checks\": [";
   const char* separator = "";
   for (const Finding& finding : findings) {
     text += separator + json_of(finding);
