@@ -40,16 +40,6 @@ struct SpeedReport {
 };
 static_assert(sizeof(SpaceReport) <= PIPE_BUF && sizeof(SpeedReport) <= PIPE_BUF);
 
-/// All that the process needs. It is made by fork() beside other threads, so it may not ask for memory.
-struct Work {
-  const char* folder;
-  const char* name;  // of a file in it, for a file system that has none without a name
-  const std::vector<char>& bytes;
-  const FolderTest& test;
-  bool recording;
-  int report;
-};
-
 /// Noise: a file system may press what repeats.
 std::vector<char> noise() {
   std::vector<char> bytes(kWritten);
@@ -62,7 +52,7 @@ std::vector<char> noise() {
 }
 
 /// A file in the folder that has no name (any more). @return -1 with errno
-int make_unnamed_file(const Work& work) {
+int make_unnamed_file(const FolderWork& work) {
   const int unnamed = open(work.folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR);
   if (unnamed != -1 || (errno != EOPNOTSUPP && errno != EISDIR)) return unnamed;
   const int file = open(work.name, O_CREAT | O_EXCL | O_NOFOLLOW | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR);
@@ -70,7 +60,7 @@ int make_unnamed_file(const Work& work) {
   return file;
 }
 
-SpaceReport look_at_space(const Work& work, int file) {
+SpaceReport look_at_space(const FolderWork& work, int file) {
   SpaceReport report{};
   report.error = file == -1 ? errno : 0;
   struct statfs status {};
@@ -86,7 +76,7 @@ SpaceReport look_at_space(const Work& work, int file) {
 }
 
 /// Writes until the time or the bytes are over, each piece through to the disk.
-SpeedReport write_through(const Work& work, int file, std::uint64_t most) {
+SpeedReport write_through(const FolderWork& work, int file, std::uint64_t most) {
   SpeedReport report{};
   report.tested = true;
   const auto begin = TestClock::now();
@@ -104,19 +94,12 @@ SpeedReport write_through(const Work& work, int file, std::uint64_t most) {
 }
 
 /// The process that looks at the disk.
-[[noreturn]] void run_test(const Work& work) {
+[[noreturn]] void run_test(const FolderWork& work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   // Who reads our output does not wait for a disk.
   for (int descriptor = 0; descriptor < 3; ++descriptor) close(descriptor);
   std::signal(SIGXFSZ, SIG_IGN);
-  const int file = make_unnamed_file(work);
-  const SpaceReport space = look_at_space(work, file);
-  bool told = write(work.report, &space, sizeof space) == sizeof space;
-  const std::uint64_t most = std::min<std::uint64_t>(work.test.most, space.free_bytes / 8);
-  SpeedReport speed{};
-  if (file != -1 && !work.recording && most >= kWritten) speed = write_through(work, file, most);
-  told = told && write(work.report, &speed, sizeof speed) == sizeof speed;
-  _exit(told ? 0 : 1);
+  _exit(report_on_folder(work) ? 0 : 1);
 }
 
 /// One report, waited for until @p deadline. @return false: it did not come
@@ -152,6 +135,16 @@ void take_reports(int pipe, const FolderTest& test, FolderLook& look) {
 }
 
 }  // namespace
+
+bool report_on_folder(const FolderWork& work) {
+  const OpenDescriptor file(make_unnamed_file(work));
+  const SpaceReport space = look_at_space(work, file.get());
+  if (write(work.report, &space, sizeof space) != sizeof space) return false;
+  const std::uint64_t most = std::min<std::uint64_t>(work.test.most, space.free_bytes / 8);
+  SpeedReport speed{};
+  if (file && !work.recording && most >= kWritten) speed = write_through(work, file.get(), most);
+  return write(work.report, &speed, sizeof speed) == sizeof speed;
+}
 
 FolderLook look_at_folder(const std::string& folder, bool recording, const FolderTest& test) {
   FolderLook look;

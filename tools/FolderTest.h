@@ -1,7 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/ReadyChecks.h"
 
@@ -18,5 +20,19 @@ struct FolderTest {
 /// is written through to the disk and removed. It never waits for longer than the patience, twice.
 /// @param recording  a recording runs, which a test would disturb: nothing is written
 FolderLook look_at_folder(const std::string& folder, bool recording, const FolderTest& test = {});
+
+/// What the process that waits for the disk works with. It is made by fork() beside other threads, so it may
+/// not ask for memory.
+struct FolderWork {
+  const char* folder;
+  const char* name;  // of a file in it, for a file system that has none without a name
+  const std::vector<char>& bytes;
+  const FolderTest& test;
+  bool recording;
+  int report;  // a pipe
+};
+
+/// Its work: reports the space, then the speed. @return whether the pipe took both
+bool report_on_folder(const FolderWork& work);
 
 }  // namespace kadrel_cue

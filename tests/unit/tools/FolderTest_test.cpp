@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 using kadrel_cue::FolderLook;
 using kadrel_cue::FolderTest;
 using kadrel_cue::look_at_folder;
+using kadrel_cue::report_on_folder;
 
 namespace {
 
@@ -62,6 +64,21 @@ TEST_F(FolderLooks, GiveUpADiskThatDoesNotAnswer) {
   FolderTest test;
   test.patience = std::chrono::milliseconds(-1);
   EXPECT_FALSE(look_at_folder(folder, false, test).answered);
+}
+
+TEST_F(FolderLooks, EndWithTheirReader) {
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(pipe(ends), 0);
+  const std::string name = folder + "/named";
+  const std::vector<char> bytes(1 << 20);
+  const FolderTest test;
+  EXPECT_TRUE(report_on_folder({folder.c_str(), name.c_str(), bytes, test, false, ends[1]}));
+  std::vector<char> reports(4096);
+  EXPECT_GT(read(ends[0], reports.data(), reports.size()), 0);
+  EXPECT_FALSE(report_on_folder({folder.c_str(), name.c_str(), bytes, test, false, -1}));
+  EXPECT_TRUE(std::filesystem::is_empty(folder));
+  close(ends[0]);
+  close(ends[1]);
 }
 
 }  // namespace
