@@ -1,8 +1,5 @@
 #include "src/ServiceManager.h"
 
-#ifdef KADREL_SYSTEMD
-
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -11,7 +8,12 @@
 #include <cstring>
 #include <string_view>
 
+#ifdef KADREL_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
 ServiceManager::ServiceManager() {
+#ifdef KADREL_SYSTEMD
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
   const char* const variable = getenv("NOTIFY_SOCKET");
   const std::string_view name = variable != nullptr ? variable : "";
@@ -28,6 +30,7 @@ ServiceManager::ServiceManager() {
   fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::uint64_t time = 0;
   if (fd != -1 && sd_watchdog_enabled(0, &time) > 0) watchdog_time = std::chrono::microseconds(time);
+#endif
 }
 
 ServiceManager::~ServiceManager() {
@@ -39,15 +42,3 @@ bool ServiceManager::tell(const std::string& state) const {
   return fd != -1 && sendto(fd, state.data(), state.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                             reinterpret_cast<const sockaddr*>(&address), address_size) != -1;
 }
-
-#else
-
-ServiceManager::ServiceManager() = default;
-
-ServiceManager::~ServiceManager() = default;
-
-bool ServiceManager::tell(const std::string& /*state*/) const {
-  return false;
-}
-
-#endif
