@@ -347,15 +347,21 @@ void Run::show(Clock::time_point now) {
 void Run::begin_anew() {
   const Standing standing = part.grab->stop();
   if (standing != Standing::Ours) return note_standing(standing);
-  const Part old = std::exchange(part, Part());
+  Part old = std::exchange(part, Part());
   old.follower->finish();
   try {
     begin_part();
-  } catch (...) {
-    old.file->remove();
+  } catch (const cue::CueError& error) {
     if (part.file) part.file->remove();
-    target->remove();
-    throw;
+    part = std::move(old);
+    drain(*part.follower);
+    if (waiting) {
+      part.file->remove();
+      target->remove();
+      throw;
+    }
+    ended = true;
+    return note_fault(error.what());
   }
   drain(*old.follower);
   if (waiting) {
@@ -367,6 +373,7 @@ void Run::begin_anew() {
   // The times of the new file begin at 0.
   rate = RateMeter();
   silence = Silence();
+  silence.note_growth(Clock::now());
   counter = cue::InfoCounter();
 }
 
