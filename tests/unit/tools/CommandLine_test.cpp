@@ -54,6 +54,11 @@ TEST(CommandLine, RefusesWordsThatDoNotGoTogether) {
       {{"export", "a", "--pcap", "/tmp/x", "--csv", "/tmp/./x"}, "two outputs name the same file"},
       {{"cut", "a", "-o", "x", "--start", "soon"},
        "\"soon\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
+      {{"record", "a", "--for", "0"}, "\"0\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
+      {{"record", "a", "--until-silent", "-1"},
+       "\"-1\" is not a time such as 90, 1.5, 250 ms, 1m30.5 or 1:02:03.5"},
+      {{"record", "a", "--name", "a/b"}, "\"a/b\" is not a name for a file in a folder"},
+      {{"record", "a", "--universes", "0"}, "\"0\" is not a list of universes such as 1,3,5-8"},
       {{"plot", "a", "-o", "x", "--universe", "0"}, "\"0\" is not a universe (they count from 1)"},
       {{"play", "a", "--to", "10.0.0.9", "--loop", "0"},
        "\"0\" is not a number of passes (from 1 to 2^63), or forever"}};
