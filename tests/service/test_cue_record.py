@@ -580,35 +580,6 @@ def test_a_change_while_the_wait_is_begun_anew_is_kept(world, faults, record, fo
     assert os.listdir(folder) == ["act.cue"]
 
 
-def begin_anew_beside_another(world, faults, record, folder, level):
-    """Somebody else begins a recording when the tool has its file of the waiting begun anew; what the tool returns."""
-    service = world.start()
-    process = record.begin(f"{folder}/act.cue", "--on-change", "--wait-size", "1", prefix=faults.prefix)
-    read_until(process, "waiting for a change")
-    process.send_signal(signal.SIGSTOP)
-    service.feed(frames(2100, level=9))
-    spin_until(lambda: os.path.getsize(f"{folder}/.act.cue.waiting") > 1 << 20, "a large file")
-    faults.hold("open")
-    process.send_signal(signal.SIGCONT)
-    spin_until(lambda: service.feed(frames(1, level=level)) or service.client.get_status() == "off", "the end of the first")
-    faults.wait_until_struck("open")
-    service.client.grab(world.path("theirs"))
-    faults.disarm("open")
-    outcome = record.finish(process)
-    service.feed(frames(3))
-    assert service.client.get_status() == "run"
-    service.client.stop()
-    assert Recording.read(world.path("theirs")).datagrams == frames(3)
-    return outcome
-
-
-def test_a_wait_that_cannot_be_begun_anew_ends(world, faults, record, folder):
-    code, out, errors = begin_anew_beside_another(world, faults, record, folder, level=9)
-    assert (code, out) == (1, "")
-    assert "kadrel is busy: somebody else began a recording at the same moment" in errors
-    assert os.listdir(folder) == []
-
-
 # ---- universes that are expected ----
 
 
