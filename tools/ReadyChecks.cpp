@@ -521,8 +521,7 @@ Finding check_speed(const FolderLook& look, const Load& load) {
 
 Finding check_priority(const PriorityLook& look) {
   Finding finding{"priority", Level::Ok, "", "", {}};
-  finding.text =
-      look.real_time_error == 0 ? "playbacks get real time" : "no real time for playbacks";
+  finding.text = look.real_time_error == 0 ? "playbacks get real time" : "no real time for playbacks";
   if (look.nice) finding.text += "; kadrel has nice " + std::to_string(*look.nice);
   if (look.weight) finding.text += ", weight " + std::to_string(*look.weight);
   if (look.service_in_real_time) {
