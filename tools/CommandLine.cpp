@@ -19,7 +19,8 @@ constexpr auto kCommands = {make_info,   make_verify, make_play,   make_cut, mak
 
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   CLI::App app(
-      "Looks into recordings of kadrel, checks them, plays them, cuts them and hands them to other tools.",
+      "Records with kadrel, shows what is on the wire, checks before the show; looks into recordings, plays "
+      "them, cuts them and hands them to other tools.",
       "kadrel-cue");
   app.require_subcommand(1);
   app.set_version_flag("--version", "kadrel-cue " KADREL_VERSION);
