@@ -44,11 +44,12 @@ void Recorder::record(const kesto::net::Datagram& datagram, Verdict& verdict) {
   verdict.recorded = true;
   prev_rx_time = rx_time;
   grab_max_universe = std::max(grab_max_universe, universe);
-  ++grab_packet_count;
+  if (grab_packet_count < std::numeric_limits<qint32>::max()) ++grab_packet_count;
+  ++recorded;
   if (!grab_universe_noted.test(static_cast<std::size_t>(universe))) {
     grab_universe_noted.set(static_cast<std::size_t>(universe));
     grab_universes.insert(universe);
-    first_records.push_back({universe, grab_packet_count});
+    first_records.push_back({universe, recorded});
   }
 }
 
@@ -80,7 +81,8 @@ void Recorder::note_kernel_drops(std::uint32_t drops, qint64 time) {
 void Recorder::finalize_grabbing() {
   grab_state = Off;
   GrabFigures figures;
-  figures.packet_count = std::exchange(grab_packet_count, 0);
+  grab_packet_count = 0;
+  figures.packet_count = std::exchange(recorded, 0);
   figures.universe_ceiling = std::exchange(grab_max_universe, -1);
   figures.universes = std::exchange(grab_universes, {});
   figures.first_records = std::exchange(first_records, {});

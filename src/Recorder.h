@@ -47,8 +47,8 @@ public:
     bool refuses = false;  // the file takes no data, and the log has been told
   };
   Progress progress() const {
-    return {static_cast<GrabState>(grab_state), grab_packet_count, first_records.size(),
-            losses.kernel + losses.writer, outage != Outage::None};
+    return {static_cast<GrabState>(grab_state), recorded, first_records.size(), losses.kernel + losses.writer,
+            outage != Outage::None};
   }
 
   /// Records from now on, into the file that the writer has begun. Only while off.
@@ -106,8 +106,9 @@ private:
   qint32 current_universe = -1;  // 0-based port-address of the last ArtDmx taken in
 
   // About the current recording, without dropped datagrams.
-  qint64 prev_rx_time = 0;  // the latest, ns on kesto::Clock; kept from one recording to the next
-  qint64 grab_packet_count = 0;
+  qint64 prev_rx_time = 0;       // the latest, ns on kesto::Clock; kept from one recording to the next
+  qint32 grab_packet_count = 0;  // stays at its largest value
+  qint64 recorded = 0;           // the same beyond it
   qint32 grab_max_universe = -1;
   std::unordered_set<qint32> grab_universes;  // 0-based port-addresses
   std::bitset<65536> grab_universe_noted;     // the same set, for a quick look

@@ -1,7 +1,6 @@
 #include "cue/live/LiveCapture.h"
 
 #include <net/if.h>
-#include <pcap/pcap.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,8 +13,8 @@
 
 #include "artnet/ArtNet.h"
 #include "cue/ByteOrder.h"
+#include "cue/Libpcap.h"
 #include "cue/Sacn.h"
-#include "cue/Time.h"
 #include "cue/live/Copies.h"
 #include "cue/live/PrintableText.h"
 
@@ -183,8 +182,7 @@ void LiveCapture::Handle::take(const pcap_pkthdr& header, const std::uint8_t* by
   Frame frame;
   frame.link_type = link_type;
   frame.bytes = {bytes, header.caplen};
-  // With nanoseconds asked for, tv_usec holds them.
-  const std::int64_t time = static_cast<std::int64_t>(header.ts.tv_sec) * kSecond + header.ts.tv_usec;
+  const std::int64_t time = packet_time(header.ts);
   frame.time = time;
   if (link_type == kLinuxSll2 && header.caplen >= kSll2Interface + 4)
     frame.interface = high_byte_first_long(bytes + kSll2Interface);

@@ -63,7 +63,7 @@ public:
   // State. One thread, so no lock.
   Recorder& recorder() NO_THREAD_SAFETY_ANALYSIS { return dump->state.recorder; }
   int grab_state() { return recorder().grab_state; }
-  qint64 grab_packet_count() { return recorder().grab_packet_count; }
+  qint32 grab_packet_count() { return recorder().grab_packet_count; }
   int grab_max_universe() { return recorder().grab_max_universe; }
   int current_universe() { return recorder().current_universe; }
   const std::unordered_set<qint32>& grab_universes() { return recorder().grab_universes; }

@@ -18,8 +18,11 @@
 /// A recording cannot be brought to these numbers by recording.
 class RecorderProbe {
 public:
-  static void set_packet_count(Recorder& recorder, qint64 count) { recorder.grab_packet_count = count; }
-  static qint64 packet_count(const Recorder& recorder) { return recorder.grab_packet_count; }
+  static void set_packet_count(Recorder& recorder, qint32 count) {
+    recorder.grab_packet_count = count;
+    recorder.recorded = count;
+  }
+  static qint32 packet_count(const Recorder& recorder) { return recorder.grab_packet_count; }
 };
 
 class GrabWriterProbe {
@@ -221,14 +224,15 @@ TEST_F(RecorderTest, SumsUpWhatIsInTheFile) {
   EXPECT_EQ(summary.universes, (std::unordered_set<qint32>{0, 3, 65535}));
 }
 
-TEST_F(RecorderTest, CountsMoreDatagramsThanThirtyTwoBitsHold) {
-  constexpr qint64 kMost = std::numeric_limits<qint32>::max();
+TEST_F(RecorderTest, TellsOfMoreDatagramsThanThirtyTwoBitsHold) {
+  constexpr qint32 kMost = std::numeric_limits<qint32>::max();
   arm();
   receive("first", 1);
   RecorderProbe::set_packet_count(recorder, kMost - 1);
   receive("second", 2);
   receive("third", 3);
-  EXPECT_EQ(RecorderProbe::packet_count(recorder), kMost + 1);
+  EXPECT_EQ(RecorderProbe::packet_count(recorder), kMost);
+  EXPECT_EQ(recorder.progress().datagrams, qint64{kMost} + 1);
   receive("fourth", 4);
   EXPECT_FALSE(finish().empty);
   EXPECT_EQ(content(),
