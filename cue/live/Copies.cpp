@@ -1,5 +1,6 @@
 #include "cue/live/Copies.h"
 
+#include <cstddef>
 #include <functional>
 #include <string_view>
 
@@ -10,7 +11,7 @@ bool Copies::is_copy(const UdpDatagram& datagram, std::uint32_t interface, std::
   const std::string_view payload(reinterpret_cast<const char*>(datagram.payload.data), datagram.payload.size);
   const std::uint64_t addresses = std::uint64_t{datagram.sender} << 32 | datagram.receiver;
   const std::uint64_t mark = std::hash<std::string_view>()(payload) ^ addresses * kFactor;
-  Seen& seen = latest[mark % latest.size()];
+  Seen& seen = latest[static_cast<std::size_t>(mark % latest.size())];
   std::int64_t passed = 0;
   const bool is_moment =
       !__builtin_sub_overflow(time, seen.time, &passed) && passed <= kMoment && passed >= -kMoment;
