@@ -68,9 +68,9 @@ SpaceReport look_at_space(const FolderWork& work, int file) {
     report.error = errno;
     return report;
   }
-  report.free_bytes =
-      static_cast<std::uint64_t>(status.f_bavail) * static_cast<std::uint64_t>(status.f_bsize);
-  report.files_left = status.f_files == 0 || status.f_ffree > 0;
+  report.free_bytes = free_bytes_in(status);
+  // Some file systems count no files, and what could be made has found room.
+  report.files_left = report.error != ENOSPC || status.f_files == 0 || status.f_ffree > 0;
   report.fat = status.f_type == MSDOS_SUPER_MAGIC;
   return report;
 }
@@ -115,6 +115,13 @@ bool await(int pipe, TestClock::time_point deadline, Report& report) {
   }
 }
 
+}  // namespace
+
+std::uint64_t free_bytes_in(const struct statfs& status) {
+  const auto unit = static_cast<std::uint64_t>(status.f_frsize != 0 ? status.f_frsize : status.f_bsize);
+  return static_cast<std::uint64_t>(status.f_bavail) * unit;
+}
+
 void take_reports(int pipe, const FolderTest& test, FolderLook& look) {
   SpaceReport space{};
   look.answered = await(pipe, TestClock::now() + test.patience, space);
@@ -133,8 +140,6 @@ void take_reports(int pipe, const FolderTest& test, FolderLook& look) {
   look.written = speed.written;
   look.seconds = static_cast<double>(speed.nanoseconds) / 1e9;
 }
-
-}  // namespace
 
 bool report_on_folder(const FolderWork& work) {
   const OpenDescriptor file(make_unnamed_file(work));

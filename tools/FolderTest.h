@@ -7,6 +7,8 @@
 
 #include "tools/ReadyChecks.h"
 
+struct statfs;
+
 namespace kadrel_cue {
 
 /// How far the test of a folder goes.
@@ -34,5 +36,12 @@ struct FolderWork {
 
 /// Its work: reports the space, then the speed. @return whether the pipe took both
 bool report_on_folder(const FolderWork& work);
+
+/// Takes both reports from the other end of the pipe. Each is waited for no longer than @p test says.
+void take_reports(int pipe, const FolderTest& test, FolderLook& look);
+
+/// What an ordinary user may still write, as df(1) shows it: counted in fragments, and f_bsize may be a
+/// multiple of them (FUSE).
+std::uint64_t free_bytes_in(const struct statfs& status);
 
 }  // namespace kadrel_cue

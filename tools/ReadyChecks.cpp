@@ -222,12 +222,12 @@ bool judge_folder(const FolderLook& look, Finding& finding) {
   if (!look.answered) {
     finding.text = look.folder + ": the disk does not answer";
     finding.advice = "look at the disk (dmesg), or record elsewhere (--cues)";
-  } else if (look.error != 0) {
-    finding.text = look.folder + ": " + system_text(look.error);
-    finding.advice = "name the folder of the recordings with --cues, or mend this one";
   } else if (!look.files_left) {
     finding.text = look.folder + ": no room for the name of another file (inodes)";
     finding.advice = "remove files, or record elsewhere (--cues)";
+  } else if (look.error != 0) {
+    finding.text = look.folder + ": " + system_text(look.error);
+    finding.advice = "name the folder of the recordings with --cues, or mend this one";
   } else {
     finding.level = Level::Ok;
     return false;

@@ -401,6 +401,22 @@ def test_a_full_disk(world, disk):
     assert level == "bad" and (text.startswith("0 minutes ") or text.endswith(os.strerror(errno.ENOSPC)))
 
 
+def test_a_disk_without_room_for_the_name_of_another_file(world, disk):
+    world.namespaces.write_zeros(f"{disk}/one", 1)
+    world.namespaces.run(["mount", "-o", "remount,nr_inodes=2", disk])
+    level, text, advice = ready(world, "--cues", disk).said("space")
+    assert (level, text) == ("bad", f"{disk}: no room for the name of another file (inodes)") and advice
+
+
+def test_a_disk_that_does_not_answer(world, faults):
+    faults.hold("tmpfile")
+    found = ready(world, prefix=faults.prefix)
+    faults.disarm("tmpfile")
+    level, text, advice = found.said("space")
+    assert level == "bad" and text.endswith(": the disk does not answer") and advice
+    assert found.said("speed") == ("ok", "not tested", "")
+
+
 def test_a_disk_that_may_only_be_read(world, disk):
     world.namespaces.run(["mount", "-o", "remount,ro", disk])
     found = ready(world, "--cues", disk)

@@ -312,7 +312,7 @@ TEST(ReadySpace, SaysWhyThereIsNone) {
   expect(check_space(look, load_for(1)), Level::Bad, "/cues: Read-only file system",
          "name the folder of the recordings with --cues, or mend this one");
   expect(check_speed(look, load_for(1)), Level::Ok, "not tested");
-  look.error = 0;
+  look.error = ENOSPC;
   look.files_left = false;
   expect(check_space(look, load_for(1)), Level::Bad, "/cues: no room for the name of another file (inodes)",
          "remove files, or record elsewhere (--cues)");
