@@ -20,6 +20,7 @@
 #include "kesto/network_interface.h"
 #include "kesto/wall_clock.h"
 #include "tools/Arguments.h"
+#include "tools/BusProbe.h"
 #include "tools/Command.h"
 #include "tools/Finding.h"
 #include "tools/FolderTest.h"
@@ -38,6 +39,7 @@ constexpr std::int64_t kLongestListening = 3600 * cue::kSecond;
 
 // A service that works answers within milliseconds.
 constexpr double kServicePatience = 5;  // seconds
+constexpr std::chrono::seconds kBusPatience(5);
 
 ServiceLook look_at_bus() {
   ServiceLook look;
@@ -62,10 +64,19 @@ ServiceLook look_at_bus() {
   return look;
 }
 
+/// The first look. It waits for a bus that hangs no longer than the patience.
+ServiceLook try_bus() {
+  if (session_bus_answers(kBusPatience)) return look_at_bus();
+  ServiceLook look;
+  look.bus_error = "it does not answer, it hangs: log in anew, or end it; kadrel ends with it";
+  return look;
+}
+
 PortLook look_at_port(const std::optional<ServiceProcess>& service) {
   PortLook look;
   look.port = service && service->port != 0 ? service->port : kArtNetPort;
   look.service = service ? service->pid : 0;
+  look.known = knows_udp_sockets();
   for (const UdpSocketInfo& socket : udp_sockets(look.port))
     look.holders.push_back({socket, owner_of_socket(socket.inode)});
   return look;
@@ -140,11 +151,14 @@ public:
   }
 
   int run(std::ostream& out, std::ostream& err) override {
-    const ServiceLook service = look_at_bus();
+    ServiceLook service = try_bus();
     const PortLook before = look_at_port(service.process);
     const bool on_terminal = isatty(STDERR_FILENO) == 1;
     if (on_terminal) err << "listening for " << cue::format_time(listening) << " ..." << std::flush;
     const Heard heard = listen(listening);
+    // Meanwhile a recording may have begun, whose disk is to be left alone. Who hangs is not waited for
+    // again.
+    if (service.bus_error.empty() && service.call_error.empty()) service = look_at_bus();
     const std::vector<Finding> findings = judge(service, before, heard);
     if (on_terminal) err << kClearLine << std::flush;
     out << (json ? json_of(findings) : screen_of(findings));
@@ -167,8 +181,10 @@ private:
         drops.socket_meanwhile = socket->drops - std::min(socket->drops, socket_before->drops);
       buffer.limit = socket->buffer_limit;
     }
-    const bool recording = service.state == ServiceClient::State::Recording;
-    const FolderLook disk = look_at_folder(folder.empty() ? current_folder() : folder, recording);
+    const bool recording =
+        process && service.state.value_or(ServiceClient::State::Recording) == ServiceClient::State::Recording;
+    FolderLook disk = look_at_folder(folder.empty() ? current_folder() : folder, recording);
+    disk.recording_known = service.state.has_value();
     return {check_service(service, KADREL_VERSION),
             check_port(port),
             check_network(look_at_network()),

@@ -167,6 +167,7 @@ std::string heard_text(const Heard& heard) {
   if (!heard.universes.empty())
     text += " (" + ranges_text(heard.universes) + "), " + grouped(whole(heard.datagrams_per_second)) + "/s";
   if (heard.sacn_universes > 0) text += ", " + std::to_string(heard.sacn_universes) + " of E1.31";
+  if (heard.lost > 0) text += ", and " + grouped(heard.lost) + " datagrams came too quickly";
   return text;
 }
 
@@ -186,7 +187,11 @@ std::string owner_text(const PortLook::Holder& holder) {
 void judge_foreign_port(const PortLook& look, Finding& finding) {
   const PortLook::Holder* const holder = holder_of(look);
   const std::string port = std::to_string(look.port);
-  if (holder != nullptr) {
+  if (!look.known) {
+    finding.level = Level::Warning;
+    finding.text = "the kernel does not tell who has " + port;
+    finding.advice = "sudo mount -t proc proc /proc, then look again";
+  } else if (holder != nullptr) {
     finding.level = Level::Bad;
     finding.text = port + " is held by " + owner_text(*holder);
     finding.advice = holder->owner ? "end it (kill " + std::to_string(holder->owner->pid) + ")"
@@ -315,7 +320,7 @@ Finding check_network(const NetworkLook& look) {
 
 void take_figures(const cue::TrafficFigures& figures, double seconds, std::uint32_t own, Heard& heard) {
   heard.seconds = seconds;
-  std::map<std::uint16_t, bool> universes;  // and whether two send it
+  std::map<std::uint16_t, unsigned> universes;  // and how many get in each other's way there
   std::map<std::uint32_t, std::string> senders;
   std::vector<std::uint16_t> sacn;
   for (const cue::StreamFigures& stream : figures.streams) {
@@ -324,8 +329,9 @@ void take_figures(const cue::TrafficFigures& figures, double seconds, std::uint3
       continue;
     }
     if (own != 0 && stream.sender == own) continue;
-    bool& contested = universes[stream.universe];
-    contested = contested || stream.contested;
+    // What this host sends itself is not recorded. One address may be two senders.
+    const unsigned sources = stream.counting == cue::Counting::Two ? 2 : 1;
+    universes[stream.universe] += stream.contested ? sources : 0;
     senders.emplace(stream.sender, stream.name);
     const double rate = seconds > 0 ? static_cast<double>(stream.datagrams) / seconds : 0;
     heard.datagrams_per_second += rate;
@@ -333,7 +339,7 @@ void take_figures(const cue::TrafficFigures& figures, double seconds, std::uint3
   }
   for (const auto& [universe, contested] : universes) {
     heard.universes.push_back(universe);
-    if (contested) heard.contested.push_back(universe);
+    if (contested > 1) heard.contested.push_back(universe);
   }
   for (const auto& [address, name] : senders) heard.senders.push_back({address, name});
   std::sort(sacn.begin(), sacn.end());
@@ -359,6 +365,9 @@ Finding check_universes(const Heard& heard, std::optional<int> announced) {
     finding.advice =
         "KADREL_UNIVERSE_COUNT=" + std::to_string(std::min(heard.universes.back() + 1, kUniverseLimit)) +
         " in /etc/default/kadrel, restart kadrel";
+  } else if (heard.lost > 0) {
+    finding.level = Level::Warning;
+    finding.advice = "the rates are higher than shown: end what takes the processor (top), look again";
   }
   finding.figures = {{"listened_seconds", heard.seconds},
                      {"heard", static_cast<std::uint64_t>(heard.universes.size())},
@@ -500,8 +509,9 @@ Finding check_speed(const FolderLook& look, const Load& load) {
                               : "writing failed: " + system_text(look.write_error);
     finding.advice = "look at the disk (dmesg), or record elsewhere (--cues)";
   } else if (!look.tested) {
-    finding.text = look.recording ? "not tested, for the sake of the running recording"
-                                  : "not tested, there is too little space";
+    finding.text = !look.recording        ? "not tested, there is too little space"
+                   : look.recording_known ? "not tested, for the sake of the running recording"
+                                          : "not tested, kadrel may be recording";
   } else {
     finding.text = bytes_text(speed) + "/s written; a recording takes " + needed;
     if (speed < kSpareSpeed * load.bytes_per_second) {

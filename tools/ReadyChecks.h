@@ -36,6 +36,7 @@ struct PortLook {
   };
   int port = 0;
   pid_t service = 0;            // 0: it does not run
+  bool known = true;            // false: nobody tells which sockets there are
   std::vector<Holder> holders;  // of all sockets at the port
 };
 
@@ -115,7 +116,8 @@ struct FolderLook {
   bool files_left = true;      // it has room for the name of another file
   bool ends_at_4_gib = false;  // FAT: no file is larger
   // The test of its speed.
-  bool recording = false;  // none, a recording runs
+  bool recording = false;       // none, a recording runs
+  bool recording_known = true;  // false: it may be none
   bool tested = false;
   bool stuck = false;  // it took nothing any more
   int write_error = 0;

@@ -223,6 +223,10 @@ std::vector<UdpSocketInfo> parse_udp_table(const std::string& text, int port) {
   return sockets;
 }
 
+bool knows_udp_sockets() {
+  return OpenDescriptor(open_at_once("/proc/net/udp")).get() != -1;
+}
+
 std::vector<UdpSocketInfo> udp_sockets(int port) {
   std::vector<UdpSocketInfo> sockets = parse_udp_table(read_kernel_file("/proc/net/udp").value_or(""), port);
   if (!sockets.empty()) ask_for_buffers(AF_INET, port, sockets);

@@ -29,6 +29,9 @@ std::vector<UdpSocketInfo> parse_udp_table(const std::string& text, int port);
 /// All sockets at @p port, IPv4 first.
 std::vector<UdpSocketInfo> udp_sockets(int port);
 
+/// Whether the kernel tells which sockets there are: not where /proc is not mounted.
+bool knows_udp_sockets();
+
 /// The socket over IPv4 that is bound to @p port on all addresses.
 std::optional<UdpSocketInfo> find_udp_socket(int port);
 

@@ -5,6 +5,7 @@ import errno
 import json
 import os
 import shutil
+import signal
 import socket
 import subprocess
 import threading
@@ -172,6 +173,18 @@ def test_a_service_that_does_not_answer(world):
     level, text, advice = found.said("service")
     assert level == "bad" and text.startswith("on the bus, but it does not answer; version ")
     assert advice == "no answer within 5 s; systemctl --user restart kadrel"
+    assert found.said("speed") == ("ok", "not tested, kadrel may be recording", "")
+
+
+def test_a_bus_that_hangs_holds_nothing_up(world):
+    """As one that is stopped: it takes connections, and no words."""
+    with socket.socket(socket.AF_UNIX) as bus:
+        bus.bind(world.path("hanging"))
+        bus.listen(16)
+        found = ready(world, variables={"DBUS_SESSION_BUS_ADDRESS": f"unix:path={world.path('hanging')}"})
+    level, text, advice = found.said("service")
+    assert (level, text) == ("bad", "cannot ask the session bus") and advice.startswith("it does not answer, it hangs")
+    assert found.said("port") == ("ok", "6454 is free", "")
 
 
 def test_a_running_recording_is_said_and_its_disk_left_alone(world):
@@ -180,6 +193,31 @@ def test_a_running_recording_is_said_and_its_disk_left_alone(world):
     assert ready(world)["service"]["text"].startswith("armed; ")
     service.feed([art_dmx(0, FULL)])
     found = ready(world)
+    assert found["service"]["text"].startswith("recording; ")
+    assert found.said("speed") == ("ok", "not tested, for the sake of the running recording", "")
+    service.client.stop()
+
+
+def test_a_recording_that_begins_meanwhile_is_said_and_its_disk_left_alone(world):
+    service = world.start()
+    ours, terminal = os.openpty()
+    process = world.namespaces.popen(
+        [str(CUE), "ready", "--json", "--listen", "2"],
+        stdout=subprocess.PIPE,
+        stderr=terminal,
+        text=True,
+        env={"PATH": os.environ["PATH"], "DBUS_SESSION_BUS_ADDRESS": world.bus.address, **environment()},
+    )
+    os.close(terminal)
+    with limited(process):
+        assert os.read(ours, 100).startswith(b"listening for 2.000 s")
+        os.kill(process.pid, signal.SIGSTOP)
+        service.client.grab(world.path("cue"))
+        service.feed([art_dmx(0, FULL)])
+        os.kill(process.pid, signal.SIGCONT)
+        out, _ = process.communicate()
+        found = Findings(process.returncode, out)
+    os.close(ours)
     assert found["service"]["text"].startswith("recording; ")
     assert found.said("speed") == ("ok", "not tested, for the sake of the running recording", "")
     service.client.stop()

@@ -112,6 +112,16 @@ TEST(ReadyPort, IsKadrelsWhereItsSocketIs) {
   EXPECT_EQ(service_socket(look), nullptr);
 }
 
+TEST(ReadyPort, IsNotCalledFreeWhereNobodyCanTell) {
+  PortLook look;
+  look.port = 6454;
+  look.known = false;
+  expect(check_port(look), Level::Warning, "the kernel does not tell who has 6454",
+         "sudo mount -t proc proc /proc, then look again");
+  look.service = 7;
+  EXPECT_EQ(static_cast<int>(check_port(look).level), static_cast<int>(Level::Warning));
+}
+
 TEST(ReadyNetwork, SaysWhatIsMissingOfEth0) {
   NetworkLook look;
   EXPECT_EQ(check_network(look).text, "no interface eth0: consoles are told 0.0.0.0");
@@ -152,7 +162,7 @@ TEST(ReadyHeard, AreTheArtNetUniversesOfOthers) {
   figures.streams = {stream(0, kDesk, 132), stream(0, kOwn, 132), stream(0, kDesk, 9, cue::Protocol::Sacn),
                      stream(3, kDesk, 66), stream(3, kDesk + 1, 66)};
   figures.streams[0].name = "Desk";
-  figures.streams[4].contested = true;
+  figures.streams[3].contested = figures.streams[4].contested = true;
   Heard heard;
   take_figures(figures, 3, kOwn, heard);
   EXPECT_EQ(heard.universes, (std::vector<std::uint16_t>{0, 3}));
@@ -162,6 +172,16 @@ TEST(ReadyHeard, AreTheArtNetUniversesOfOthers) {
   EXPECT_DOUBLE_EQ(heard.datagrams_per_second, 88);
   EXPECT_DOUBLE_EQ(heard.bytes_per_second, 88 * kFullBytes);
   EXPECT_EQ(heard.sacn_universes, 1U);
+}
+
+TEST(ReadyHeard, AreContestedByOthersOnly) {
+  cue::TrafficFigures figures;
+  figures.streams = {stream(0, kDesk, 66), stream(0, kOwn, 66), stream(1, kDesk, 66)};
+  for (cue::StreamFigures& one : figures.streams) one.contested = true;
+  figures.streams[2].counting = cue::Counting::Two;
+  Heard heard;
+  take_figures(figures, 3, kOwn, heard);
+  EXPECT_EQ(heard.contested, (std::vector<std::uint16_t>{1}));
 }
 
 Heard heard_of(std::vector<std::uint16_t> universes) {
@@ -195,6 +215,14 @@ TEST(ReadyUniverses, SayWhenThereIsNothing) {
   heard.advice = "get it";
   expect(check_universes(heard, 4), Level::Warning, "not listened: no right; 4 announced", "get it");
   expect(check_senders(heard), Level::Ok, "not listened");
+}
+
+TEST(ReadyUniverses, SayThatNotAllWasLookedAt) {
+  Heard heard = heard_of({0});
+  heard.lost = 1234;
+  expect(check_universes(heard, 1), Level::Warning,
+         "1 heard in 3.0 s (1), 44/s, and 1,234 datagrams came too quickly; 1 announced",
+         "the rates are higher than shown: end what takes the processor (top), look again");
 }
 
 TEST(ReadyUniverses, AListThatIsTooLongIsCut) {
@@ -353,6 +381,8 @@ TEST(ReadySpeed, MayNotBeTested) {
   expect(check_speed(look, load_for(1)), Level::Ok, "not tested, there is too little space");
   look.recording = true;
   expect(check_speed(look, load_for(1)), Level::Ok, "not tested, for the sake of the running recording");
+  look.recording_known = false;
+  expect(check_speed(look, load_for(1)), Level::Ok, "not tested, kadrel may be recording");
   look.stuck = true;
   expect(check_speed(look, load_for(1)), Level::Bad, "the disk stands still: a write did not come back",
          elsewhere);
