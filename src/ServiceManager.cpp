@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +11,16 @@
 
 #ifdef KADREL_SYSTEMD
 #include <systemd/sd-daemon.h>
+#endif
+
+#ifdef KADREL_SYSTEMD
+namespace {
+
+// A proof each day costs nothing. What a starter may ask for at most, 584,942 years, is more than a clock
+// counts.
+constexpr std::uint64_t kLongestWatchdog = 86'400'000'000;  // us
+
+}  // namespace
 #endif
 
 ServiceManager::ServiceManager() {
@@ -29,7 +40,8 @@ ServiceManager::ServiceManager() {
     ++address_size;
   fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::uint64_t time = 0;
-  if (fd != -1 && sd_watchdog_enabled(0, &time) > 0) watchdog_time = std::chrono::microseconds(time);
+  if (fd != -1 && sd_watchdog_enabled(0, &time) > 0)
+    watchdog_time = std::chrono::microseconds(std::min(time, kLongestWatchdog));
 #endif
 }
 

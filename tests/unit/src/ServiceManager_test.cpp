@@ -50,6 +50,7 @@ TEST(ServiceManager, SaysHowLongItWaits) {
   };
   const std::string own = std::to_string(getpid());
   for (const Row& row : std::vector<Row>{{"30000000", own, std::chrono::seconds(30)},
+                                         {"18446744073709551614", own, std::chrono::hours(24)},
                                          {"30000000", "1", std::nullopt},
                                          {"0", own, std::nullopt},
                                          {"soon", own, std::nullopt},
