@@ -63,6 +63,7 @@ int make_unnamed_file(const FolderWork& work) {
 SpaceReport look_at_space(const FolderWork& work, int file) {
   SpaceReport report{};
   report.error = file == -1 ? errno : 0;
+  report.files_left = true;
   struct statfs status {};
   if (statfs(work.folder, &status) == -1) {
     report.error = errno;

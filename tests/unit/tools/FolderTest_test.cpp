@@ -61,6 +61,7 @@ TEST_F(FolderLooks, WriteNothingWithoutTime) {
 TEST_F(FolderLooks, SayWhyThereIsNoFolder) {
   EXPECT_EQ(look_at_folder(folder + "/missing", false).error, ENOENT);
   EXPECT_TRUE(look_at_folder(folder + "/missing", false).answered);
+  EXPECT_TRUE(look_at_folder(folder + "/missing", false).files_left);
 }
 
 /// A pipe that keeps each report apart from the next one.
