@@ -307,6 +307,7 @@ def test_without_a_bus_it_says_where_it_looked(world, record, folder, address, w
 def test_a_service_that_is_killed_leaves_what_it_had_written(service, record, folder):
     path = f"{folder}/act.cue"
     process = record.begin(path)
+    read_until(process, "recording into")
     service.feed(frames(60))
     spin_until(lambda: os.path.getsize(path) > 0, "the first portion")
     service.kill()
