@@ -160,7 +160,8 @@ std::string short_number(double number, std::size_t width) {
     std::string text = fixed(number, decimals);
     if (text.size() <= width) return text;
   }
-  return std::string(width, '9');
+  std::string largest(width, '9');
+  return largest;
 }
 
 std::string left_aligned(const std::string& text, std::size_t width) {
