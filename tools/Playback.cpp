@@ -39,7 +39,9 @@ constexpr std::size_t kFewestColumns = 20;
 
 constexpr const char* kPriorityAdvice =
     "datagrams may be late while the machine is busy; root has it, a unit file gives it with LimitRTPRIO=1, "
-    "ulimit -r 1 does where limits.conf allows rtprio, and setcap cap_sys_nice+ep gives it to the program";
+    "ulimit -r 1 does where limits.conf allows rtprio, and setcap cap_net_raw,cap_sys_nice+ep gives it to "
+    "the program, "
+    "with the right to capture";
 
 /// Remaining time of a pass, exact or estimated.
 class Remaining {

@@ -1,8 +1,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <memory>
@@ -34,6 +36,9 @@ using kesto::Clock;
 
 // Between two looks at what has come: few, so that batches are taken; the capture keeps two seconds.
 constexpr int kReadMs = 100;
+
+// Keys between two of them: what is pasted does not keep the capture waiting.
+constexpr int kMostKeys = 1000;
 
 constexpr Clock::duration kDrawPeriod = std::chrono::milliseconds(250);
 constexpr Clock::duration kJsonPeriod = std::chrono::seconds(1);
@@ -130,14 +135,15 @@ private:
     const auto end = Clock::now() + std::chrono::nanoseconds(listen);
     source->read();
     while (!stop && (source->is_live() ? Clock::now() < end : !source->is_at_end())) {
-      wait(false);
+      if (source->is_at_end()) wait(false);
       source->read();
     }
-    source->finish();
+    // Of a file that was not read to its end the rest may be long.
+    if (source->is_at_end()) source->finish();
     const TopFigures figures = source->figures();
     if (!prom_path.empty()) write_prom(figures);
     if (is_json) {
-      write_json(figures, out);
+      out << json_line(figures) << std::flush;
     } else {
       TopView view;
       view.show(figures);
@@ -155,7 +161,9 @@ private:
     bool goes_on = true;
     while (goes_on && !stop) {
       source->read();
-      while (const auto key = screen.next_key()) {
+      for (int count = 0; count < kMostKeys; ++count) {
+        const auto key = screen.next_key();
+        if (!key) break;
         goes_on = goes_on && view.press(*key);
         is_wanted = true;
       }
@@ -183,7 +191,7 @@ private:
       wait(false);
       source->read();
       if (keyboard && keyboard->next() == Key::Quit) break;
-      if (is_json && json.is_due()) write_json(source->figures(), out);
+      if (is_json && json.is_due()) write_slowly(json_line(source->figures()), stop, out);
       if (!prom_path.empty() && prom.is_due()) {
         const std::string failure_before = prom_failure;
         try_prom(source->figures());
@@ -194,8 +202,26 @@ private:
     return prom_failure.empty() ? 0 : 1;
   }
 
-  static void write_json(const TopFigures& figures, std::ostream& out) {
-    out << traffic_json(figures.traffic, figures.source, kesto::wall_time(), figures.lost) << std::endl;
+  static std::string json_line(const TopFigures& figures) {
+    return traffic_json(figures.traffic, figures.source, kesto::wall_time(), figures.lost) + '\n';
+  }
+
+  /// Writes in portions that a pipe takes at once, so that a reader who is slow, or stopped, keeps neither
+  /// the capture nor the end waiting.
+  void write_slowly(const std::string& text, const std::atomic<bool>& stop, std::ostream& out) {
+    std::size_t written = 0;
+    while (written < text.size() && out) {
+      pollfd output{STDOUT_FILENO, POLLOUT, 0};
+      if (poll(&output, 1, kReadMs) == 1) {
+        const std::size_t size = std::min<std::size_t>(PIPE_BUF, text.size() - written);
+        out.write(text.data() + written, static_cast<std::streamsize>(size)).flush();
+        written += size;
+      } else if (stop) {
+        return;
+      } else {
+        source->read();
+      }
+    }
   }
 
   /// @throws cue::CueError

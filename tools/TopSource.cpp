@@ -3,6 +3,7 @@
 #include <net/if.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -14,6 +15,7 @@
 #include "cue/Time.h"
 #include "cue/live/Follower.h"
 #include "cue/live/LiveCapture.h"
+#include "cue/live/Meters.h"
 #include "cue/live/Traffic.h"
 #include "kesto/delay.h"
 #include "kesto/wall_clock.h"
@@ -30,13 +32,19 @@ constexpr std::int64_t kEnded = 5 * cue::kSecond;
 constexpr std::int64_t kReadTime = cue::kSecond / 10;
 constexpr int kRecordsBetweenLooks = 1000;
 
+std::int64_t steady_now() {
+  return std::chrono::nanoseconds(kesto::Clock::now().time_since_epoch()).count();
+}
+
 class LiveSource : public TopSource {
 public:
   explicit LiveSource(std::string interface) : name(std::move(interface)), capture(name) {}
 
   void read() override {
-    capture.read(
-        [this](const cue::UdpDatagram& datagram, std::int64_t time) { traffic.add(datagram, time); });
+    arrivals.look(kesto::wall_time(), steady_now());
+    capture.read([this](const cue::UdpDatagram& datagram, std::int64_t stamp) {
+      traffic.add(datagram, arrivals.at(stamp));
+    });
   }
 
   bool is_at_end() const override { return true; }
@@ -44,19 +52,20 @@ public:
 
   void finish() override {}
 
-  TopFigures figures() override { return {traffic.figures(kesto::wall_time()), name, capture.lost(), {}}; }
+  TopFigures figures() override { return {traffic.figures(steady_now()), name, capture.lost(), {}}; }
 
 private:
   std::string name;
   cue::LiveCapture capture;
+  cue::ArrivalClock arrivals;
   cue::Traffic traffic;
 };
 
 /// Time runs on beside a recording that grows; one that has ended stands at its last datagram.
 class RecordingSource : public TopSource {
 public:
-  RecordingSource(std::string file_path, SteadyTime steady)
-      : path(std::move(file_path)), steady_now(std::move(steady)) {
+  RecordingSource(std::string file_path, SteadyTime time)
+      : path(std::move(file_path)), clock(std::move(time)) {
     open();
   }
 
@@ -64,16 +73,14 @@ public:
     if (gone_or_replaced()) return;
     // What finish() has ended cannot be followed on.
     if (has_ended && file->size() != ended_size) open();
-    const std::int64_t begin = steady_now();
+    const std::int64_t begin = clock();
     cue::Record record;
     at_end = false;
     for (int count = 1; !at_end; ++count) {
-      if (file->next(record)) {
-        take(record, begin);
-      } else {
-        at_end = true;
-      }
-      if (count % kRecordsBetweenLooks == 0 && steady_now() - begin > kReadTime) break;
+      const bool taken = file->next(record);
+      if (taken) take(record, begin);
+      at_end = !taken && !file->is_interrupted();
+      if ((!taken || count % kRecordsBetweenLooks == 0) && clock() - begin > kReadTime) break;
     }
     if (at_end) note_growth(begin);
   }
@@ -88,12 +95,12 @@ public:
     damages = file->damages();
     file->finish();
     cue::Record record;
-    while (file->next(record)) take(record, steady_now());
+    while (file->next(record)) take(record, clock());
   }
 
   TopFigures figures() override {
     // The beginning of a file is read at once: time begins to run with what comes later.
-    const std::int64_t passed = grows ? steady_now() - last_taken : 0;
+    const std::int64_t passed = grows ? clock() - last_taken : 0;
     return {traffic->figures(last_time + passed), path, 0, notes()};
   }
 
@@ -107,7 +114,7 @@ private:
     last_time = 0;
     read_to = 0;
     size = 0;
-    last_growth = steady_now();
+    last_growth = clock();
   }
 
   /// @return whether there is nothing to read now
@@ -143,9 +150,11 @@ private:
   std::vector<std::string> notes() const {
     std::vector<std::string> found;
     if (is_gone) found.emplace_back("the file is gone; this is its last state");
-    if (!at_end && file->size() > 0)
-      found.push_back("reading: " + std::to_string(read_to * 100 / file->size()) + " %");
-    const std::int64_t still = steady_now() - last_growth;
+    // The file may become shorter at any time.
+    const std::uint64_t all = file->size();
+    if (!at_end && all > 0)
+      found.push_back("reading: " + std::to_string(std::min(read_to, all) * 100 / all) + " %");
+    const std::int64_t still = clock() - last_growth;
     if (has_ended && !is_gone && still > kEnded)
       found.push_back("the file has not grown for " + cue::seconds_text(still, 0) +
                       ": this is its last state");
@@ -157,7 +166,7 @@ private:
 
   // Constant after construction.
   std::string path;
-  SteadyTime steady_now;
+  SteadyTime clock;
 
   std::unique_ptr<cue::Follower> file;
   std::unique_ptr<cue::Traffic> traffic;
@@ -174,14 +183,10 @@ private:
   std::int64_t last_growth = 0;  // the same, when the file was found larger
 };
 
-std::int64_t steady_now() {
-  return std::chrono::nanoseconds(kesto::Clock::now().time_since_epoch()).count();
-}
-
 bool is_file(const std::string& name) {
   struct stat named {};
-  return name.find('/') != std::string::npos ||
-         (if_nametoindex(name.c_str()) == 0 && stat(name.c_str(), &named) == 0);
+  if (name.find('/') != std::string::npos) return true;
+  return name != cue::kAnyInterface && if_nametoindex(name.c_str()) == 0 && stat(name.c_str(), &named) == 0;
 }
 
 }  // namespace

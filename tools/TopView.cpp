@@ -135,8 +135,8 @@ std::vector<std::string> alerts(const TopFigures& shown) {
   const auto silent = universes_that(shown.traffic, [](const auto& stream) { return is_silent(stream); });
   if (!silent.empty()) found.push_back("- silent for more than 5 s: universe " + universes_text(silent));
   if (shown.traffic.streams_not_shown > 0)
-    found.push_back(std::to_string(shown.traffic.streams_not_shown) +
-                    " more senders and universes than can be followed");
+    found.push_back("more senders and universes than can be followed: one made room " +
+                    cue::counted(shown.traffic.streams_not_shown, "time"));
   return found;
 }
 
@@ -211,6 +211,7 @@ bool TopView::fits(const cue::StreamFigures& stream) const {
 /// Sorts and filters. The chosen stream stays chosen; when it is gone from the table, the one in its place
 /// is.
 void TopView::arrange() {
+  is_stale = false;
   const auto& streams = shown.traffic.streams;
   rows.clear();
   for (std::size_t i = 0; i < streams.size(); ++i)
@@ -224,6 +225,10 @@ void TopView::arrange() {
     return;
   }
   if (page != Page::Levels && page_before_help != Page::Levels) choose(chosen_row);
+}
+
+void TopView::settle() {
+  if (is_stale) arrange();
 }
 
 void TopView::choose(std::size_t row) {
@@ -285,7 +290,7 @@ void TopView::press_in_filter(int key) {
   } else if (key >= ' ' && key < 0x7F && filter.size() < kLongestFilter) {
     filter += static_cast<char>(key);
   }
-  arrange();
+  is_stale = true;
 }
 
 void TopView::press_in_help(int key) {
@@ -314,20 +319,23 @@ void TopView::press_in_overview(int key) {
     case top_key::kPageDown:
       return move_chosen(window);
     case top_key::kHome:
+      settle();
       return choose(0);
     case top_key::kEnd:
+      settle();
       return choose(rows.empty() ? 0 : rows.size() - 1);
     case top_key::kEnter:
+      settle();
       if (chosen_stream() != nullptr) page = Page::Levels;
       break;
     case top_key::kEscape:
       filter.clear();
-      arrange();
+      is_stale = true;
       break;
     case '/':
       filter_is_entered = true;
       filter.clear();
-      arrange();
+      is_stale = true;
       break;
     case 's':
       return turn_sort(1);
@@ -335,7 +343,7 @@ void TopView::press_in_overview(int key) {
       return turn_sort(-1);
     case 'r':
       reversed = !reversed;
-      arrange();
+      is_stale = true;
       break;
     default:
       break;
@@ -370,7 +378,7 @@ void TopView::press_in_levels(int key) {
     case top_key::kEnter:
     case top_key::kEscape:
       page = Page::Overview;
-      arrange();
+      is_stale = true;
       break;
     default:
       break;
@@ -380,10 +388,11 @@ void TopView::press_in_levels(int key) {
 void TopView::turn_sort(int by) {
   const int count = static_cast<int>(kSortNames.size());
   sort = static_cast<TopSort>((static_cast<int>(sort) + by + count) % count);
-  arrange();
+  is_stale = true;
 }
 
 void TopView::move_chosen(std::ptrdiff_t by) {
+  settle();
   choose(moved(chosen_row, by, rows.size()));
 }
 
@@ -392,6 +401,7 @@ void TopView::move_slot(std::ptrdiff_t by) {
 }
 
 std::vector<TopLine> TopView::lines(TopSize size) {
+  settle();
   std::vector<TopLine> screen = page == Page::Overview ? overview(size)
                                 : page == Page::Levels ? levels(size)
                                                        : help(size);

@@ -90,6 +90,7 @@ private:
   void move_slot(std::ptrdiff_t by);
   void choose(std::size_t row);
   void arrange();
+  void settle();
   bool fits(const cue::StreamFigures& stream) const;
   const cue::StreamFigures* chosen_stream() const;
 
@@ -104,6 +105,7 @@ private:
 
   TopFigures shown;
   std::vector<std::size_t> rows;  // of shown.traffic.streams, as they are sorted and filtered
+  bool is_stale = false;  // a key changed how; it is done before `rows` is looked at, once for many keys
 
   Page page = Page::Overview;
   Page page_before_help = Page::Overview;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QString>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -138,7 +139,8 @@ void add_streams(PromText& text, const std::string& from, const std::vector<Stre
 std::string traffic_prom(const cue::TrafficFigures& figures, const std::string& source, std::int64_t time,
                          std::uint64_t lost) {
   // With each sample, so that the files of several sources can lie in one folder.
-  const std::string from = label("source", source);
+  // A text that is no UTF-8 makes the whole file useless, and the name of a recording can be one.
+  const std::string from = label("source", QString::fromStdString(source).toStdString());
   PromText text;
   text.begin("time_seconds", "gauge", "Time of these figures since 1970.");
   text.sample(from, decimal_seconds(time));

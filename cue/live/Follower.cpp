@@ -18,6 +18,9 @@ namespace {
 // Bytes by which a file is known again: the pauses of some datagrams, in nanoseconds, are in them.
 constexpr std::size_t kFront = 4096;
 
+// Bytes that one call passes without a datagram, so that damage of any length keeps nobody waiting.
+constexpr std::size_t kMostPassed = std::size_t{4} << 20;
+
 /// The file, and how far it has been read.
 class GrowingFile {
 public:
@@ -97,13 +100,15 @@ class Follower::Parts {
 public:
   explicit Parts(const std::string& path)
       : file(path),
-        reader([this](std::uint8_t* bytes, std::size_t size) { return file.read(bytes, size); }, path) {
+        reader([this](std::uint8_t* bytes, std::size_t size) { return read(bytes, size); }, path) {
     const std::string kind = foreign_kind(file.peek(kForeignFront));
     if (!kind.empty()) throw CueError(path + ": " + kind);
     reader.follow();
   }
 
   bool next(Record& record) {
+    allowed = kMostPassed;
+    interrupted = false;
     while (!reader.next(record)) {
       if (!reader.damage()) return false;
       if (!passing_damage) ++damages;
@@ -114,10 +119,32 @@ public:
     return true;
   }
 
+  void finish() {
+    finished = true;
+    reader.finish();
+  }
+
   GrowingFile file;
   RecordingReader reader;
   std::uint64_t damages = 0;
+  bool interrupted = false;  // the last next() ended before the end of the file
+
+private:
+  /// The reader takes an end of what it may read now for that of the file by now, and goes on there. One
+  /// that does not expect more would end for good.
+  std::size_t read(std::uint8_t* bytes, std::size_t size) {
+    if (allowed == 0 && !finished) {
+      interrupted = true;
+      return 0;
+    }
+    const std::size_t count = file.read(bytes, finished ? size : std::min(size, allowed));
+    allowed -= std::min(count, allowed);
+    return count;
+  }
+
   bool passing_damage = false;  // the last damage is counted and not passed yet
+  bool finished = false;
+  std::size_t allowed = kMostPassed;  // bytes of the file
 };
 
 Follower::Follower(const std::string& path) : parts(std::make_unique<Parts>(path)) {}
@@ -128,8 +155,12 @@ bool Follower::next(Record& record) {
   return parts->next(record);
 }
 
+bool Follower::is_interrupted() const {
+  return parts->interrupted;
+}
+
 void Follower::finish() {
-  parts->reader.finish();
+  parts->finish();
 }
 
 std::uint64_t Follower::size() const {

@@ -25,9 +25,12 @@ public:
   Follower& operator=(Follower&&) = delete;
 
   /// The next datagram that is in the file by now; does not wait. Damage is passed over and counted.
-  /// @return false when there is none yet
+  /// @return false when there is none yet, or when it has passed 4 MiB without one: is_interrupted()
   /// @throws CueError when the file cannot be read
   bool next(Record& record);
+
+  /// Whether the last next() found nothing so far in a file that it has not read to its end by now.
+  bool is_interrupted() const;
 
   /// The recording has ended: what is in the file is all of it. next() delivers the rest.
   void finish();

@@ -16,12 +16,11 @@
 #include "cue/Libpcap.h"
 #include "cue/Sacn.h"
 #include "cue/live/Copies.h"
+#include "cue/live/Meters.h"
 #include "cue/live/PrintableText.h"
 
 namespace cue {
 namespace {
-
-constexpr const char* kAny = "any";
 
 // The longest IPv4 packet behind Ethernet with two VLAN tags, or the header of "any".
 constexpr int kSnapLength = 65535 + 32;
@@ -63,10 +62,11 @@ std::string program_path() {
   return size > 0 ? std::string(path.data(), static_cast<std::size_t>(size)) : "/usr/bin/kadrel-cue";
 }
 
-/// Changing the group of a file takes its capabilities away, so setcap comes last.
+/// Changing the group of a file takes its capabilities away, so setcap comes last. It replaces the
+/// capabilities that were there, so it names the one that playbacks want, too.
 NoCaptureRight no_right(const std::string& interface) {
   const std::string program = program_path();
-  const std::string setcap = "sudo setcap cap_net_raw+ep " + program;
+  const std::string setcap = "sudo setcap " + std::string(kCapabilities) + ' ' + program;
   const std::string group = "sudo groupadd -f kadrel && sudo usermod -aG kadrel $USER && sudo chgrp kadrel " +
                             program + " && sudo chmod 750 " + program + " && " + setcap;
   return NoCaptureRight{interface + ": you have no right to capture; give it to all users with \"" + setcap +
@@ -103,12 +103,13 @@ private:
   std::unique_ptr<Copies> copies;  // at "any"
   const Visit* visitor = nullptr;  // during read()
   std::exception_ptr failure;      // of the visitor
-  std::uint32_t last_drops = 0;    // the counters of libpcap have 32 bits
-  std::uint64_t drops = 0;
+  DropCounter drops;               // of the kernel
+  DropCounter interface_drops;
+  std::uint64_t all_drops = 0;
 };
 
 LiveCapture::Handle::Handle(const std::string& interface) : name(interface), shown(ascii_text(interface)) {
-  if (name == kAny)
+  if (name == kAnyInterface)
     copies = std::make_unique<Copies>();
   else
     check_interface();
@@ -132,7 +133,7 @@ void LiveCapture::Handle::open() {
   if (result == PCAP_ERROR_PERM_DENIED || result == PCAP_ERROR_PROMISC_PERM_DENIED) throw no_right(shown);
   // Above 0: it works, but not in every way that was asked for; "any" is never promiscuous.
   if (result < 0) throw error(result == PCAP_ERROR ? pcap_geterr(capture) : pcap_statustostr(result));
-  if (name == kAny) pcap_set_datalink(capture, kLinuxSll2);
+  if (name == kAnyInterface) pcap_set_datalink(capture, kLinuxSll2);
 }
 
 void LiveCapture::Handle::set_filter() {
@@ -148,7 +149,7 @@ void LiveCapture::Handle::set_filter() {
 }
 
 void LiveCapture::Handle::check_interface() const {
-  if (name == kAny) return;
+  if (name == kAnyInterface) return;
   const std::optional<unsigned> flags = flags_of(name);
   if (!flags) throw error("there is no such interface");
   if ((*flags & IFF_UP) == 0) throw error("the interface is down");
@@ -198,11 +199,9 @@ void LiveCapture::Handle::take(const pcap_pkthdr& header, const std::uint8_t* by
 
 std::uint64_t LiveCapture::Handle::lost() {
   pcap_stat figures{};
-  if (pcap_stats(pcap.get(), &figures) != 0) return drops;
-  const std::uint32_t now = figures.ps_drop + figures.ps_ifdrop;
-  drops += now - last_drops;
-  last_drops = now;
-  return drops;
+  if (pcap_stats(pcap.get(), &figures) == 0)
+    all_drops = drops.add(figures.ps_drop) + interface_drops.add(figures.ps_ifdrop);
+  return all_drops;
 }
 
 LiveCapture::LiveCapture(const std::string& interface) : handle(std::make_unique<Handle>(interface)) {}

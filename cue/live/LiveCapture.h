@@ -11,6 +11,13 @@
 
 namespace cue {
 
+/// All interfaces.
+constexpr const char* kAnyInterface = "any";
+
+/// What setcap(8) is to give the program: the right to capture, and real time for playbacks. It takes away
+/// what it does not name.
+constexpr const char* kCapabilities = "cap_net_raw,cap_sys_nice+ep";
+
 /// The user may not capture. Its text is one sentence that names the ways to get the right.
 class NoCaptureRight : public CueError {
 public:

@@ -29,6 +29,29 @@ std::int64_t LiveClock::look(std::int64_t time) const {
   return latest + std::min(step, kLongest);
 }
 
+void ArrivalClock::look(std::int64_t wall, std::int64_t steady) {
+  // Batches can come a little after the look that they were stamped before.
+  earliest = (begun ? steady_now : steady) - kSecond;
+  begun = true;
+  wall_now = wall;
+  steady_now = steady;
+}
+
+std::int64_t ArrivalClock::at(std::int64_t stamp) const {
+  std::int64_t ago = 0;
+  std::int64_t time = 0;
+  if (__builtin_sub_overflow(wall_now, stamp, &ago) || __builtin_sub_overflow(steady_now, ago, &time))
+    return stamp < wall_now ? earliest : steady_now;
+  return std::clamp(time, earliest, steady_now);
+}
+
+std::uint64_t DropCounter::add(std::uint32_t now) {
+  const auto step = static_cast<std::int32_t>(now - last);
+  last = now;
+  if (step > 0) all += static_cast<std::uint32_t>(step);
+  return all;
+}
+
 void RateMeter::add(std::int64_t time) {
   const std::int64_t second = time / kSecond;
   const auto size = static_cast<std::int64_t>(counts.size());

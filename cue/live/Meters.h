@@ -24,6 +24,36 @@ private:
   std::int64_t latest = 0;
 };
 
+/// Times of arrival on a clock that nobody sets, from stamps of the wall clock, which people and programs set
+/// while datagrams wait to be read.
+class ArrivalClock {
+public:
+  /// The time now on both clocks, ns; before the stamps of what waits are asked for.
+  void look(std::int64_t wall, std::int64_t steady);
+
+  /// @param stamp  ns on the wall clock. @return ns on the other; not later than the last look, nor more than
+  ///               a second before the look that preceded it
+  std::int64_t at(std::int64_t stamp) const;
+
+private:
+  bool begun = false;
+  std::int64_t wall_now = 0;
+  std::int64_t steady_now = 0;
+  std::int64_t earliest = 0;
+};
+
+/// Adds up a counter of 32 bits that runs over, and that can be set back when an interface is renamed or
+/// begins anew.
+class DropCounter {
+public:
+  /// @return all so far
+  std::uint64_t add(std::uint32_t now);
+
+private:
+  std::uint32_t last = 0;
+  std::uint64_t all = 0;
+};
+
 /// Packets in a whole second.
 class RateMeter {
 public:

@@ -79,6 +79,7 @@ struct Stream {
   std::uint64_t datagrams = 0;
   std::int64_t first = 0;  // ns
   std::int64_t last = 0;   // ns
+  std::int64_t odd = 0;    // ns, when a number last did not fit one count
   bool unicast = false;
   bool ended = false;
   std::uint8_t priority = 0;
@@ -218,7 +219,9 @@ void Traffic::Parts::add_dmx(const UdpDatagram& datagram, const DmxPacket& packe
   const Bytes levels{bytes + kDmxHeaderSize, packet.slots};
   const NumberedPacket numbered{bytes[offsetof(ArtDmx, sequence)], time, of.holds(levels)};
   if (of.numbers.oddities() > 0) sender(datagram.sender).shared.add(of.member, packet.port_address, numbered);
+  const std::uint64_t oddities = of.numbers.oddities();
   of.numbers.add(numbered);
+  if (of.numbers.oddities() != oddities) of.odd = time;
   of.unicast = is_unicast(datagram);
   of.take_levels(levels, time);
 }
@@ -359,6 +362,8 @@ StreamFigures Traffic::Parts::figures_of(const StreamKey& key, const Stream& of,
   figures.rate = of.rate_at(std::max<std::int64_t>(0, now - kSettled));
   figures.jitter = of.jitter.jitter() / 1e6;
   tell_numbers(key, of, figures);
+  // Two counts are told for ever, and contested is what is so now.
+  figures.contested = figures.counting == Counting::Two && now - of.odd <= kPresent;
   figures.slots = of.slots;
   figures.age = std::max<std::int64_t>(0, now - of.last);
   std::copy_n(of.levels.begin(), of.slots, figures.levels.begin());
@@ -372,14 +377,15 @@ bool is_present(const StreamFigures& stream) {
   return !stream.ended && stream.age <= Traffic::kPresent;
 }
 
-/// Marks the streams of one universe in one protocol that get in each other's way.
+/// Marks the streams of one universe in one protocol that get in each other's way, beside those with two
+/// counts, which are marked.
 void mark_contested(std::vector<StreamFigures>::iterator begin, std::vector<StreamFigures>::iterator end) {
   std::array<std::uint32_t, 256> present{};  // by priority, which is 0 in Art-Net
   std::for_each(begin, end, [&](const StreamFigures& one) {
     if (is_present(one)) ++present[one.priority];
   });
   std::for_each(begin, end, [&](StreamFigures& one) {
-    one.contested = is_present(one) && (present[one.priority] > 1 || one.counting == Counting::Two);
+    one.contested = is_present(one) && (present[one.priority] > 1 || one.contested);
   });
 }
 

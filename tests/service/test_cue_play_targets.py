@@ -120,7 +120,7 @@ def test_missing_rights_are_said_once_with_what_to_do(world, tool):
     assert outcome.returncode == 0, outcome.stderr
     (line,) = outcome.stderr.splitlines()
     assert line.startswith("kadrel-cue: no real-time priority (Operation not permitted): ")
-    assert all(advice in line for advice in ("root", "LimitRTPRIO=1", "ulimit -r 1", "setcap cap_sys_nice+ep"))
+    assert all(advice in line for advice in ("root", "LimitRTPRIO=1", "ulimit -r 1", "setcap cap_net_raw,cap_sys_nice+ep"))
 
 
 def test_the_standard_input_and_a_pipe_are_played_while_they_are_written(world, tool):

@@ -1,6 +1,7 @@
 """kadrel-cue top: what is on the wire, and in a recording that grows."""
 
 import contextlib
+import fcntl
 import itertools
 import json
 import os
@@ -9,6 +10,8 @@ import select
 import signal
 import socket
 import struct
+import sys
+import termios
 import threading
 
 import pytest
@@ -288,6 +291,65 @@ def test_the_right_to_capture_is_asked_for_in_one_sentence(world, tool):
     assert "setcap" in errors and "group" in errors
 
 
+def test_all_interfaces_are_no_file_of_their_name(world, tool, show):
+    append(world.path("any"), art_dmx(0, b"\x01"), art_dmx(0, b"\x02"))
+    process = world.namespaces.popen(
+        ["env", f"--chdir={world.directory}", str(CUE), "top", "any", "--once"], stdout=-1, stderr=-1, text=True
+    )
+    code, out, errors = tool.finish(process)
+    assert (code, errors) == (0, "")
+    assert DESK in out
+
+
+# What it cannot keep up with
+
+
+def flood(desk):
+    """More than the kernel keeps for the capture."""
+    for number in range(80_000):
+        desk.send(art_dmx(number % 500, bytes(512), sequence=artnet_number(number // 500)), to=(BROADCAST, ARTNET_PORT))
+
+
+def test_what_is_not_seen_is_told(tool, desk):
+    with started(tool, "--json") as process:
+        assert next(objects(process))["lost"] == 0
+        process.send_signal(signal.SIGSTOP)
+        flood(desk)
+        process.send_signal(signal.SIGCONT)
+        figures = wait_for_figures(process, lambda figures: figures["lost"] > 0)
+    assert figures["packets"]["art_dmx"]["packets"] + figures["lost"] == 80_000
+
+
+def test_what_is_not_seen_is_told_on_the_screen(world, desk, screen):
+    window = screen()
+    window.run(f"kadrel-cue top & echo $! > {world.path('pid')}; fg")
+    window.see("Nothing heard yet")
+    with open(world.path("pid"), encoding="ascii") as file:
+        pid = int(file.read())
+    os.kill(pid, signal.SIGSTOP)
+    flood(desk)
+    os.kill(pid, signal.SIGCONT)
+    window.run("fg")
+    window.see(r"^ [0-9]+ datagrams not seen: this computer was too slow$")
+
+
+def test_a_reader_that_is_too_slow_keeps_it_neither_from_looking_nor_from_its_end(world, tool, desk):
+    with started(tool, "--json") as process:
+        next(objects(process))
+        desk.send(art_dmx(0, b"\x01"), to=(BROADCAST, ARTNET_PORT))
+        for universe in range(300):  # far more text than a pipe takes
+            desk.send(art_dmx(universe, b"\xff" * 512), to=(BROADCAST, ARTNET_PORT))
+        spin_until(lambda: pipe_is_full(process.stdout), "a pipe that takes no more")
+        process.terminate()
+        assert process.wait(DEADLINE) == 0
+
+
+def pipe_is_full(pipe):
+    waiting = bytearray(4)
+    fcntl.ioctl(pipe, termios.FIONREAD, waiting)
+    return int.from_bytes(waiting, sys.byteorder) > fcntl.fcntl(pipe, fcntl.F_GETPIPE_SZ) - 4096
+
+
 def test_an_unknown_interface_is_an_error(tool):
     code, out, errors = tool("top", "eth7", "--once")
     assert (code, out, errors.count("\n")) == (1, "", 1)
@@ -382,6 +444,22 @@ def test_the_next_recording_of_the_name_is_followed(world, tool):
         append(world.path("next.cue"), art_dmx(8, b"\x01"), art_dmx(8, b"\x02"))
         os.rename(world.path("next.cue"), path)
         wait_for_figures(process, lambda figures: [one["universe"] for one in figures["streams"]] == [9])
+
+
+@pytest.mark.parametrize("how", ["--json", "--once"])
+def test_damage_without_end_can_be_ended(world, tool, how):
+    path = world.path("show.cue")
+    append(path, art_dmx(0, b"\x01"), art_dmx(0, b"\x02"))
+    os.truncate(path, 1 << 40)
+    with started(tool, path, how) as process:
+        spin_until(lambda: bytes_read(process.pid) > 8 << 20, "the damage")
+        process.terminate()
+        assert process.wait(DEADLINE) == 0
+
+
+def bytes_read(pid):
+    with open(f"/proc/{pid}/io", encoding="ascii") as file:
+        return int(file.readline().split()[1])
 
 
 def test_what_is_no_recording_is_refused(world, tool):

@@ -6,6 +6,8 @@
 #include <fstream>
 
 #include "cue/Time.h"
+#include "cue/live/LiveCapture.h"
+#include "tools/ReadyChecks.h"
 #include "unit/cue/directory.h"
 #include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
@@ -142,9 +144,37 @@ TEST_F(Recording, IsReadInPortionsWhenItIsLong) {
   EXPECT_EQ(source->figures().traffic.streams[0].datagrams, 5000U);
 }
 
+TEST_F(Recording, KeepsNobodyWaitingWhereItIsDamaged) {
+  write(levels(1) + delay(kPause) + levels(2));
+  constexpr std::uintmax_t kDamage = std::uintmax_t{64} << 20;
+  std::filesystem::resize_file(path, kDamage);
+  write(delay(kPause) + levels(3) + delay(kPause) + levels(4) + delay(kPause));
+  source = kadrel_cue::follow_recording(path, [this] { return time += kSecond; });
+  source->read();
+  EXPECT_FALSE(source->is_at_end());
+  int reads = 1;
+  for (; !source->is_at_end(); ++reads) source->read();
+  EXPECT_GE(reads, 10);
+  EXPECT_EQ(source->figures().traffic.streams[0].highest, 4);
+}
+
+TEST_F(Recording, MayBecomeShorterWhileItIsRead) {
+  std::string bytes;
+  for (int i = 0; i < 5000; ++i) bytes += levels(1) + delay(kPause);
+  write(bytes);
+  source = kadrel_cue::follow_recording(path, [this] { return time += kSecond; });
+  source->read();
+  std::filesystem::resize_file(path, 100);
+  EXPECT_EQ(source->figures().notes, std::vector<std::string>{"reading: 100 %"});
+}
+
 TEST_F(Recording, MustBeThere) {
   EXPECT_EQ(unit::error_of([&] { kadrel_cue::follow_recording(path, [] { return 0; }); }),
             path + ": No such file or directory");
+}
+
+TEST(TopRights, AreGivenTogetherByEveryAdvice) {
+  EXPECT_NE(std::string(kadrel_cue::kRightsAdvice).find(cue::kCapabilities), std::string::npos);
 }
 
 TEST(TopInterface, IsEth0OrTheOnlyOne) {

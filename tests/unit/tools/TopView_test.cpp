@@ -167,7 +167,7 @@ TEST(TopOverview, SaysWhatWasNotSeenFirst) {
                    "  Univ  Net:Sub:U Way     Sender                     Hz  Jit  Lost Slot Max  Age",
                    " Nothing heard yet.", "", "", "", "", "", "", "",
                    " 12 datagrams not seen: this computer was too slow", " f[2J?: No space left on device",
-                   " 3 more senders and universes than can be followed",
+                   " more senders and universes than can be followed: one made room 3 times",
                    " q end  ? help  enter levels  p pause  / filter  s sort: universe"}));
   EXPECT_EQ(screen_of(view, {80, 5})[3], " 12 datagrams not seen: this computer was too slow");
 }

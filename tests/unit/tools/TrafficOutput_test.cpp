@@ -154,6 +154,13 @@ TEST(TrafficProm, TellsOfEachStreamWhatIsKnown) {
   EXPECT_EQ(metric("ended"), sacn + "1\n");
 }
 
+TEST(TrafficProm, IsUtf8WhateverTheSourceIsCalled) {
+  const std::string text = traffic_prom({}, "/cues/f\xFC\"r", 0, 0);
+  EXPECT_NE(text.find("kadrel_top_lost_datagrams_total{source=\"/cues/f\xEF\xBF\xBD\\\"r\"} 0\n"),
+            std::string::npos)
+      << text;
+}
+
 TEST(TrafficProm, ReplacesItsFileAtOnceForEverybodyToRead) {
   const unit::Directory directory;
   const std::string path = directory / "kadrel.prom";

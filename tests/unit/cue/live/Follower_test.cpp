@@ -235,6 +235,26 @@ TEST(Follower, GoesOnAfterGarbageWithinTheReachOfAStep) {
   EXPECT_EQ(recording.reading.records.back().pause, 11);
 }
 
+TEST(Follower, PassesLongDamageInPortions) {
+  constexpr std::size_t kDamage = std::size_t{20} << 20;
+  Recording recording(kDmx + delay(5) + std::string(kDamage, 'x') + delay(6) + kDmx + delay(7) + kDmx);
+  cue::Record record;
+  ASSERT_TRUE(recording.follower->next(record));
+  EXPECT_FALSE(recording.follower->is_interrupted());
+  int portions = 0;
+  while (!recording.follower->next(record)) {
+    ASSERT_TRUE(recording.follower->is_interrupted());
+    ++portions;
+  }
+  EXPECT_EQ(portions, 4);
+  EXPECT_FALSE(recording.follower->is_interrupted());
+  EXPECT_EQ(recording.follower->damages(), 1U);
+  EXPECT_EQ(recording.follower->damaged_bytes(), kDamage);
+  // What has ended is read without a pause.
+  Recording ended(kDmx + delay(5) + std::string(kDamage, 'x') + delay(6) + kDmx);
+  EXPECT_EQ(ended.finish().records.size(), 2U);
+}
+
 TEST(Follower, IsNeverMoreThanTheReachOfAStepBehind) {
   // A packet whose end no good record shows.
   const std::string strange = kDmx + "no packet of a sender";

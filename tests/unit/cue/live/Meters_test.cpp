@@ -57,6 +57,54 @@ TEST(LiveClock, StaysInItsBoundsWhateverItIsGiven) {
   }
 }
 
+TEST(ArrivalClock, DoesNotGoWithAClockThatIsSet) {
+  constexpr std::int64_t kWall = 1'700'000'000 * kSecond;
+  constexpr std::int64_t kSteady = 500 * kSecond;
+  cue::ArrivalClock clock;
+  clock.look(kWall, kSteady);
+  EXPECT_EQ(clock.at(kWall - 20), kSteady - 20);
+  for (const std::int64_t set : {std::int64_t{0}, 3600 * kSecond, -3600 * kSecond, -kWall}) {
+    clock.look(kWall + kSecond / 10 + set, kSteady + kSecond / 10);
+    EXPECT_EQ(clock.at(kWall + kSecond / 10 + set - 20), kSteady + kSecond / 10 - 20);
+  }
+  // Stamped before the clock was set, and read afterwards.
+  clock.look(kWall + 3600 * kSecond, kSteady + kSecond);
+  EXPECT_EQ(clock.at(kWall), kSteady + kSecond / 10 - kSecond);
+  clock.look(kWall - 3600 * kSecond, kSteady + 2 * kSecond);
+  EXPECT_EQ(clock.at(kWall), kSteady + 2 * kSecond);
+}
+
+TEST(ArrivalClock, KnowsAStampFromALongStop) {
+  cue::ArrivalClock clock;
+  clock.look(1000 * kSecond, 0);
+  clock.look(1060 * kSecond, 60 * kSecond);
+  EXPECT_EQ(clock.at(1001 * kSecond), kSecond);
+  EXPECT_EQ(clock.at(1000 * kSecond - 7), -7);
+}
+
+TEST(ArrivalClock, StaysInItsBoundsWhateverItIsGiven) {
+  constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+  constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+  cue::ArrivalClock clock;
+  for (const std::int64_t wall : {kLowest, std::int64_t{0}, kHighest}) {
+    clock.look(wall, 9 * kSecond);
+    for (const std::int64_t stamp : {kLowest, std::int64_t{0}, kHighest}) {
+      EXPECT_EQ(clock.at(stamp), stamp < wall ? 8 * kSecond : 9 * kSecond) << wall << ' ' << stamp;
+    }
+  }
+}
+
+TEST(DropCounter, RunsOverAndIsNotSetBack) {
+  cue::DropCounter counter;
+  EXPECT_EQ(counter.add(0), 0U);
+  EXPECT_EQ(counter.add(4'000), 4'000U);
+  EXPECT_EQ(counter.add(2'000'000'000), 2'000'000'000U);
+  EXPECT_EQ(counter.add(4'000'000'000), 4'000'000'000U);
+  EXPECT_EQ(counter.add(5), 4'294'967'301U);
+  EXPECT_EQ(counter.add(4'294'967'000), 4'294'967'301U);  // an interface that begins anew
+  EXPECT_EQ(counter.add(4'294'967'001), 4'294'967'302U);
+}
+
 TEST(RateMeter, CountsWholeSeconds) {
   cue::RateMeter meter;
   EXPECT_EQ(meter.last_second(0), 0U);

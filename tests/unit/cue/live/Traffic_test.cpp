@@ -220,6 +220,21 @@ TEST_F(Traffic, MarksTwoSendersBehindOneAddress) {
   EXPECT_EQ(stream().missing, 0U);
 }
 
+TEST_F(Traffic, MarksTwoSendersBehindOneAddressNoLongerThanBothSend) {
+  for (unsigned i = 0; i < 200; ++i) {
+    send(dmx("desk", 0, 1 + i % 255));
+    send(dmx("node", 0, 1 + (i + 128) % 255));
+    now += 25 * kMillisecond;
+  }
+  ASSERT_TRUE(stream().contested);
+  for (unsigned i = 200; i < 420; ++i) {
+    send(dmx("desk", 0, 1 + i % 255));
+    now += 25 * kMillisecond;
+  }
+  EXPECT_FALSE(stream().contested);
+  EXPECT_EQ(stream().counting, cue::Counting::Two);
+}
+
 TEST_F(Traffic, TellsUnicastFromBroadcast) {
   const auto is_unicast = [this](std::uint32_t receiver) {
     send(dmx("x"), kDesk, receiver);
