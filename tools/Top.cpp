@@ -216,6 +216,8 @@ private:
         const std::size_t size = std::min<std::size_t>(PIPE_BUF, text.size() - written);
         out.write(text.data() + written, static_cast<std::streamsize>(size)).flush();
         written += size;
+        // The C library can keep to itself that a terminal which is gone took nothing.
+        if ((output.revents & POLLHUP) != 0) out.setstate(std::ios::badbit);
       } else if (stop) {
         return;
       } else {

@@ -5,6 +5,7 @@ import fcntl
 import itertools
 import json
 import os
+import pty
 import re
 import select
 import signal
@@ -342,6 +343,18 @@ def test_a_reader_that_is_too_slow_keeps_it_neither_from_looking_nor_from_its_en
         spin_until(lambda: pipe_is_full(process.stdout), "a pipe that takes no more")
         process.terminate()
         assert process.wait(DEADLINE) == 0
+
+
+def test_a_terminal_that_is_gone_ends_the_objects(world, tool):
+    ours, theirs = pty.openpty()
+    with open(ours, "rb", buffering=0) as terminal:
+        process = world.namespaces.popen([str(CUE), "top", "eth0", "--json"], stdin=theirs, stdout=theirs, stderr=-1, text=True)
+        os.close(theirs)
+        with limited(process):
+            assert terminal.read(1) == b"{"
+            terminal.close()
+            assert process.wait(DEADLINE) == 1
+            assert process.stderr.read() == "kadrel-cue: standard output cannot be written\n"
 
 
 def pipe_is_full(pipe):
