@@ -37,7 +37,7 @@ void RecordDisplay::show_waiting(double seconds) {
   const std::string words =
       "kadrel does not answer for " + std::to_string(whole) + " s (its disk may stand still)";
   if (live)
-    write_line(words);
+    write_line(words.substr(0, terminal_columns() - 1));
   else if (first)
     say(words + "; still waiting");
 }

@@ -85,16 +85,16 @@ ReservedFile reserve(const RecordOptions& options) {
   // The bus takes no other text, and what it would make of it names another file.
   if (!is_utf8(path + name))
     throw cue::CueError("the path of the recording is not UTF-8, and the bus takes no other");
+  if (has_control_characters(path))
+    throw cue::CueError(
+        "the path of the recording has control characters, which a terminal takes as commands");
   return folder ? ReservedFile::in_folder(path, name) : ReservedFile(path);
 }
 
 /// A hidden file beside the recording, for the time before the first change.
 ReservedFile waiting_file(const std::string& beside) {
   const std::filesystem::path path(beside);
-  // Shorter than a name may be, whatever the name beside is.
-  constexpr std::size_t kMost = 200;
-  const std::string name = path.filename().string().substr(0, kMost);
-  return ReservedFile::in_folder(path.parent_path().string(), "." + name + ".waiting");
+  return ReservedFile::in_folder(path.parent_path().string(), waiting_name(path.filename().string()));
 }
 
 bool is_disk_full(const std::string& path) {
@@ -107,6 +107,13 @@ bool is_disk_full(const std::string& path) {
 std::int64_t between(Clock::time_point from, Clock::time_point to) {
   return std::max<std::int64_t>(0, std::chrono::nanoseconds(to - from).count());
 }
+
+/// Removes a file of our own at the end of a block.
+struct FileRemoval {
+  const std::string path;
+
+  ~FileRemoval() { unlink(path.c_str()); }
+};
 
 /// A file that the service writes now.
 struct Part {
@@ -146,12 +153,13 @@ private:
   std::int64_t position(Clock::time_point now) const { return first ? between(*first, now) : 0; }
 
   void begin_part();
+  void drop_part() const;
   bool go_on();
   bool read_portion();
   void take(const cue::Record& record, Clock::time_point now);
   void look(Clock::time_point now);
   void look_at_service(Clock::time_point now);
-  void look_at_file();
+  void look_at_file(Clock::time_point now);
   void check_universes(Clock::time_point now);
   void show(Clock::time_point now);
   void begin_anew();
@@ -196,7 +204,7 @@ void Run::begin() {
   try {
     begin_part();
   } catch (...) {
-    if (part.file) part.file->remove();
+    drop_part();
     target->remove();
     throw;
   }
@@ -212,17 +220,22 @@ void Run::begin_part() {
   size = 0;
 }
 
+/// A part that could not be begun: nobody would end what the service may have begun already.
+void Run::drop_part() const {
+  if (part.grab) part.grab->stop();
+  if (part.file) part.file->remove();
+}
+
 void Run::follow() {
   try {
     while (go_on())
       if (!read_portion()) std::this_thread::sleep_for(kReadPeriod);
-    end_part();
-    show(Clock::now());
-  } catch (...) {
-    // Whatever it was, nobody would end the recording later.
-    if (part.grab) part.grab->stop();
-    throw;
+  } catch (const cue::CueError& error) {
+    // Nobody would end the recording later. What is in the file is kept.
+    note_fault(error.what());
   }
+  end_part();
+  show(Clock::now());
 }
 
 bool Run::go_on() {
@@ -270,7 +283,7 @@ void Run::take(const cue::Record& record, Clock::time_point now) {
 void Run::look(Clock::time_point now) {
   next_look = now + kLookPeriod;
   look_at_service(now);
-  look_at_file();
+  look_at_file(now);
   if (waiting && !ended && size > options.wait_size) begin_anew();
   check_universes(now);
   show(now);
@@ -286,7 +299,7 @@ void Run::look_at_service(Clock::time_point now) {
     part.grab->note_drops();
   }
   // The service has begun another recording between two looks, when this one does not grow.
-  if (size == 0 || checked_standstill || now - grown < kStandstill) return;
+  if ((size == 0 && armed) || checked_standstill || now - grown < kStandstill) return;
   checked_standstill = true;
   if (!part.grab->is_latest()) note_standing(Standing::Ended);
 }
@@ -308,10 +321,13 @@ void Run::note_fault(const std::string& words) {
   display.say(words);
 }
 
-void Run::look_at_file() {
-  if (is_disk_full(part.file->path()))
+void Run::look_at_file(Clock::time_point now) {
+  if (is_disk_full(part.file->path())) {
     note_fault(
         "the disk is full: kadrel keeps what does not fit in memory, and loses what does not fit there");
+    // A file that does not grow is no silence now.
+    silence.note_growth(now);
+  }
   if (part.file->is_in_place() || std::exchange(said_replaced, true)) return;
   note_fault(part.file->path() + ": was moved or removed; kadrel goes on writing the same file");
 }
@@ -352,7 +368,7 @@ void Run::begin_anew() {
   try {
     begin_part();
   } catch (const cue::CueError& error) {
-    if (part.file) part.file->remove();
+    drop_part();
     part = std::move(old);
     drain(*part.follower);
     if (waiting) {
@@ -379,9 +395,13 @@ void Run::begin_anew() {
 
 void Run::end_part() {
   note_standing(part.grab->stop());
-  part.follower->finish();
-  drain(*part.follower);
-  size = part.follower->size();
+  try {
+    part.follower->finish();
+    drain(*part.follower);
+    size = part.follower->size();
+  } catch (const cue::CueError& error) {
+    note_fault(error.what());
+  }
   const std::uint64_t dropped = part.grab->drops().value_or(0);
   if (dropped > 0 && !waiting)
     note_fault(cue::counted(dropped, "datagram") +
@@ -441,13 +461,13 @@ void Run::write_from_change() {
   begin.remove();
   cut.output = begin.path();
   cue::cut(cut);
+  const FileRemoval removal{begin.path()};
   cue::JoinOptions join;
   join.files = {begin.path(), part.file->path()};
   join.output = path();
   join.look = false;
   join.on_damage = cut.on_damage;
   cue::join(join);
-  unlink(begin.path().c_str());
 }
 
 /// Says in words what is in the file. @return whether it is whole, and nothing is missing by its numbers

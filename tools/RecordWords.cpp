@@ -1,5 +1,6 @@
 #include "tools/RecordWords.h"
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdio>
@@ -9,10 +10,6 @@
 
 namespace kadrel_cue {
 namespace {
-
-bool is_control(char letter) {
-  return static_cast<unsigned char>(letter) < ' ' || letter == '\x7F';
-}
 
 /// Bytes of the character of UTF-8 that begins with @p first; 0: none does.
 std::size_t character_size(unsigned first) {
@@ -47,9 +44,8 @@ std::optional<std::string> name_by_time(const std::string& pattern, const std::t
   // 0 for an empty name as well as for one that is too long.
   if (strftime(name.data(), name.size(), pattern.c_str(), &time) == 0) return std::nullopt;
   std::string result = name.data();
-  if (result == "." || result == "..") return std::nullopt;
-  for (const char letter : result)
-    if (letter == '/' || is_control(letter)) return std::nullopt;
+  if (result == "." || result == ".." || result.find('/') != std::string::npos) return std::nullopt;
+  if (has_control_characters(result)) return std::nullopt;
   return result;
 }
 
@@ -59,6 +55,26 @@ std::string numbered_name(const std::string& name, int number) {
   const std::size_t dot = name.rfind('.');
   if (dot == std::string::npos || dot == 0) return name + suffix;
   return name.substr(0, dot) + suffix + name.substr(dot);
+}
+
+std::string waiting_name(const std::string& name) {
+  constexpr std::size_t kMost = 200;  // bytes
+  std::size_t size = std::min(name.size(), kMost);
+  // Not within a character: its other bytes are 10xxxxxx.
+  while (size > 0 && size < name.size() && (static_cast<unsigned char>(name[size]) & 0xC0U) == 0x80) --size;
+  return "." + name.substr(0, size) + ".waiting";
+}
+
+bool has_control_characters(const std::string& text) {
+  unsigned before = 0;
+  for (const char letter : text) {
+    const auto code = static_cast<unsigned char>(letter);
+    if (code < 0x20 || code == 0x7F) return true;
+    // U+0080 to U+009F.
+    if (before == 0xC2 && code < 0xA0) return true;
+    before = code;
+  }
+  return false;
 }
 
 bool is_utf8(const std::string& text) {

@@ -23,6 +23,14 @@ std::optional<std::string> name_by_time(const std::string& pattern, const std::t
 /// "show.cue" as "show-2.cue" where @p number is 2; 1: as it is.
 std::string numbered_name(const std::string& name, int number);
 
+/// The hidden file beside the recording @p name, for the time before the first change: ".show.cue.waiting".
+/// Of a long name only the front, so that it stays a name of UTF-8 when it is numbered, too.
+std::string waiting_name(const std::string& name);
+
+/// Whether a terminal would take a part of a text as a command: control characters (C0, DEL, C1). @param text
+/// UTF-8
+bool has_control_characters(const std::string& text);
+
 /// Whether D-Bus takes a text: UTF-8 (RFC 3629).
 bool is_utf8(const std::string& text);
 

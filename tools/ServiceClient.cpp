@@ -117,6 +117,8 @@ public:
     return call.reply();
   }
 
+  bool is_connected() const { return connection.isConnected(); }
+
   QDBusMessage ask_bus(const char* method, const QVariantList& arguments) {
     QDBusMessage question = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
@@ -181,8 +183,11 @@ ServiceClient::~ServiceClient() = default;
 std::optional<pid_t> ServiceClient::process() {
   const QDBusMessage answer = bus->ask_bus("GetConnectionUnixProcessID", {service_name()});
   const QVariant number = answer.arguments().value(0);
-  if (answer.type() != QDBusMessage::ReplyMessage || number.type() != QVariant::UInt) return std::nullopt;
-  return static_cast<pid_t>(number.toUInt());
+  if (answer.type() == QDBusMessage::ReplyMessage && number.type() == QVariant::UInt)
+    return static_cast<pid_t>(number.toUInt());
+  if (answer.errorName().endsWith(QStringLiteral(".NoReply")) && bus->is_connected())
+    throw cue::CueError("the session bus does not answer");
+  return std::nullopt;
 }
 
 bool ServiceClient::can_be_started() {
@@ -198,7 +203,7 @@ ServiceClient::State ServiceClient::status() {
 }
 
 void ServiceClient::grab(const std::string& path) {
-  bus->ask_service("grab", {QString::fromStdString(path)}, kAnswer);
+  bus->ask_service("grab", {QString::fromStdString(path)}, kNoLimit);
 }
 
 void ServiceClient::stop() {

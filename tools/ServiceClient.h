@@ -27,22 +27,25 @@ public:
   ServiceClient(ServiceClient&&) = delete;
   ServiceClient& operator=(ServiceClient&&) = delete;
 
-  /// Process that has the name of the service now; nothing: nobody. Starts nothing.
+  /// Process that has the name of the service now; nothing: nobody, or the bus has ended. Starts nothing.
+  /// @throws cue::CueError when the bus does not answer
   std::optional<pid_t> process();
 
   /// Whether the bus can start the service.
   bool can_be_started();
 
   // The methods of the service; the bus starts it when it can. Each is waited for 30 s, as long as a bus
-  // takes to give up a start, and stop() for as long as the disk takes. @throws cue::CueError when it does
-  // not answer
+  // takes to give up a start, and what must be known of once it is asked for, for as long as it takes.
+  // @throws cue::CueError when it does not answer
 
   State status();
 
-  /// Asks for a recording; status() tells whether there is one. @param path  absolute
+  /// Asks for a recording, and waits without a limit: a service that hangs would begin it later, and nobody
+  /// would end it. status() tells whether there is one. @param path  absolute
   void grab(const std::string& path);
 
-  /// Ends the recording, whoever has begun it; comes back when the file is complete.
+  /// Ends the recording, whoever has begun it; comes back when the file is complete, however long the disk
+  /// takes.
   void stop();
 
   /// The last recording that has ended, as the service describes it in JSON; waits for its file like stop().

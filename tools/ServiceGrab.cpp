@@ -26,6 +26,14 @@ std::optional<uid_t> user_of(pid_t process) {
   return status.st_uid;
 }
 
+/// The path, spelled such that @p told does not have it: what the service tells of this recording then
+/// differs from what it has told of one with the same name.
+std::string spelled_anew(const std::string& path, const std::string& told) {
+  if (told.find(path) == std::string::npos) return path;
+  const std::size_t name = path.rfind('/') + 1;
+  return path.substr(0, name) + "./" + path.substr(name);
+}
+
 }  // namespace
 
 void ServiceGrab::check_idle(ServiceClient& client) {
@@ -41,13 +49,14 @@ ServiceGrab::ServiceGrab(ServiceClient& asked, const ReservedFile& file)
   service = client.process();
   if (service) port = look_at_service(*service).port;
   drops_before = drops_noted = socket_drops();
-  client.grab(file.path());
-  latest_state = client.status();
+  client.grab(spelled_anew(file.path(), ended_before));
+  // A service that hangs from now on has begun all the same.
   if (!file.was_emptied()) refuse(file);
+  latest_state = State::Armed;
 }
 
 void ServiceGrab::refuse(const ReservedFile& file) const {
-  if (latest_state != State::Off)
+  if (client.status() != State::Off)
     throw cue::CueError(
         "kadrel is busy: somebody else began a recording at the same moment; it goes on, and nothing was "
         "touched");
@@ -63,13 +72,23 @@ void ServiceGrab::refuse(const ReservedFile& file) const {
 
 ServiceGrab::Standing ServiceGrab::look() {
   // Nobody asks a service that is gone: the bus would start another.
-  if (client.process() != service) return Standing::Died;
+  const Standing standing = look_for_process();
+  if (standing != Standing::Ours) return standing;
   try {
     latest_state = client.status();
   } catch (const cue::CueError&) {
-    return client.process() == service ? Standing::Unknown : Standing::Died;
+    return look_for_process() == Standing::Died ? Standing::Died : Standing::Unknown;
   }
   return latest_state == State::Off ? Standing::Ended : Standing::Ours;
+}
+
+ServiceGrab::Standing ServiceGrab::look_for_process() {
+  try {
+    return client.process() == service ? Standing::Ours : Standing::Died;
+  } catch (const cue::CueError&) {
+    // A bus that hangs tells nothing of the service.
+    return Standing::Unknown;
+  }
 }
 
 bool ServiceGrab::is_latest() {
@@ -85,7 +104,7 @@ ServiceGrab::Standing ServiceGrab::stop() {
     if (standing == Standing::Ended || !latest) return Standing::Ended;
     client.stop();
   } catch (const cue::CueError&) {
-    if (client.process() != service) return Standing::Died;
+    if (look_for_process() == Standing::Died) return Standing::Died;
     throw;
   }
   return Standing::Ours;

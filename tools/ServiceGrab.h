@@ -51,6 +51,8 @@ public:
 
 private:
   std::optional<std::uint64_t> socket_drops() const;
+  /// Ours: the service that has begun it is still there.
+  Standing look_for_process();
   [[noreturn]] void refuse(const ReservedFile& file) const;
 
   ServiceClient& client;

@@ -34,10 +34,30 @@ TEST(RecordWords, NamesAreMadeOfDateAndTime) {
 }
 
 TEST(RecordWords, WhatIsNoNameInAFolderIsRefused) {
-  for (const std::string& pattern : {std::string(), std::string("."), std::string(".."), std::string("a/b"),
-                                     std::string("%D"), std::string("a%n"), std::string("%tb"),
-                                     std::string("\x7F"), std::string(256, 'x'), std::string("\0x", 2)})
+  for (const std::string& pattern :
+       {std::string(), std::string("."), std::string(".."), std::string("a/b"), std::string("%D"),
+        std::string("a%n"), std::string("%tb"), std::string("\x7F"), std::string("\xC2\x9B"),
+        std::string(256, 'x'), std::string("\0x", 2)})
     EXPECT_FALSE(name_by_time(pattern, evening())) << pattern;
+}
+
+TEST(RecordWords, TheFileOfTheWaitingHasANameOfUtf8) {
+  EXPECT_EQ(kadrel_cue::waiting_name("show.cue"), ".show.cue.waiting");
+  EXPECT_EQ(kadrel_cue::waiting_name(std::string(200, 'x')), "." + std::string(200, 'x') + ".waiting");
+  EXPECT_EQ(kadrel_cue::waiting_name(std::string(255, 'x')), "." + std::string(200, 'x') + ".waiting");
+  const std::string front(198, 'x');
+  // 2, 3 and 4 bytes, over the 200th.
+  EXPECT_EQ(kadrel_cue::waiting_name(front + "x\xC3\xBCx"), "." + front + "x.waiting");
+  EXPECT_EQ(kadrel_cue::waiting_name(front + "\xC3\xBCx"), "." + front + "\xC3\xBC.waiting");
+  EXPECT_EQ(kadrel_cue::waiting_name(front + "\xE2\x82\xAC"), "." + front + ".waiting");
+  EXPECT_EQ(kadrel_cue::waiting_name(front + "\xF0\x9F\x8E\xAD"), "." + front + ".waiting");
+}
+
+TEST(RecordWords, WhatATerminalTakesAsACommandIsKnown) {
+  for (const char* text : {"\x1B[2J", "a\nb", "\x7F", "\xC2\x80", "\xC2\x9B", "\xC2\x9F", "\t"})
+    EXPECT_TRUE(kadrel_cue::has_control_characters(text)) << text;
+  for (const char* text : {"", "a b", "~", "\xC2\xA0", "\xC3\x80", "\xE2\x82\x9B", "\xF0\x9F\x8E\xAD"})
+    EXPECT_FALSE(kadrel_cue::has_control_characters(text)) << text;
 }
 
 TEST(RecordWords, ANumberStandsBeforeTheExtension) {
