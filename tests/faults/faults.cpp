@@ -213,6 +213,11 @@ ssize_t read(int fd, void* data, size_t size) {
   return strikes_at(fault, fd) ? -1 : next(fd, data, size);
 }
 
+ssize_t pread(int fd, void* data, size_t size, off_t offset) {
+  BEHIND(pread);
+  return strikes_at(fault, fd) ? -1 : next(fd, data, size, offset);
+}
+
 ssize_t write(int fd, const void* data, size_t size) {
   BEHIND(write);
   return strikes_at(fault, fd) ? -1 : next(fd, data, size);
@@ -329,6 +334,12 @@ int fcntl64(int fd, int command, ...) {
   void* const argument = va_arg(rest, void*);
   va_end(rest);
   return strikes_at(fault, fd) ? -1 : next(fd, command, argument);
+}
+
+ssize_t pread64(int fd, void* data, size_t size, off64_t offset) {
+  static const auto next = next_of<decltype(&pread64)>("pread64");
+  static Fault* const fault = find_fault("pread");
+  return strikes_at(fault, fd) ? -1 : next(fd, data, size, offset);
 }
 
 int ftruncate64(int fd, off64_t size) noexcept {

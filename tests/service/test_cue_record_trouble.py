@@ -1,11 +1,14 @@
 """kadrel-cue record where names, buses, services and terminals make trouble."""
 
+import errno
 import os
 import signal
+import subprocess
 
 import pytest
-from harness import Recording, spin_until
+from harness import EXECUTABLE, Recording, spin_until
 from harness.artnet import art_dmx, slots
+from harness.bus import SERVICE
 from harness.faults import FILE
 from test_cue_record import (  # noqa: F401  fixtures are found by their names here
     ENDED,
@@ -226,7 +229,79 @@ def test_a_tool_that_cannot_read_the_file_ends_the_recording(service, record, fo
     assert os.listdir(folder) == []
 
 
+class StartingBus:
+    """A bus that starts the service by a command."""
+
+    CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path={path}</listen>
+  <auth>EXTERNAL</auth>
+  <auth>ANONYMOUS</auth>
+  <allow_anonymous/>
+  <servicedir>{services}</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+    <allow user="*"/>
+  </policy>
+  <limit name="service_start_timeout">{patience}</limit>
+</busconfig>
+"""
+
+    def __init__(self, world, stack, command, patience):
+        """`patience`: ms after which it gives up the start."""
+        services = world.path("services")
+        os.mkdir(services)
+        with open(f"{services}/{SERVICE}.service", "w", encoding="ascii") as file:
+            file.write(f"[D-BUS Service]\nName={SERVICE}\nExec={command}\n")
+        path = world.path("starting")
+        self.address = f"unix:path={path}"
+        with open(f"{path}.conf", "w", encoding="ascii") as file:
+            file.write(self.CONFIGURATION.format(path=path, services=services, patience=patience))
+        daemon = world.namespaces.popen(
+            ["dbus-daemon", f"--config-file={path}.conf", "--nofork", "--nopidfile", "--nosyslog", "--print-address"],
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        stack.callback(daemon.wait)
+        stack.callback(daemon.kill)
+        stack.callback(daemon.stdout.close)
+        assert daemon.stdout.readline()
+
+
+@pytest.mark.parametrize("command, patience", [("/bin/false", 20_000), ("/no/such/program", 20_000), ("/bin/sleep 60", 100)])
+def test_a_service_that_the_bus_cannot_start_is_told(world, record, folder, command, patience):
+    bus = StartingBus(world, record.stack, command, patience)
+    code, out, errors = record.finish(record.start(folder, address=bus.address))
+    assert (code, out) == (1, "")
+    assert errors.startswith("kadrel-cue: kadrel could not be started by the bus (")
+    assert "its log says why: journalctl --user -u kadrel, or /var/log/syslog" in errors
+    assert os.listdir(folder) == []
+
+
+def test_a_service_that_the_bus_starts_records(world, record, folder):
+    bus = StartingBus(world, record.stack, f"{EXECUTABLE} {world.network.service_port}", 20_000)
+    process = record.start(f"{folder}/act.cue", address=bus.address)
+    read_until(process, "recording into")
+    assert record.stop(process) == (1, "", NOTHING)
+    assert os.listdir(folder) == []
+
+
 # ---- disks ----
+
+
+def test_a_file_that_cannot_be_read_any_more_is_told_and_ends_the_recording(service, faults, record, folder):
+    path = f"{folder}/act.cue"
+    process = record.begin(path, prefix=faults.prefix)
+    read_until(process, "recording into")
+    service.feed(frames(5))
+    faults.arm("pread", errno.EIO, FILE)
+    read_until(process, f"kadrel-cue: {path}: Input/output error\n")
+    read_until(process, NOT_WHOLE.format(path))
+    assert record.finish(process)[0] == 1
+    assert service.client.get_status() == "off"
+    assert Recording.read(path).datagrams == frames(5)
 
 
 def test_a_full_disk_is_no_silence(service, record):

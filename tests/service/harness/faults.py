@@ -21,7 +21,7 @@ SECOND = 1_000_000_000
 HELD = -1
 
 NAMES = (
-    "bind close connect fallocate fchmod fcntl fstat ftruncate ioctl nanosleep open pipe2 poll pthread_create read realtime "
+    "bind close connect fallocate fchmod fcntl fstat ftruncate ioctl nanosleep open pipe2 poll pread pthread_create read realtime "
     "recv recvmmsg recvmsg select send sendmsg sendto setsockopt socket statx sync_file_range tmpfile write writev"
 ).split()
 _LINE = struct.Struct("=16siiqqqqq")
