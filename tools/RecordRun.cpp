@@ -371,11 +371,6 @@ void Run::begin_anew() {
     drop_part();
     part = std::move(old);
     drain(*part.follower);
-    if (waiting) {
-      part.file->remove();
-      target->remove();
-      throw;
-    }
     ended = true;
     return note_fault(error.what());
   }

@@ -9,7 +9,7 @@ import pytest
 from harness import EXECUTABLE, Recording, spin_until
 from harness.artnet import art_dmx, slots
 from harness.bus import SERVICE
-from harness.faults import FILE
+from harness.faults import FILE, HELD
 from test_cue_record import (  # noqa: F401  fixtures are found by their names here
     ENDED,
     INTO,
@@ -162,6 +162,42 @@ def test_after_a_tool_that_was_killed_the_recording_goes_on(service, record, fol
     service.client.stop()
     assert Recording.read(f"{folder}/act.cue").datagrams == frames(10)
     assert os.listdir(folder) == ["act.cue"]
+
+
+def begin_anew_with_another(service, process, faults, theirs):
+    """The file of the waiting is begun anew; somebody else takes the service between the two."""
+    read_until(process, "waiting for a change")
+    process.send_signal(signal.SIGSTOP)
+    waiting = os.path.join(os.path.dirname(theirs), ".act.cue.waiting")
+    service.feed(frames(2100, level=9))
+    spin_until(lambda: os.path.getsize(waiting) > 1 << 20, "a large file")
+    struck = faults.struck("open")
+    faults.hold("write", FILE)
+    service.feed(frames(30, level=10))
+    process.send_signal(signal.SIGCONT)
+    read_until(process, "kadrel does not answer")
+    # Of the tool, for the next file.
+    faults.arm("open", kind=FILE, times=1, delay=HELD)
+    faults.disarm("write")
+    faults.wait_until_struck("open", struck)
+    service.client.grab(theirs)
+    faults.disarm("open")
+
+
+def test_a_change_is_kept_when_somebody_else_takes_the_service_before_the_next_file(world, faults, record, folder):
+    service = world.start(prefix=faults.prefix)
+    path = f"{folder}/act.cue"
+    process = record.begin(path, "--on-change", "--wait-size", "1", prefix=faults.prefix)
+    begin_anew_with_another(service, process, faults, f"{folder}/theirs")
+    errors = read_until(process, NOT_WHOLE.format(path))
+    assert "kadrel is busy: somebody else began a recording at the same moment; it goes on" in errors
+    assert record.finish(process)[0] == 1
+    assert Recording.read(path).datagrams == frames(30, level=10)
+    service.feed(frames(5))
+    assert service.client.get_status() == "run"
+    service.client.stop()
+    assert Recording.read(f"{folder}/theirs").datagrams == frames(5)
+    assert sorted(os.listdir(folder)) == ["act.cue", "theirs"]
 
 
 # ---- a service or a bus that hangs or ends ----
