@@ -205,7 +205,7 @@ void Run::begin() {
     begin_part();
   } catch (...) {
     drop_part();
-    target->remove();
+    if (target->is_unused()) target->remove();
     throw;
   }
   begun = grown = Clock::now();
@@ -223,7 +223,11 @@ void Run::begin_part() {
 /// A part that could not be begun: nobody would end what the service may have begun already.
 void Run::drop_part() const {
   if (part.grab) part.grab->stop();
-  if (part.file) part.file->remove();
+  if (!part.file) return;
+  if (part.file->is_unused())
+    part.file->remove();
+  else
+    display.say("what came is in " + part.file->path());
 }
 
 void Run::follow() {
