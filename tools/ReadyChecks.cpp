@@ -10,6 +10,7 @@
 #include "artnet/ArtNet.h"
 #include "artnet/RecordingFormat.h"
 #include "cue/Text.h"
+#include "tools/TrafficWords.h"
 
 namespace kadrel_cue {
 namespace {
@@ -76,9 +77,8 @@ std::string hours_text(double hours) {
 
 /// "3 (0:0:2)".
 std::string universe_text(std::uint16_t universe) {
-  std::string address = cue::port_address_text(universe);
-  std::replace(address.begin(), address.end(), '/', ':');
-  return std::to_string(universe + 1) + " (" + address + ")";
+  const auto address = net_address_text(universe);
+  return std::to_string(universe + 1) + (address ? " (" + *address + ")" : "");
 }
 
 /// "1-4,7", counted from 1; "1-4,7,..." where there is more than fits.
@@ -95,13 +95,6 @@ std::string ranges_text(const std::vector<std::uint16_t>& universes) {
     first = last + 1;
   }
   return text;
-}
-
-std::string address_text(std::uint32_t address) {
-  std::array<char, 16> text{};
-  snprintf(text.data(), text.size(), "%u.%u.%u.%u", address >> 24U, address >> 16U & 0xFFU,
-           address >> 8U & 0xFFU, address & 0xFFU);
-  return text.data();
 }
 
 std::string load_text(const Load& load) {
@@ -387,7 +380,7 @@ Finding check_senders(const Heard& heard) {
   if (!heard.error.empty()) finding.text = "not listened";
   for (std::size_t at = 0; at < std::min(kShown, heard.senders.size()); ++at) {
     const Heard::Sender& sender = heard.senders[at];
-    finding.text += (at > 0 ? ", " : "") + address_text(sender.address);
+    finding.text += (at > 0 ? ", " : "") + ipv4_text(sender.address);
     if (!sender.name.empty()) finding.text += " (" + sender.name + ")";
   }
   if (heard.senders.size() > kShown)

@@ -15,6 +15,7 @@
 #include "unit/cue/errors.h"
 #include "unit/cue/recordings.h"
 #include "unit/cue/refused_call.h"
+#include "unit/support/emulator.h"
 
 using packets::dmx;
 using recordings::Chance;
@@ -347,6 +348,7 @@ TEST(Follower, RefusesWhatIsNoRecording) {
 }
 
 TEST(Follower, NamesAFileThatCannotBeRead) {
+  NOT_UNDER_AN_EMULATOR("seccomp filters");
   Recording recording(kDmx);
   unit::with_refused({{SYS_pread64, EIO}}, [&] {
     cue::Record record;
