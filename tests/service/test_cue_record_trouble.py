@@ -91,6 +91,7 @@ def test_whatever_has_the_name_is_left_alone(service, record, folder, make, opti
 
 def test_a_folder_that_goes_away_leaves_no_recording_behind(service, record, folder):
     process = record.begin(f"{folder}/act.cue")
+    read_until(process, "recording into")
     os.unlink(f"{folder}/act.cue")
     os.rmdir(folder)
     read_until(process, "was moved or removed")

@@ -336,8 +336,7 @@ def two_cycles_of_forged_replies(service, forger, addresses, forged):
     lines = world.log.mark()
     frames = []
     client.grab(path)
-    with FakeNodes(service, forger, forged) as nodes:
-        detection = Detection(service)
+    with FakeNodes(service, forger, forged) as nodes, contextlib.closing(Detection(service)) as detection:
         detection.start()
         for cycle in (1, 2):
             began = now()

@@ -2,7 +2,7 @@
 
 import pytest
 from harness import Recording, spin_until
-from harness.artnet import art_dmx
+from harness.artnet import art_dmx, header
 from harness.show import Show
 from texts import FINALIZED, GRAB, GRABBING_STARTED, STOP, has_ended, losses, lost_nothing, without_losses
 
@@ -11,7 +11,8 @@ FLOOD = 2000
 
 RECORD_ON = art_dmx(8, b"\xff")
 RECORD_OFF = art_dmx(8, b"\x00")
-NO_SHOW = art_dmx(2, b"no part of the show")
+# Art-Net that is never recorded (ArtTimeCode), however late it is read.
+NO_SHOW = header(0x9700) + bytes(9)
 
 
 def queue(service):

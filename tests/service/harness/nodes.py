@@ -62,6 +62,10 @@ class Detection:
         self.listener = (host or self.world.console_host).endpoint(ARTNET_PORT, BROADCAST)
         self._signals = self.client.signals.mark()
 
+    def close(self):
+        """Gives the address of its listener back."""
+        self.listener.close()
+
     def start(self):
         """Starts the polling thread and waits for the ArtPoll of its first cycle."""
         assert self.client.start_polling_artnet_nodes() is True
