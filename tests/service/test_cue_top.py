@@ -328,8 +328,8 @@ def test_what_is_not_seen_is_told_on_the_screen(world, desk, screen):
     with open(world.path("pid"), encoding="ascii") as file:
         pid = int(file.read())
     os.kill(pid, signal.SIGSTOP)
+    window.see("Stopped")  # the shell has the terminal
     flood(desk)
-    os.kill(pid, signal.SIGCONT)
     window.run("fg")
     window.see(r"^ [0-9]+ datagrams not seen: this computer was too slow$")
 
