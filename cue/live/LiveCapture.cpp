@@ -29,9 +29,10 @@ constexpr int kSnapLength = 65535 + 32;
 // before them (29.6 MB).
 constexpr int kBufferSize = 32 * 1024 * 1024;
 
-// Turns of reading before a reader under constant load gets back to its other work: the blocks of libpcap's
-// buffer, 256 KiB each.
-constexpr int kMostTurns = kBufferSize / (256 * 1024);
+// Frames after which a reader gets back to its other work, also one that is slower than what comes. Without
+// a number libpcap goes on for as long as there are any. Ten reads a second take 160,000 frames.
+constexpr int kFramesInATurn = 1000;
+constexpr int kMostTurns = 16;
 
 constexpr int kLinuxSll2 = 276;  // pcap-linktype(7)
 constexpr std::size_t kSll2Interface = 4;
@@ -159,7 +160,7 @@ void LiveCapture::Handle::read(const Visit& visit) {
   visitor = &visit;
   int taken = 0;
   int turns = 0;
-  do taken = pcap_dispatch(pcap.get(), -1, take, reinterpret_cast<std::uint8_t*>(this));
+  do taken = pcap_dispatch(pcap.get(), kFramesInATurn, take, reinterpret_cast<std::uint8_t*>(this));
   while (taken > 0 && ++turns < kMostTurns);
   visitor = nullptr;
   if (failure) std::rethrow_exception(std::exchange(failure, nullptr));

@@ -97,6 +97,23 @@ TEST_F(LiveCapture, SeesWhatGoesToAndFromThePortsOfLighting) {
   EXPECT_EQ(capture.lost(), 0U);
 }
 
+TEST_F(LiveCapture, ComesBackWhenMoreArrivesThanIsTaken) {
+  cue::LiveCapture capture("lo");
+  constexpr int kEnough = 50'000;
+  const std::string payload(1400, 'x');
+  for (int count = 0; count < 1000; ++count) send(payload, "127.0.0.1", 6454);
+  pollfd waiting{capture.descriptor(), POLLIN, 0};
+  ASSERT_EQ(poll(&waiting, 1, 60'000), 1);
+  int taken = 0;
+  capture.read([&](const cue::UdpDatagram&, std::int64_t) {
+    if (++taken > kEnough) return;
+    send(payload, "127.0.0.1", 6454);
+    send(payload, "127.0.0.1", 6454);
+  });
+  EXPECT_GT(taken, 0);
+  EXPECT_LT(taken, kEnough);
+}
+
 TEST_F(LiveCapture, PutsFragmentsTogether) {
   ASSERT_TRUE(shell("ip link set lo mtu 1500"));
   cue::LiveCapture capture("lo");
