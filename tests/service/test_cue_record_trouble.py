@@ -318,11 +318,20 @@ def test_a_service_that_the_bus_cannot_start_is_told(world, record, folder, comm
 
 
 def test_a_service_that_the_bus_starts_records(world, record, folder):
-    bus = StartingBus(world, record.stack, f"{EXECUTABLE} {world.network.service_port}", 20_000)
+    pid_file = world.path("pid")
+    command = f'/bin/sh -c "echo $$ > {pid_file}; exec {EXECUTABLE} {world.network.service_port}"'
+    bus = StartingBus(world, record.stack, command, 20_000)
     process = record.start(f"{folder}/act.cue", address=bus.address)
-    read_until(process, "recording into")
-    assert record.stop(process) == (1, "", NOTHING)
-    assert os.listdir(folder) == []
+    try:
+        read_until(process, "recording into")
+        assert record.stop(process) == (1, "", NOTHING)
+        assert os.listdir(folder) == []
+    finally:
+        # The end of a bus ends no service.
+        with open(pid_file, encoding="ascii") as file:
+            pid = int(file.read())
+        os.kill(pid, signal.SIGTERM)
+        spin_until(lambda: not os.path.exists(f"/proc/{pid}"), "the end of the service")
 
 
 # ---- disks ----
