@@ -44,6 +44,7 @@ def recorded(name, prefix, executable, monkeypatch):
         client.grab(path)
         packets = traffic()
         service.feed(packets[: len(packets) // 2])
+        # No wait for an event: the pause is what is recorded.
         time.sleep(LONG_PAUSE)
         service.feed(packets[len(packets) // 2 :])
         assert client.get_status() == "run"

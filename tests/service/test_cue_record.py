@@ -13,6 +13,7 @@ from harness import Recording, spin_until
 from harness.artnet import art_dmx, dmx_data, slots
 from harness.faults import FILE
 from harness.sanitizers import environment
+from harness.waiting import now
 from test_cue_play_keys import Terminal
 from test_kernel_drops import FLOOD, overflow
 
@@ -453,11 +454,13 @@ def test_a_recording_ends_after_its_time(service, record, folder):
     path = f"{folder}/act.cue"
     process = record.begin(path, "--for", "2")
     assert service.world.console
+    # Before the first datagram: so however late anybody is, less than the whole time is never right.
+    began = now()
     keep_sending(service, record.stack, lambda number: frames(1, first=number + 1))
     code, out, errors = record.finish(process)
+    assert now() - began >= 2
     assert (code, errors) == (0, INTO.format(path))
-    recording = Recording.read(path)
-    assert sum(recording.delays) >= 1_000_000_000
+    assert len(Recording.read(path).datagrams) > 1
     assert service.client.get_status() == "off"
 
 
